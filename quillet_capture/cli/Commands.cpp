@@ -1,0 +1,51 @@
+#include "quillet_capture/cli/Commands.hpp"
+
+#include "quillet_capture/cli/Console.hpp"
+#include "quillet_capture/runtime/MainLoop.hpp"
+
+namespace quillet {
+
+namespace {
+
+// Commands whose machinery has not landed yet show the usage, like an unknown word.
+void notYet()
+{
+    usage();
+}
+
+} // namespace
+
+const std::vector<Command>& commandTable()
+{
+    static const std::vector<Command> table = {
+        {{"setup"}, notYet},
+        {{"import-existing"}, notYet},
+        {{"retry"}, notYet},
+        {{"sync"}, notYet},
+        {{"pair"}, notYet},
+        {{"install"}, notYet},
+        {{"uninstall"}, notYet},
+        {{"status"}, notYet},
+        {{"run"}, [] { cmdRun(); }},
+        {{"version", "--version", "-v"}, [] { out(toolVersion); }},
+    };
+    return table;
+}
+
+void dispatch()
+{
+    if (args.empty()) {
+        usage();
+    }
+    for (const auto& command : commandTable()) {
+        for (const auto& word : command.words) {
+            if (word == args[0]) {
+                command.run();
+                runtime::exitProcess(0);
+            }
+        }
+    }
+    usage();
+}
+
+} // namespace quillet

@@ -1,0 +1,26 @@
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace quillet {
+
+/// One row of the command table: the words that select it and what it runs. A handler that
+/// returns ends the process with status 0; handlers may also end it themselves.
+struct Command {
+    std::vector<std::string> words;
+    std::function<void()> run;
+};
+
+/// The command table, in the order in which words are matched.
+const std::vector<Command>& commandTable();
+
+/// Runs the command named by `args[0]` (exact, case-sensitive) and ends the process; an
+/// unknown or missing word prints the usage. Never returns.
+[[noreturn]] void dispatch();
+
+/// The commands. Each runs on the main thread.
+[[noreturn]] void cmdRun();
+
+} // namespace quillet

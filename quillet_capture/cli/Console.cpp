@@ -1,0 +1,72 @@
+#include "quillet_capture/cli/Console.hpp"
+
+#include "quillet_capture/runtime/MainLoop.hpp"
+
+#include <algorithm>
+#include <cstdio>
+
+namespace quillet {
+
+std::string toolVersion;
+std::string agentLabel;
+std::vector<std::string> args;
+
+void out(std::string_view text)
+{
+    std::fwrite(text.data(), 1, text.size(), stdout);
+    std::fputc('\n', stdout);
+}
+
+void fail(std::string_view text)
+{
+    std::fflush(stdout);
+    std::fwrite(text.data(), 1, text.size(), stderr);
+    std::fputc('\n', stderr);
+    runtime::exitProcess(1);
+}
+
+std::optional<std::string> option(std::string_view name, const std::vector<std::string>& arguments)
+{
+    auto found = std::find(arguments.begin(), arguments.end(), name);
+    if (found == arguments.end() || std::next(found) == arguments.end()) {
+        return std::nullopt;
+    }
+    return *std::next(found);
+}
+
+std::string usageText()
+{
+    return "quillet-capture " + toolVersion + R"( -- Voice Memos to Veldane, without the menu bar app
+
+Usage:
+  quillet-capture setup [--vault <folder>] [--no-upload] [--no-keep-voice-memos]
+                          [--after-transcript '<command>']
+  quillet-capture pair            Connect this Mac to your Veldane account
+  quillet-capture install         Start automatically at login (LaunchAgent)
+  quillet-capture import-existing [--since YYYY-MM-DD]
+                                   Send recordings already in Voice Memos too
+  quillet-capture retry           Upload captures that were skipped or failed
+  quillet-capture sync            Bring transcripts from your Veldane account into the folder
+  quillet-capture uninstall       Remove the LaunchAgent
+  quillet-capture status          Show configuration, access and recent log lines
+  quillet-capture run             Run capture in the foreground (what the LaunchAgent runs)
+  quillet-capture version
+
+--after-transcript runs <command> with /bin/zsh -lc in the folder each time a
+transcript is written (env QUILLET_ID, QUILLET_FILE, QUILLET_FOLDER), for example
+--after-transcript 'claude -p "/inbox"'. An empty command turns it off.
+
+Typical first run:
+  quillet-capture setup        (transcripts go to iCloud Drive/quillet)
+  quillet-capture pair
+  (grant Full Disk Access to this program, see README)
+  quillet-capture install)";
+}
+
+void usage()
+{
+    out(usageText());
+    runtime::exitProcess(0);
+}
+
+} // namespace quillet

@@ -1,0 +1,122 @@
+#include "quillet_capture/platform/Paths.hpp"
+
+#include <cstdlib>
+#include <pwd.h>
+#include <unistd.h>
+
+namespace quillet::Paths {
+
+namespace {
+
+std::optional<std::string> processEnv(const char* name)
+{
+    const char* value = std::getenv(name);
+    if (value == nullptr) {
+        return std::nullopt;
+    }
+    return std::string(value);
+}
+
+std::string homeFrom(const EnvLookup& env)
+{
+    if (auto value = env("HOME"); value && !value->empty()) {
+        return *value;
+    }
+    if (const passwd* entry = getpwuid(getuid()); entry != nullptr && entry->pw_dir != nullptr) {
+        return entry->pw_dir;
+    }
+    return "/";
+}
+
+// XDG base directories must be absolute; a relative or empty value is ignored.
+path xdg(const EnvLookup& env, const char* name, const path& home, const char* fallback)
+{
+    if (auto value = env(name); value && !value->empty() && value->front() == '/') {
+        return *value;
+    }
+    return home / fallback;
+}
+
+} // namespace
+
+Layout layoutFor(Platform platform, const EnvLookup& env)
+{
+    Layout l;
+    l.home = homeFrom(env);
+    const path& home = l.home;
+    if (platform == Platform::macOS) {
+        path support = home / "Library/Application Support/quillet";
+        l.settingsFile = support / "settings.json";
+        l.stateFolder = support;
+        l.logFolder = home / "Library/Logs/quillet";
+        l.agentDefinition = home / "Library/LaunchAgents/se.Brannick.quillet.capture.plist";
+        l.credentialsFile = support / "credentials.json";
+        l.defaultsFile = home / "Library/Preferences/quillet-capture.plist";
+        l.recordingsRoot = support / "Recordings";
+    } else {
+        path config = xdg(env, "XDG_CONFIG_HOME", home, ".config");
+        path state = xdg(env, "XDG_STATE_HOME", home, ".local/state");
+        path data = xdg(env, "XDG_DATA_HOME", home, ".local/share");
+        l.settingsFile = config / "quillet/settings.json";
+        l.stateFolder = state / "quillet";
+        l.logFolder = state / "quillet";
+        l.agentDefinition = config / "systemd/user/se.Brannick.quillet.capture.service";
+        l.credentialsFile = config / "quillet/credentials.json";
+        l.defaultsFile = state / "quillet/defaults.json";
+        l.recordingsRoot = data / "quillet/Recordings";
+    }
+    l.stateFile = l.stateFolder / "state.json";
+    l.logFile = l.logFolder / "quillet.log";
+    l.rotatedLogFile = l.logFolder / "quillet.1.log";
+    l.agentOutputFile = l.logFolder / "quillet-capture.out.log";
+    l.legacyWatcherFile = home / ".voice_memo_watcher_state.json";
+    l.voiceMemosCandidates = {
+        home / "Library/Group Containers/group.com.apple.VoiceMemos.shared/Recordings",
+        home / "Library/Application Support/com.apple.voicememos/Recordings",
+    };
+    l.iCloudDrive = home / "Library/Mobile Documents/com~apple~CloudDocs";
+    l.documentsFolder = home / "Documents";
+    return l;
+}
+
+Layout layout()
+{
+    return layoutFor(current(), processEnv);
+}
+
+path home()
+{
+    return homeFrom(processEnv);
+}
+
+path settingsFile() { return layout().settingsFile; }
+path stateFile() { return layout().stateFile; }
+path logFolder() { return layout().logFolder; }
+path logFile() { return layout().logFile; }
+path rotatedLogFile() { return layout().rotatedLogFile; }
+path agentOutputFile() { return layout().agentOutputFile; }
+path agentDefinition() { return layout().agentDefinition; }
+path credentialsFile() { return layout().credentialsFile; }
+path defaultsFile() { return layout().defaultsFile; }
+path recordingsRoot() { return layout().recordingsRoot; }
+path legacyWatcherFile() { return layout().legacyWatcherFile; }
+std::vector<path> voiceMemosCandidates() { return layout().voiceMemosCandidates; }
+path iCloudDrive() { return layout().iCloudDrive; }
+path documentsFolder() { return layout().documentsFolder; }
+
+std::string expandTilde(std::string_view text)
+{
+    if (text == "~") {
+        return home().string();
+    }
+    if (text.starts_with("~/")) {
+        std::string base = home().string();
+        if (!base.empty() && base.back() == '/') {
+            base.pop_back();
+        }
+        return base + std::string(text.substr(1));
+    }
+    return std::string(text);
+}
+
+} // namespace quillet::Paths

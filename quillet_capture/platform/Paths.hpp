@@ -1,0 +1,76 @@
+#pragma once
+
+#include <filesystem>
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace quillet {
+
+enum class Platform { macOS, linux };
+
+/// Every file location of the program. This is the one place that builds paths from the home
+/// folder; everything else asks here. Each call reads the environment afresh, so a changed
+/// `$HOME` (as in tests) takes effect at once.
+namespace Paths {
+
+using std::filesystem::path;
+
+/// All locations for one platform and one home folder.
+struct Layout {
+    path home;
+    path settingsFile;
+    path stateFolder;      // holds state.json
+    path stateFile;
+    path logFolder;        // log, rotated log and the agent's output file
+    path logFile;
+    path rotatedLogFile;
+    path agentOutputFile;
+    path agentDefinition;  // LaunchAgent plist or systemd user unit
+    path credentialsFile;  // the token file when no Secret Service answers (Linux)
+    path defaultsFile;     // user defaults (Linux; macOS keeps them in CFPreferences)
+    path recordingsRoot;   // the companion recorder's recordings
+    path legacyWatcherFile;
+    std::vector<path> voiceMemosCandidates;
+    path iCloudDrive;
+    path documentsFolder;
+};
+
+/// Looks up an environment variable; absent when unset.
+using EnvLookup = std::function<std::optional<std::string>(const char*)>;
+
+/// The layout of `platform` for the environment `env`. Pure: tests compute both platforms'.
+Layout layoutFor(Platform platform, const EnvLookup& env);
+
+/// The platform this program was built for.
+Platform current();
+
+/// The layout of this platform for the process environment now.
+Layout layout();
+
+/// `$HOME` when set and not empty, else the user database's home folder.
+path home();
+
+path settingsFile();
+path stateFile();
+path logFolder();
+path logFile();
+path rotatedLogFile();
+path agentOutputFile();
+path agentDefinition();
+path credentialsFile();
+path defaultsFile();
+path recordingsRoot();
+path legacyWatcherFile();
+std::vector<path> voiceMemosCandidates();
+path iCloudDrive();
+path documentsFolder();
+
+/// Replaces a leading "~" (alone or followed by "/") with the home folder; anything else is
+/// returned unchanged.
+std::string expandTilde(std::string_view text);
+
+} // namespace Paths
+} // namespace quillet

@@ -1,0 +1,24 @@
+#pragma once
+
+#include <string>
+
+namespace quillet::System {
+
+/// The computer's name for the start line of `run`: the localised computer name on macOS,
+/// `gethostname` on Linux; "?" when the system gives none.
+std::string hostName();
+
+/// The operating system's name as the start line of `run` shows it: "macOS", or `uname -s`.
+std::string osName();
+
+/// The operating system's version: the product version on macOS, `uname -r` on Linux.
+std::string osVersion();
+
+/// Hands `url` to the desktop (`open` on macOS, `xdg-open` on Linux) without waiting for it;
+/// failures are ignored.
+void openURL(const std::string& url);
+
+/// Writes `message` to the system log (and nothing else).
+void systemLog(const std::string& message);
+
+} // namespace quillet::System

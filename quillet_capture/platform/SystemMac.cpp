@@ -1,0 +1,80 @@
+#include "quillet_capture/platform/Paths.hpp"
+#include "quillet_capture/platform/System.hpp"
+
+#include <CoreFoundation/CoreFoundation.h>
+#include <SystemConfiguration/SystemConfiguration.h>
+
+#include <fcntl.h>
+#include <os/log.h>
+#include <spawn.h>
+#include <sys/sysctl.h>
+#include <sys/wait.h>
+
+#include <thread>
+#include <unistd.h>
+
+extern char** environ;
+
+namespace quillet {
+
+Platform Paths::current()
+{
+    return Platform::macOS;
+}
+
+namespace System {
+
+std::string hostName()
+{
+    CFStringRef name = SCDynamicStoreCopyComputerName(nullptr, nullptr);
+    if (name == nullptr) {
+        return "?";
+    }
+    char buffer[512] = {};
+    bool ok = CFStringGetCString(name, buffer, sizeof buffer, kCFStringEncodingUTF8);
+    CFRelease(name);
+    return ok && buffer[0] != '\0' ? buffer : "?";
+}
+
+std::string osName()
+{
+    return "macOS";
+}
+
+std::string osVersion()
+{
+    char version[64] = {};
+    size_t size = sizeof version;
+    if (sysctlbyname("kern.osproductversion", version, &size, nullptr, 0) != 0) {
+        return "?";
+    }
+    return version;
+}
+
+void openURL(const std::string& url)
+{
+    // open(1) returns as soon as Launch Services has the URL; it is still not waited for.
+    pid_t child = 0;
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
+    const char* argv[] = {"/usr/bin/open", url.c_str(), nullptr};
+    if (posix_spawn(&child, argv[0], &actions, nullptr, const_cast<char* const*>(argv), environ) == 0) {
+        // Reap it in the background so that it leaves no zombie.
+        std::thread([child] {
+            int status = 0;
+            waitpid(child, &status, 0);
+        }).detach();
+    }
+    posix_spawn_file_actions_destroy(&actions);
+}
+
+void systemLog(const std::string& message)
+{
+    os_log(OS_LOG_DEFAULT, "%{public}s", message.c_str());
+}
+
+} // namespace System
+} // namespace quillet
