@@ -1,0 +1,143 @@
+#include "quillet_capture/util/AtomicFile.hpp"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <random>
+#include <system_error>
+
+namespace quillet {
+
+namespace {
+
+constexpr std::string_view kTempMarker = ".quillet-tmp-";
+
+[[noreturn]] void throwErrno(const std::string& what)
+{
+    throw std::system_error(errno, std::generic_category(), what);
+}
+
+// macOS's fsync leaves the data in the drive's cache; F_FULLFSYNC is what reaches the disk.
+int flushToDisk(int fd)
+{
+#if defined(F_FULLFSYNC)
+    if (::fcntl(fd, F_FULLFSYNC) == 0) {
+        return 0;
+    }
+#endif
+    return ::fsync(fd);
+}
+
+std::string randomSuffix()
+{
+    static thread_local std::mt19937_64 generator{std::random_device{}()};
+    static constexpr char kDigits[] = "0123456789abcdefghijklmnopqrstuvwxyz";
+    std::string suffix;
+    for (int i = 0; i < 10; ++i) {
+        suffix += kDigits[generator() % 36];
+    }
+    return suffix;
+}
+
+} // namespace
+
+void writeFileAtomically(const std::filesystem::path& file, std::string_view contents, mode_t mode)
+{
+    auto folder = file.parent_path();
+    if (folder.empty()) {
+        folder = ".";
+    }
+    // A dot name keeps the temporary file out of folder listings that skip hidden files.
+    auto temp = folder / ("." + file.filename().string() + std::string(kTempMarker) + randomSuffix());
+    int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
+    if (fd < 0) {
+        throwErrno("cannot create " + temp.string());
+    }
+    auto fail = [&](const std::string& what) {
+        int saved = errno;
+        ::close(fd);
+        ::unlink(temp.c_str());
+        errno = saved;
+        throwErrno(what);
+    };
+    // The umask may have narrowed the mode; owner-only files must stay exactly as asked.
+    if (::fchmod(fd, mode) != 0) {
+        fail("cannot set the mode of " + temp.string());
+    }
+    const char* data = contents.data();
+    size_t left = contents.size();
+    while (left > 0) {
+        ssize_t written = ::write(fd, data, left);
+        if (written < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            fail("cannot write " + temp.string());
+        }
+        data += written;
+        left -= static_cast<size_t>(written);
+    }
+    if (flushToDisk(fd) != 0) {
+        fail("cannot flush " + temp.string());
+    }
+    if (::close(fd) != 0) {
+        int saved = errno;
+        ::unlink(temp.c_str());
+        errno = saved;
+        throwErrno("cannot close " + temp.string());
+    }
+    if (::rename(temp.c_str(), file.c_str()) != 0) {
+        int saved = errno;
+        ::unlink(temp.c_str());
+        errno = saved;
+        throwErrno("cannot replace " + file.string());
+    }
+    // Without flushing the folder, a power cut can lose the rename and leave the old file
+    // (or none).
+    int dir = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (dir >= 0) {
+        flushToDisk(dir);
+        ::close(dir);
+    }
+}
+
+std::optional<std::string> readWholeFile(const std::filesystem::path& file)
+{
+    int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        return std::nullopt;
+    }
+    struct stat info {};
+    if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
+        ::close(fd);
+        return std::nullopt;
+    }
+    std::string contents;
+    contents.reserve(static_cast<size_t>(info.st_size));
+    char buffer[65536];
+    for (;;) {
+        ssize_t n = ::read(fd, buffer, sizeof buffer);
+        if (n < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            ::close(fd);
+            return std::nullopt;
+        }
+        if (n == 0) {
+            break;
+        }
+        contents.append(buffer, static_cast<size_t>(n));
+    }
+    ::close(fd);
+    return contents;
+}
+
+bool isAtomicWriteLeftover(std::string_view fileName)
+{
+    return fileName.starts_with('.') && fileName.find(kTempMarker) != std::string_view::npos;
+}
+
+} // namespace quillet
