@@ -22,5 +22,13 @@ const std::vector<Command>& commandTable();
 
 /// The commands. Each runs on the main thread.
 [[noreturn]] void cmdRun();
+/// Writes the agent definition and loads it; ends through `fail` when it cannot.
+void cmdInstall();
+/// Unloads the agent and deletes its definition; always succeeds.
+void cmdUninstall();
+
+/// Runs `body` with the background agent stopped and restarts it afterwards (when it is
+/// installed), printing why when it cannot. Main thread.
+void withAgentStopped(const std::function<void()>& body);
 
 } // namespace quillet

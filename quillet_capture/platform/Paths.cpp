@@ -50,6 +50,7 @@ Layout layoutFor(Platform platform, const EnvLookup& env)
         l.stateFolder = support;
         l.logFolder = home / "Library/Logs/quillet";
         l.agentDefinition = home / "Library/LaunchAgents/se.Brannick.quillet.capture.plist";
+        l.oldAgentDefinition = home / "Library/LaunchAgents/se.kestrin.pellam-capture.plist";
         l.credentialsFile = support / "credentials.json";
         l.defaultsFile = home / "Library/Preferences/quillet-capture.plist";
         l.recordingsRoot = support / "Recordings";
@@ -61,6 +62,7 @@ Layout layoutFor(Platform platform, const EnvLookup& env)
         l.stateFolder = state / "quillet";
         l.logFolder = state / "quillet";
         l.agentDefinition = config / "systemd/user/se.Brannick.quillet.capture.service";
+        l.oldAgentDefinition = config / "systemd/user/se.kestrin.pellam-capture.service";
         l.credentialsFile = config / "quillet/credentials.json";
         l.defaultsFile = state / "quillet/defaults.json";
         l.recordingsRoot = data / "quillet/Recordings";
@@ -84,6 +86,11 @@ Layout layout()
     return layoutFor(current(), processEnv);
 }
 
+Layout layout(Platform platform)
+{
+    return layoutFor(platform, processEnv);
+}
+
 path home()
 {
     return homeFrom(processEnv);
@@ -96,6 +103,7 @@ path logFile() { return layout().logFile; }
 path rotatedLogFile() { return layout().rotatedLogFile; }
 path agentOutputFile() { return layout().agentOutputFile; }
 path agentDefinition() { return layout().agentDefinition; }
+path oldAgentDefinition() { return layout().oldAgentDefinition; }
 path credentialsFile() { return layout().credentialsFile; }
 path defaultsFile() { return layout().defaultsFile; }
 path recordingsRoot() { return layout().recordingsRoot; }

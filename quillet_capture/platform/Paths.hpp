@@ -29,6 +29,7 @@ struct Layout {
     path rotatedLogFile;
     path agentOutputFile;
     path agentDefinition;  // LaunchAgent plist or systemd user unit
+    path oldAgentDefinition; // the predecessor Pellam's agent definition
     path credentialsFile;  // the token file when no Secret Service answers (Linux)
     path defaultsFile;     // user defaults (Linux; macOS keeps them in CFPreferences)
     path recordingsRoot;   // the companion recorder's recordings
@@ -50,6 +51,10 @@ Platform current();
 /// The layout of this platform for the process environment now.
 Layout layout();
 
+/// The layout of `platform` for the process environment now (the launchd and systemd agent
+/// back ends each use their own platform's layout, whichever platform runs them).
+Layout layout(Platform platform);
+
 /// `$HOME` when set and not empty, else the user database's home folder.
 path home();
 
@@ -60,6 +65,7 @@ path logFile();
 path rotatedLogFile();
 path agentOutputFile();
 path agentDefinition();
+path oldAgentDefinition();
 path credentialsFile();
 path defaultsFile();
 path recordingsRoot();

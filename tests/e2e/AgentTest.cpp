@@ -1,0 +1,186 @@
+#include "quillet_capture/platform/Paths.hpp"
+
+#include "tests/support/Scratch.hpp"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+namespace quillet {
+namespace {
+
+namespace fs = std::filesystem;
+
+// `install` and `uninstall` through the built program, with a scratch home and a fake
+// `systemctl` first in PATH that records its calls and fails the verbs it is told to.
+struct AgentTest : ::testing::Test {
+    test::ScratchHome home;
+    test::ScratchDir bin;
+    fs::path unit = home.path() / ".config/systemd/user/se.Brannick.quillet.capture.service";
+    fs::path outputFile = home.path() / ".local/state/quillet/quillet-capture.out.log";
+    std::string name = "se.Brannick.quillet.capture.service";
+
+    void SetUp() override
+    {
+        if (Paths::current() != Platform::linux) {
+            GTEST_SKIP() << "the program manages a systemd unit only on Linux";
+        }
+        test::writeFile(bin.path() / "systemctl", "#!/bin/sh\n"
+                                                  "here=$(dirname \"$0\")\n"
+                                                  "printf '%s\\n' \"$*\" >> \"$here/calls\"\n"
+                                                  "if [ -f \"$here/fail\" ] && grep -qx \"$2\" \"$here/fail\"; then\n"
+                                                  "  echo \"Failed to $2: boom\"; exit 1\n"
+                                                  "fi\n");
+        fs::permissions(bin.path() / "systemctl", fs::perms::owner_all);
+    }
+
+    std::string path() const
+    {
+        const char* system = std::getenv("PATH");
+        return bin.path().string() + ":" + (system ? system : "/usr/bin:/bin");
+    }
+
+    test::ProcessResult run(const std::vector<std::string>& arguments, const std::string& program = test::programPath())
+    {
+        return test::runProcess(program, arguments, {{"PATH", path()}});
+    }
+
+    std::vector<std::string> calls() const { return test::readLines(bin.path() / "calls"); }
+
+    std::string installedText(const std::string& program) const
+    {
+        return "Installed. quillet-capture now runs at login and restarts if it stops.\n"
+               "  program: " +
+               program +
+               "\n"
+               "  agent:   " +
+               unit.string() +
+               "\n"
+               "\n"
+               "Check it with: quillet-capture status\n";
+    }
+
+    std::vector<std::string> logMessages() const
+    {
+        std::vector<std::string> messages;
+        for (const auto& line : test::readLines(home.path() / ".local/state/quillet/quillet.log")) {
+            messages.push_back(line.substr(line.find(' ') + 1));
+        }
+        return messages;
+    }
+};
+
+TEST_F(AgentTest, InstallTwiceReplacesTheUnitAndRestartsIt)
+{
+    const std::string program = fs::canonical(test::programPath()).string();
+    for (int round = 0; round < 2; ++round) {
+        auto result = run({"install"});
+        EXPECT_EQ(result.status, 0) << result.errors;
+        EXPECT_EQ(result.output, installedText(program));
+    }
+    EXPECT_EQ(calls(), (std::vector<std::string>{
+                           "--user disable --now " + name,
+                           "--user daemon-reload",
+                           "--user enable --now " + name,
+                           "--user disable --now " + name,
+                           "--user daemon-reload",
+                           "--user enable --now " + name,
+                       }));
+    auto text = test::readFile(unit);
+    EXPECT_NE(text.find("ExecStart=" + program + " run\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("StandardOutput=append:" + outputFile.string() + "\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("StandardError=append:" + outputFile.string() + "\n"), std::string::npos) << text;
+    EXPECT_TRUE(fs::is_directory(outputFile.parent_path()));
+    EXPECT_EQ(logMessages(), (std::vector<std::string>{
+                                 "[quillet] capture-cli: LaunchAgent installed (" + program + ")",
+                                 "[quillet] capture-cli: LaunchAgent installed (" + program + ")",
+                             }));
+}
+
+TEST_F(AgentTest, InstallThroughASymbolicLinkWritesTheResolvedProgram)
+{
+    fs::create_directories(home.path() / "bin");
+    fs::create_symlink(test::programPath(), home.path() / "bin/quillet-capture");
+    auto result = run({"install"}, (home.path() / "bin/quillet-capture").string());
+    ASSERT_EQ(result.status, 0) << result.errors;
+    const std::string program = fs::canonical(test::programPath()).string();
+    EXPECT_EQ(result.output, installedText(program));
+    EXPECT_NE(test::readFile(unit).find("ExecStart=" + program + " run\n"), std::string::npos);
+}
+
+TEST_F(AgentTest, InstallFromDownloadsIsRefusedBeforeAnythingIsWritten)
+{
+    fs::path copy = home.path() / "Downloads/quillet-capture/quillet-capture";
+    fs::create_directories(copy.parent_path());
+    fs::copy_file(test::programPath(), copy);
+    fs::permissions(copy, fs::perms::owner_all);
+
+    auto result = run({"install"}, copy.string());
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.output, "");
+    EXPECT_EQ(result.errors, "Move the quillet-capture folder somewhere permanent first (for example\n"
+                             "~/Applications/quillet-capture/) and run install from there. The LaunchAgent\n"
+                             "and the Full Disk Access grant both point at this exact path.\n");
+    EXPECT_FALSE(fs::exists(unit));
+    EXPECT_FALSE(fs::exists(home.path() / ".local/state/quillet"));
+    EXPECT_TRUE(calls().empty());
+}
+
+TEST_F(AgentTest, UninstallWhenNothingIsInstalledStillSucceeds)
+{
+    auto result = run({"uninstall"});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.output, "Removed. Capture no longer starts at login. Settings and the Keychain token are kept.\n");
+    EXPECT_EQ(calls(), (std::vector<std::string>{"--user disable --now " + name}));
+    EXPECT_EQ(logMessages(), (std::vector<std::string>{"[quillet] capture-cli: LaunchAgent removed"}));
+}
+
+TEST_F(AgentTest, FailingServiceManagerEndsInstallWithItsOwnText)
+{
+    test::writeFile(bin.path() / "fail", "enable\n");
+    auto result = run({"install"});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.output, "");
+    EXPECT_EQ(result.errors, "systemctl enable failed: Failed to enable: boom\n\n");
+    EXPECT_TRUE(logMessages().empty());
+}
+
+TEST_F(AgentTest, MissingServiceManagerEndsInstallButNotUninstall)
+{
+    fs::remove(bin.path() / "systemctl");
+    auto installed = test::runProcess(test::programPath(), {"install"}, {{"PATH", bin.path().string()}});
+    EXPECT_EQ(installed.status, 1);
+    EXPECT_EQ(installed.errors, "systemctl enable failed: systemctl: not found in PATH\n");
+
+    auto removed = test::runProcess(test::programPath(), {"uninstall"}, {{"PATH", bin.path().string()}});
+    EXPECT_EQ(removed.status, 0);
+    EXPECT_FALSE(fs::exists(unit));
+}
+
+TEST_F(AgentTest, UnitFolderThatCannotBeWrittenEndsInstall)
+{
+    // A file where the folder should be stops even root, unlike a permission bit.
+    test::writeFile(home.path() / ".config/systemd", "not a folder");
+    auto result = run({"install"});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.errors, "Could not write " + unit.string() + ": Not a directory\n");
+    EXPECT_TRUE(calls().empty());
+}
+
+TEST_F(AgentTest, InstallRemovesThePredecessorsUnitFirst)
+{
+    fs::path old = home.path() / ".config/systemd/user/se.kestrin.pellam-capture.service";
+    test::writeFile(old, "[Unit]\n");
+    auto result = run({"install"});
+    ASSERT_EQ(result.status, 0) << result.errors;
+    EXPECT_TRUE(result.output.starts_with("Removed the old pellam-capture LaunchAgent.\nInstalled. "))
+        << result.output;
+    EXPECT_FALSE(fs::exists(old));
+    auto all = calls();
+    ASSERT_GE(all.size(), 2u);
+    EXPECT_EQ(all[0], "--user disable --now se.kestrin.pellam-capture.service");
+    EXPECT_EQ(all[1], "--user daemon-reload");
+}
+
+} // namespace
+} // namespace quillet

@@ -1,0 +1,481 @@
+#include "quillet_capture/platform/AgentManager.hpp"
+
+#include "quillet_capture/config/Log.hpp"
+#include "quillet_capture/platform/Paths.hpp"
+#include "quillet_capture/platform/Process.hpp"
+#include "tests/support/Scratch.hpp"
+
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+
+namespace quillet {
+namespace {
+
+namespace fs = std::filesystem;
+
+// A stand-in for launchctl or systemctl: records each call as one line in "calls" beside
+// itself, fails the verbs listed in "fail" with a message, and answers "print"/"is-active"
+// with success only while a file "loaded" exists.
+struct FakeManager {
+    test::ScratchDir dir;
+    fs::path program = dir.path() / "manager";
+
+    explicit FakeManager(int verbPosition)
+    {
+        test::writeFile(program, "#!/bin/sh\n"
+                                 "here=$(dirname \"$0\")\n"
+                                 "printf '%s\\n' \"$*\" >> \"$here/calls\"\n"
+                                 "eval verb=\\${" +
+                                     std::to_string(verbPosition) +
+                                     "}\n"
+                                     "if [ -f \"$here/fail\" ] && grep -qx \"$verb\" \"$here/fail\"; then\n"
+                                     "  echo \"Failed to $verb: boom\"; exit 5\n"
+                                     "fi\n"
+                                     "case \"$verb\" in print|is-active) [ -f \"$here/loaded\" ] || exit 3;; esac\n"
+                                     "exit 0\n");
+        fs::permissions(program, fs::perms::owner_all);
+    }
+
+    std::vector<std::string> calls() const { return test::readLines(dir.path() / "calls"); }
+    void clearCalls() const { fs::remove(dir.path() / "calls"); }
+    void failVerb(const std::string& verb) const { test::writeFile(dir.path() / "fail", verb + "\n"); }
+    void setLoaded(bool loaded) const
+    {
+        if (loaded) {
+            test::writeFile(dir.path() / "loaded", "");
+        } else {
+            fs::remove(dir.path() / "loaded");
+        }
+    }
+};
+
+struct Printed {
+    std::vector<std::string> lines;
+    AgentManager::Print print()
+    {
+        return [this](std::string_view line) { lines.emplace_back(line); };
+    }
+};
+
+std::vector<std::string> logMessages()
+{
+    QuilletLog::drain();
+    std::vector<std::string> messages;
+    for (const auto& line : test::readLines(Paths::logFile())) {
+        messages.push_back(line.substr(line.find(' ') + 1));
+    }
+    return messages;
+}
+
+// --- shell and friends -------------------------------------------------------------------
+
+TEST(Shell, CollectsBothStreamsAndTheStatusWithoutAShell)
+{
+    auto echoed = shell("/bin/echo", {"$HOME;", "a b", "*"});
+    EXPECT_EQ(echoed.status, 0);
+    EXPECT_EQ(echoed.output, "$HOME; a b *\n");
+
+    auto mixed = shell("/bin/sh", {"-c", "echo out; echo err >&2; exit 7"});
+    EXPECT_EQ(mixed.status, 7);
+    EXPECT_EQ(mixed.output, "out\nerr\n");
+
+    auto killed = shell("/bin/sh", {"-c", "kill -KILL $$"});
+    EXPECT_EQ(killed.status, 9);
+}
+
+TEST(Shell, UnstartableProgramGivesMinusOneAndTheReason)
+{
+    auto missing = shell("/nonexistent/launchctl", {"print"});
+    EXPECT_EQ(missing.status, -1);
+    EXPECT_EQ(missing.output, "/nonexistent/launchctl: No such file or directory");
+}
+
+TEST(Shell, OutputThatIsNotUtf8ReadsAsEmpty)
+{
+    auto result = shell("/usr/bin/printf", {"caf\\351\\n"});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.output, "");
+    EXPECT_EQ(shell("/usr/bin/printf", {"caf\\303\\251"}).output, "caf\xC3\xA9");
+}
+
+TEST(ProcessOutputText, RepairReplacesEachBrokenSequenceOnce)
+{
+    using Process::InvalidUtf8;
+    EXPECT_EQ(Process::outputText("plain \xE2\x82\xAC \xF0\x9F\x8E\x99", InvalidUtf8::repair),
+              "plain \xE2\x82\xAC \xF0\x9F\x8E\x99");
+    // A character cut off at the end, a stray continuation byte, an overlong form and a
+    // surrogate each become one replacement character.
+    EXPECT_EQ(Process::outputText("ab\xE2\x82", InvalidUtf8::repair), "ab\xEF\xBF\xBD");
+    EXPECT_EQ(Process::outputText("\x80x", InvalidUtf8::repair), "\xEF\xBF\xBDx");
+    EXPECT_EQ(Process::outputText("\xC0\xAF", InvalidUtf8::repair), "\xEF\xBF\xBD\xEF\xBF\xBD");
+    EXPECT_EQ(Process::outputText("\xED\xA0\x80", InvalidUtf8::repair), "\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD");
+    EXPECT_EQ(Process::outputText("\xF4\x90\x80\x80", InvalidUtf8::empty), "");
+    EXPECT_EQ(Process::outputText("", InvalidUtf8::empty), "");
+}
+
+TEST(ProcessFindInPath, TakesTheFirstExecutableFileInPathOrder)
+{
+    test::ScratchDir dir;
+    test::writeFile(dir.path() / "a/tool", "not executable");
+    test::writeFile(dir.path() / "b/tool", "#!/bin/sh\n");
+    fs::permissions(dir.path() / "b/tool", fs::perms::owner_all);
+    test::writeFile(dir.path() / "c/tool", "#!/bin/sh\n");
+    fs::permissions(dir.path() / "c/tool", fs::perms::owner_all);
+    fs::create_directories(dir.path() / "d/dir-tool");
+
+    std::string saved = std::getenv("PATH") ? std::getenv("PATH") : "";
+    std::string path = (dir.path() / "a").string() + ":" + (dir.path() / "b").string() + ":" +
+                       (dir.path() / "c").string() + ":" + (dir.path() / "d").string();
+    setenv("PATH", path.c_str(), 1);
+    auto found = Process::findInPath("tool");
+    auto folder = Process::findInPath("dir-tool");
+    auto missing = Process::findInPath("systemctl");
+    setenv("PATH", saved.c_str(), 1);
+
+    EXPECT_EQ(found, (dir.path() / "b/tool").string());
+    EXPECT_EQ(folder, std::nullopt);
+    EXPECT_EQ(missing, std::nullopt);
+}
+
+// --- launchd -------------------------------------------------------------------------------
+
+struct LaunchdTest : ::testing::Test {
+    test::ScratchHome home;
+    FakeManager launchctl{1};
+    LaunchdAgentManager manager{launchctl.program.string()};
+    Printed printed;
+    std::string gui = "gui/" + std::to_string(::getuid());
+    fs::path plist = home.path() / "Library/LaunchAgents/se.Brannick.quillet.capture.plist";
+    fs::path oldPlist = home.path() / "Library/LaunchAgents/se.kestrin.pellam-capture.plist";
+};
+
+TEST_F(LaunchdTest, PropertyListHoldsExactlyTheSevenKeys)
+{
+    std::string out = (home.path() / "Library/Logs/quillet/quillet-capture.out.log").string();
+    EXPECT_EQ(manager.definition("/Users/ana/Apps/Tom & Jerry <1>/quillet-capture"),
+              "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+              "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" "
+              "\"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
+              "<plist version=\"1.0\">\n"
+              "<dict>\n"
+              "\t<key>KeepAlive</key>\n"
+              "\t<true/>\n"
+              "\t<key>Label</key>\n"
+              "\t<string>se.Brannick.quillet.capture</string>\n"
+              "\t<key>ProgramArguments</key>\n"
+              "\t<array>\n"
+              "\t\t<string>/Users/ana/Apps/Tom &amp; Jerry &lt;1&gt;/quillet-capture</string>\n"
+              "\t\t<string>run</string>\n"
+              "\t</array>\n"
+              "\t<key>RunAtLoad</key>\n"
+              "\t<true/>\n"
+              "\t<key>StandardErrorPath</key>\n"
+              "\t<string>" +
+                  out +
+                  "</string>\n"
+                  "\t<key>StandardOutPath</key>\n"
+                  "\t<string>" +
+                  out +
+                  "</string>\n"
+                  "\t<key>ThrottleInterval</key>\n"
+                  "\t<integer>30</integer>\n"
+                  "</dict>\n"
+                  "</plist>\n");
+}
+
+TEST_F(LaunchdTest, InstallWritesBootsOutAndBootstrapsAndCanBeRepeated)
+{
+    const std::string program = "/opt/quillet/quillet-capture";
+    for (int round = 0; round < 2; ++round) {
+        launchctl.clearCalls();
+        printed.lines.clear();
+        manager.install(program, printed.print());
+        EXPECT_EQ(launchctl.calls(), (std::vector<std::string>{
+                                         "bootout " + gui + " " + plist.string(),
+                                         "bootstrap " + gui + " " + plist.string(),
+                                     }));
+        EXPECT_EQ(printed.lines, (std::vector<std::string>{
+                                     "Installed. quillet-capture now runs at login and restarts if it stops.",
+                                     "  program: " + program,
+                                     "  agent:   " + plist.string(),
+                                     "",
+                                     "Check it with: quillet-capture status",
+                                 }));
+        EXPECT_EQ(test::readFile(plist), manager.definition(program));
+        struct stat info {};
+        ASSERT_EQ(::stat(plist.c_str(), &info), 0);
+        EXPECT_EQ(info.st_mode & 0777, 0644u);
+    }
+    EXPECT_TRUE(fs::is_directory(home.path() / "Library/Logs/quillet"));
+    auto messages = logMessages();
+    EXPECT_EQ(std::count(messages.begin(), messages.end(),
+                         "[quillet] capture-cli: LaunchAgent installed (/opt/quillet/quillet-capture)"),
+              2);
+}
+
+TEST_F(LaunchdTest, RefusedLocationsWriteNothing)
+{
+    for (const char* program : {"/Users/ana/Downloads/quillet-capture/quillet-capture",
+                                "/private/var/folders/x/AppTranslocation/ABC/d/quillet-capture"}) {
+        try {
+            manager.install(program, printed.print());
+            ADD_FAILURE() << "install accepted " << program;
+        } catch (const AgentManager::Error& error) {
+            EXPECT_STREQ(error.what(),
+                         "Move the quillet-capture folder somewhere permanent first (for example\n"
+                         "~/Applications/quillet-capture/) and run install from there. The LaunchAgent\n"
+                         "and the Full Disk Access grant both point at this exact path.");
+        }
+    }
+    EXPECT_FALSE(fs::exists(plist));
+    EXPECT_FALSE(fs::exists(home.path() / "Library/Logs/quillet"));
+    EXPECT_TRUE(launchctl.calls().empty());
+    // A folder merely named like one is fine.
+    EXPECT_NO_THROW(manager.install("/Users/ana/MyDownloads/quillet-capture", printed.print()));
+}
+
+TEST_F(LaunchdTest, FailedBootstrapEndsInstallWithLaunchctlsText)
+{
+    launchctl.failVerb("bootstrap");
+    try {
+        manager.install("/opt/q/quillet-capture", printed.print());
+        ADD_FAILURE() << "install succeeded";
+    } catch (const AgentManager::Error& error) {
+        EXPECT_STREQ(error.what(), "launchctl bootstrap failed: Failed to bootstrap: boom\n");
+    }
+    EXPECT_TRUE(printed.lines.empty());
+    EXPECT_TRUE(fs::exists(plist)); // written before launchctl was asked
+}
+
+TEST_F(LaunchdTest, UnwritableLaunchAgentsFolderEndsInstall)
+{
+    test::writeFile(home.path() / "Library/LaunchAgents", "a file where the folder should be");
+    try {
+        manager.install("/opt/q/quillet-capture", printed.print());
+        ADD_FAILURE() << "install succeeded";
+    } catch (const AgentManager::Error& error) {
+        EXPECT_EQ(std::string(error.what()), "Could not write " + plist.string() + ": Not a directory");
+    }
+    EXPECT_TRUE(launchctl.calls().empty());
+}
+
+TEST_F(LaunchdTest, OldPellamAgentIsRemovedFirstAndOnlyWhenPresent)
+{
+    manager.removeOldPellamAgent(printed.print());
+    EXPECT_TRUE(printed.lines.empty());
+    EXPECT_TRUE(launchctl.calls().empty());
+
+    test::writeFile(oldPlist, "<plist/>");
+    launchctl.failVerb("bootout"); // its result does not matter
+    manager.install("/opt/q/quillet-capture", printed.print());
+    EXPECT_FALSE(fs::exists(oldPlist));
+    ASSERT_FALSE(printed.lines.empty());
+    EXPECT_EQ(printed.lines.front(), "Removed the old pellam-capture LaunchAgent.");
+    ASSERT_FALSE(launchctl.calls().empty());
+    EXPECT_EQ(launchctl.calls().front(), "bootout " + gui + " " + oldPlist.string());
+}
+
+TEST_F(LaunchdTest, UninstallAlwaysSucceeds)
+{
+    launchctl.failVerb("bootout");
+    manager.uninstall(printed.print());
+    EXPECT_EQ(printed.lines, (std::vector<std::string>{
+                                 "Removed. Capture no longer starts at login. Settings and the Keychain token are kept.",
+                             }));
+    EXPECT_EQ(launchctl.calls(), (std::vector<std::string>{"bootout " + gui + " " + plist.string()}));
+
+    test::writeFile(plist, "<plist/>");
+    test::writeFile(oldPlist, "<plist/>");
+    manager.uninstall(printed.print());
+    EXPECT_FALSE(fs::exists(plist));
+    EXPECT_TRUE(fs::exists(oldPlist)); // the predecessor's agent is install's business
+    EXPECT_EQ(logMessages(), (std::vector<std::string>{
+                                 "[quillet] capture-cli: LaunchAgent removed",
+                                 "[quillet] capture-cli: LaunchAgent removed",
+                             }));
+}
+
+TEST_F(LaunchdTest, AgentLoadedAsksLaunchctlPrint)
+{
+    EXPECT_FALSE(manager.agentLoaded());
+    launchctl.setLoaded(true);
+    EXPECT_TRUE(manager.agentLoaded());
+    EXPECT_EQ(launchctl.calls().back(), "print " + gui + "/se.Brannick.quillet.capture");
+    EXPECT_FALSE(LaunchdAgentManager("/nonexistent/launchctl").agentLoaded());
+}
+
+TEST_F(LaunchdTest, WithAgentStoppedStopsRunsAndRestarts)
+{
+    test::writeFile(plist, "<plist/>");
+    launchctl.setLoaded(true);
+    std::vector<std::string> callsDuringBody;
+    manager.withAgentStopped([&] { callsDuringBody = launchctl.calls(); }, printed.print());
+    EXPECT_EQ(callsDuringBody, (std::vector<std::string>{
+                                   "print " + gui + "/se.Brannick.quillet.capture",
+                                   "bootout " + gui + " " + plist.string(),
+                               }));
+    EXPECT_EQ(launchctl.calls().back(), "bootstrap " + gui + " " + plist.string());
+    EXPECT_TRUE(printed.lines.empty());
+}
+
+TEST_F(LaunchdTest, WithAgentStoppedLoadsAnInstalledAgentThatWasNotLoaded)
+{
+    test::writeFile(plist, "<plist/>");
+    bool ran = false;
+    manager.withAgentStopped([&] { ran = true; }, printed.print());
+    EXPECT_TRUE(ran);
+    EXPECT_EQ(launchctl.calls(), (std::vector<std::string>{
+                                     "print " + gui + "/se.Brannick.quillet.capture",
+                                     "bootstrap " + gui + " " + plist.string(),
+                                 }));
+}
+
+TEST_F(LaunchdTest, WithAgentStoppedReportsAFailedRestartAndGoesOn)
+{
+    test::writeFile(plist, "<plist/>");
+    launchctl.failVerb("bootstrap");
+    manager.withAgentStopped([] {}, printed.print());
+    EXPECT_EQ(printed.lines, (std::vector<std::string>{
+                                 "Could not restart the agent: Failed to bootstrap: boom\n. Run: quillet-capture install",
+                             }));
+}
+
+TEST_F(LaunchdTest, WithAgentStoppedWithoutPlistRunsTheBodyThenSaysNotInstalled)
+{
+    launchctl.setLoaded(true); // loaded without a plist: stopped and left stopped
+    manager.withAgentStopped([&] { printed.lines.push_back("body"); }, printed.print());
+    EXPECT_EQ(printed.lines, (std::vector<std::string>{
+                                 "body",
+                                 "The capture agent is not installed. Run: quillet-capture install",
+                             }));
+    EXPECT_EQ(launchctl.calls().back(), "bootout " + gui + " " + plist.string());
+}
+
+TEST_F(LaunchdTest, WithAgentStoppedRestartsEvenWhenTheBodyThrows)
+{
+    test::writeFile(plist, "<plist/>");
+    EXPECT_THROW(manager.withAgentStopped([] { throw std::runtime_error("body failed"); }, printed.print()),
+                 std::runtime_error);
+    EXPECT_EQ(launchctl.calls().back(), "bootstrap " + gui + " " + plist.string());
+}
+
+// --- systemd -------------------------------------------------------------------------------
+
+struct SystemdTest : ::testing::Test {
+    test::ScratchHome home;
+    FakeManager systemctl{2};
+    SystemdAgentManager manager{systemctl.program.string()};
+    Printed printed;
+    fs::path unit = home.path() / ".config/systemd/user/se.Brannick.quillet.capture.service";
+    std::string name = "se.Brannick.quillet.capture.service";
+};
+
+TEST_F(SystemdTest, UnitRunsTheProgramAndAppendsItsOutput)
+{
+    std::string out = (home.path() / ".local/state/quillet/quillet-capture.out.log").string();
+    EXPECT_EQ(manager.definitionFile(), unit);
+    EXPECT_EQ(manager.layout().oldAgentDefinition,
+              home.path() / ".config/systemd/user/se.kestrin.pellam-capture.service");
+    EXPECT_EQ(manager.definition("/opt/quillet/quillet-capture"),
+              "[Unit]\n"
+              "Description=quillet-capture: voice recordings to transcribed notes\n"
+              "\n"
+              "[Service]\n"
+              "ExecStart=/opt/quillet/quillet-capture run\n"
+              "Restart=always\n"
+              "RestartSec=30\n"
+              "StandardOutput=append:" +
+                  out +
+                  "\n"
+                  "StandardError=append:" +
+                  out +
+                  "\n"
+                  "\n"
+                  "[Install]\n"
+                  "WantedBy=default.target\n");
+}
+
+TEST_F(SystemdTest, ExecStartQuotesPathsThatSystemdWouldSplitOrExpand)
+{
+    auto text = manager.definition("/home/ana/My Apps/100% \"q\"/$bin\\quillet-capture");
+    EXPECT_NE(text.find("ExecStart=\"/home/ana/My Apps/100%% \\\"q\\\"/$$bin\\\\quillet-capture\" run\n"),
+              std::string::npos)
+        << text;
+}
+
+TEST_F(SystemdTest, FailedReloadOrEnableEndsInstall)
+{
+    for (const char* verb : {"daemon-reload", "enable"}) {
+        systemctl.failVerb(verb);
+        try {
+            manager.install("/opt/q/quillet-capture", printed.print());
+            ADD_FAILURE() << "install succeeded";
+        } catch (const AgentManager::Error& error) {
+            EXPECT_EQ(std::string(error.what()), std::string("systemctl enable failed: Failed to ") + verb + ": boom\n");
+        }
+    }
+}
+
+TEST_F(SystemdTest, WithAgentStoppedAroundAnActiveUnit)
+{
+    test::writeFile(unit, "[Unit]\n");
+    systemctl.setLoaded(true);
+    std::vector<std::string> callsDuringBody;
+    manager.withAgentStopped([&] { callsDuringBody = systemctl.calls(); }, printed.print());
+    EXPECT_EQ(callsDuringBody, (std::vector<std::string>{
+                                   "--user is-active --quiet " + name,
+                                   "--user disable --now " + name,
+                               }));
+    EXPECT_EQ(systemctl.calls(), (std::vector<std::string>{
+                                     "--user is-active --quiet " + name,
+                                     "--user disable --now " + name,
+                                     "--user daemon-reload",
+                                     "--user enable --now " + name,
+                                 }));
+    EXPECT_TRUE(printed.lines.empty());
+}
+
+TEST_F(SystemdTest, WithAgentStoppedWithoutAUnit)
+{
+    manager.withAgentStopped([&] { printed.lines.push_back("body"); }, printed.print());
+    EXPECT_EQ(systemctl.calls(), (std::vector<std::string>{"--user is-active --quiet " + name}));
+    EXPECT_EQ(printed.lines, (std::vector<std::string>{
+                                 "body",
+                                 "The capture agent is not installed. Run: quillet-capture install",
+                             }));
+}
+
+TEST_F(SystemdTest, UninstallForgetsTheUnitOnlyWhenOneWasRemoved)
+{
+    manager.uninstall(printed.print());
+    EXPECT_EQ(systemctl.calls(), (std::vector<std::string>{"--user disable --now " + name}));
+    systemctl.clearCalls();
+    test::writeFile(unit, "[Unit]\n");
+    manager.uninstall(printed.print());
+    EXPECT_FALSE(fs::exists(unit));
+    EXPECT_EQ(systemctl.calls(), (std::vector<std::string>{"--user disable --now " + name, "--user daemon-reload"}));
+}
+
+TEST_F(SystemdTest, SystemctlIsFoundThroughPath)
+{
+    SystemdAgentManager searching;
+    std::string saved = std::getenv("PATH") ? std::getenv("PATH") : "";
+    setenv("PATH", (systemctl.dir.path().string() + ":/usr/bin:/bin").c_str(), 1);
+    fs::rename(systemctl.program, systemctl.dir.path() / "systemctl");
+    systemctl.setLoaded(true);
+    bool loaded = searching.agentLoaded();
+    setenv("PATH", "/nonexistent", 1);
+    bool loadedWithoutSystemctl = searching.agentLoaded();
+    setenv("PATH", saved.c_str(), 1);
+    EXPECT_TRUE(loaded);
+    EXPECT_FALSE(loadedWithoutSystemctl);
+    EXPECT_EQ(systemctl.calls(), (std::vector<std::string>{"--user is-active --quiet " + name}));
+}
+
+} // namespace
+} // namespace quillet
