@@ -1,0 +1,190 @@
+#include "quillet_capture/capture/CaptureGuards.hpp"
+
+#include "quillet_capture/platform/AudioDuration.hpp"
+
+#include <sys/stat.h>
+
+#include <charconv>
+#include <cstdio>
+#include <stdexcept>
+
+namespace quillet::CaptureGuards {
+
+namespace {
+
+std::string lowerAscii(std::string text)
+{
+    for (char& c : text) {
+        if (c >= 'A' && c <= 'Z') {
+            c = static_cast<char>(c - 'A' + 'a');
+        }
+    }
+    return text;
+}
+
+std::string_view trimBlanks(std::string_view text)
+{
+    size_t first = text.find_first_not_of(" \t");
+    if (first == std::string_view::npos) {
+        return {};
+    }
+    size_t last = text.find_last_not_of(" \t");
+    return text.substr(first, last - first + 1);
+}
+
+// The whole text as a double in the C locale: an optional sign, decimal or exponent notation,
+// "inf", "infinity" or "nan". Anything left over, or any leading white space, and it is not a
+// number.
+std::optional<double> readDouble(std::string_view text)
+{
+    if (text.size() > 1 && text[0] == '+' && text[1] != '-' && text[1] != '+') {
+        text.remove_prefix(1);
+    }
+    double value = 0;
+    auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (error != std::errc() || end != text.data() + text.size()) {
+        return std::nullopt;
+    }
+    return value;
+}
+
+std::string formatted(const char* format, double first, double second)
+{
+    char text[128];
+    std::snprintf(text, sizeof text, format, first, second);
+    return text;
+}
+
+} // namespace
+
+std::optional<std::int64_t> defaultSize(const std::filesystem::path& file)
+{
+    struct stat info {};
+    if (::stat(file.c_str(), &info) != 0) {
+        return std::nullopt;
+    }
+    return static_cast<std::int64_t>(info.st_size);
+}
+
+std::optional<TimePoint> defaultModified(const std::filesystem::path& file)
+{
+    struct stat info {};
+    if (::stat(file.c_str(), &info) != 0) {
+        return std::nullopt;
+    }
+#ifdef __APPLE__
+    const timespec& stamp = info.st_mtimespec;
+#else
+    const timespec& stamp = info.st_mtim;
+#endif
+    // A time point holds a limited span (the years 1678 to 2261 where it counts nanoseconds);
+    // a date outside it, which only a hand-set time stamp has, is treated as unreadable.
+    constexpr auto limit =
+        std::chrono::duration_cast<std::chrono::seconds>(TimePoint::duration::max()).count() - 1;
+    if (stamp.tv_sec > limit || stamp.tv_sec < -limit) {
+        return std::nullopt;
+    }
+    using std::chrono::duration_cast;
+    return TimePoint(duration_cast<TimePoint::duration>(std::chrono::seconds(stamp.tv_sec)) +
+                     duration_cast<TimePoint::duration>(std::chrono::nanoseconds(stamp.tv_nsec)));
+}
+
+bool defaultFileExists(const std::filesystem::path& file)
+{
+    struct stat info {};
+    return ::stat(file.c_str(), &info) == 0;
+}
+
+std::optional<double> defaultDuration(const std::filesystem::path& file)
+{
+    return AudioDuration::read(file);
+}
+
+std::optional<double> parseDuration(std::string_view afinfoOutput)
+{
+    size_t start = 0;
+    while (start <= afinfoOutput.size()) {
+        size_t end = afinfoOutput.find_first_of("\r\n", start);
+        if (end == std::string_view::npos) {
+            end = afinfoOutput.size();
+        }
+        std::string_view line = trimBlanks(afinfoOutput.substr(start, end - start));
+        if (size_t unit = line.find(" sec"); unit != std::string_view::npos) {
+            if (auto value = readDouble(trimBlanks(line.substr(0, unit)))) {
+                return value;
+            }
+        }
+        start = end + 1;
+    }
+    return std::nullopt;
+}
+
+bool isStable(const std::filesystem::path& file, std::int64_t initialSize, int tries, Seconds interval,
+              const std::function<std::optional<std::int64_t>(const std::filesystem::path&)>& size,
+              runtime::Clock& clock)
+{
+    if (tries < 0) {
+        throw std::invalid_argument("CaptureGuards::isStable: tries must not be negative");
+    }
+    std::int64_t previous = initialSize;
+    for (int sample = 0; sample < tries; ++sample) {
+        clock.sleep(interval);
+        auto current = size(file);
+        if (!current) {
+            return false;
+        }
+        if (*current == previous) {
+            return true;
+        }
+        previous = *current;
+    }
+    return false;
+}
+
+Verdict evaluate(const std::filesystem::path& file, TimePoint now, const Probes& probes, runtime::Clock& clock)
+{
+    auto size = probes.size(file);
+    if (!size) {
+        return Verdict::defer("cannot stat file");
+    }
+    // An iCloud placeholder that is still being filled; this comes before the .qta checks so
+    // that an empty recording is never skipped for its twin.
+    if (*size == 0) {
+        return Verdict::defer("0-byte file, sync in flight");
+    }
+
+    std::string extension = file.extension().string();
+    if (!extension.empty()) {
+        extension.erase(0, 1);
+    }
+    if (lowerAscii(extension) == "qta") {
+        // Voice Memos records into a .qta file and writes the finished .m4a next to it; the
+        // .m4a is captured in its own right, the .qta never.
+        auto twin = file;
+        twin.replace_extension("m4a");
+        if (probes.fileExists(twin)) {
+            return Verdict::skip(twin.filename().string() + " is the canonical twin");
+        }
+        if (auto modified = probes.modified(file)) {
+            double age = std::chrono::duration<double>(now - *modified).count();
+            if (age < qtaMinAge) {
+                return Verdict::defer(formatted("young .qta (%.0fs < %.0fs), may still be recording", age, qtaMinAge));
+            }
+        }
+    }
+
+    bool stable = probes.stabilitySampler ? probes.stabilitySampler(file)
+                                          : isStable(file, *size, stabilityTries, stabilityInterval, probes.size, clock);
+    if (!stable) {
+        return Verdict::defer("size still changing");
+    }
+
+    // An absent duration (the reader failed) lets the file through: better an upload the
+    // service rejects than a recording that is never captured.
+    if (auto duration = probes.duration(file); duration && *duration < minDuration) {
+        return Verdict::skip(formatted("audio too short (%.2fs < %.2fs)", *duration, minDuration));
+    }
+    return Verdict::proceed();
+}
+
+} // namespace quillet::CaptureGuards
