@@ -23,4 +23,9 @@ const std::vector<Command>& commandTable();
 /// The commands. Each runs on the main thread.
 [[noreturn]] void cmdRun();
 
+/// `setup`: chooses the vault, creates its inbox, writes the settings and prints a summary.
+/// Options are read from `arguments` (the whole command line, command word included); ends
+/// the process through `fail` when the inbox cannot be created.
+void cmdSetup(const std::vector<std::string>& arguments);
+
 } // namespace quillet
