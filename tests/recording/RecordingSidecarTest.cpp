@@ -62,17 +62,6 @@ TEST(RecordingEnums, RawValuesAndNames)
     EXPECT_EQ(audioOutputKindFrom("airpods"), std::nullopt);
 }
 
-TEST(RecordingConstants, TextsAndOrigins)
-{
-    EXPECT_EQ(RecordingChannelLayout::stereoMicrophoneAndSystem, "L=microphone,R=system");
-    EXPECT_EQ(RecordingChannelLayout::stereoSystemOnly, "L=system-left,R=system-right");
-    EXPECT_EQ(RecordingChannelLayout::mixed, "mixed (see segments)");
-    EXPECT_EQ(RecordingConstants::aggregateUIDPrefix, "se.Brannick.quillet.recorder.");
-    EXPECT_TRUE(RecordingConstants::isRecorderOrigin("quillet_recorder"));
-    EXPECT_TRUE(RecordingConstants::isRecorderOrigin("pellam_recorder"));
-    EXPECT_FALSE(RecordingConstants::isRecorderOrigin("voice_memo"));
-}
-
 TEST(RecordingPaths, LiveUnderTheRecordingsRoot)
 {
     test::ScratchHome home;
