@@ -18,7 +18,7 @@ void notYet()
 const std::vector<Command>& commandTable()
 {
     static const std::vector<Command> table = {
-        {{"setup"}, notYet},
+        {{"setup"}, [] { cmdSetup(args); }},
         {{"import-existing"}, notYet},
         {{"retry"}, notYet},
         {{"sync"}, notYet},

@@ -31,4 +31,9 @@ void cmdUninstall();
 /// installed), printing why when it cannot. Main thread.
 void withAgentStopped(const std::function<void()>& body);
 
+/// `setup`: chooses the vault, creates its inbox, writes the settings and prints a summary.
+/// Options are read from `arguments` (the whole command line, command word included); ends
+/// the process through `fail` when the inbox cannot be created.
+void cmdSetup(const std::vector<std::string>& arguments);
+
 } // namespace quillet

@@ -1,12 +1,11 @@
 #include "quillet_capture/cli/Commands.hpp"
 #include "quillet_capture/cli/Console.hpp"
 #include "quillet_capture/config/Log.hpp"
-#include "quillet_capture/platform/Paths.hpp"
+#include "quillet_capture/config/Settings.hpp"
 #include "quillet_capture/platform/System.hpp"
 #include "quillet_capture/runtime/MainLoop.hpp"
 
 #include <csignal>
-#include <filesystem>
 
 namespace quillet {
 
@@ -15,9 +14,13 @@ void cmdRun()
     rlog("[quillet] capture-cli: run %@ (%@, " + System::osName() + " %@)", toolVersion, System::hostName(),
          System::osVersion());
 
-    std::error_code error;
-    if (!std::filesystem::exists(Paths::settingsFile(), error)) {
+    auto& settings = Settings::shared();
+    if (settings.isFirstRun()) {
         rlog("[quillet] capture-cli: no settings file -- run setup first");
+        runtime::exitProcess(1);
+    }
+    if (settings.enabledWatchedFolders().empty()) {
+        rlog("[quillet] capture-cli: no watched folders enabled -- run setup");
         runtime::exitProcess(1);
     }
 

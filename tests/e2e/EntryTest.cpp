@@ -61,9 +61,32 @@ TEST_F(EntryTest, RunBeforeSetupLogsTwoLinesAndFails)
     // The same lines reach standard error (the system log's echo).
     EXPECT_NE(result.errors.find("no settings file -- run setup first"), std::string::npos);
 }
+// The required keys of a settings file, with the Voice Memos capture switch as given.
+std::string settingsWithVoiceMemos(bool enabled)
+{
+    return std::string(R"({"vaultPath": "~/v", "vaultName": "v", "additionalPaths": [], "refreshInterval": 60,
+        "recentDays": 7, "maxFiles": 500, "includeExtensions": [], "excludeDirs": [],
+        "captureVoiceMemosEnabled": )") + (enabled ? "true" : "false") + "}";
+}
+
+TEST_F(EntryTest, RunWithoutAnEnabledFolderLogsTwoLinesAndFails)
+{
+    test::writeFile(home.path() / ".config/quillet/settings.json", settingsWithVoiceMemos(false));
+    auto result = run({"run"});
+    EXPECT_EQ(result.status, 1);
+    auto messages = logMessages();
+    ASSERT_EQ(messages.size(), 2u);
+    EXPECT_EQ(messages[1], "[quillet] capture-cli: no watched folders enabled -- run setup");
+
+    // A broken file reads as the defaults, whose only folder is off.
+    test::writeFile(home.path() / ".config/quillet/settings.json", "{}");
+    EXPECT_EQ(run({"run"}).status, 1);
+    EXPECT_EQ(logMessages().back(), "[quillet] capture-cli: no watched folders enabled -- run setup");
+}
+
 TEST_F(EntryTest, SigtermStopsARunningAgentCleanly)
 {
-    test::writeFile(home.path() / ".config/quillet/settings.json", "{}");
+    test::writeFile(home.path() / ".config/quillet/settings.json", settingsWithVoiceMemos(true));
     test::ChildProcess agent(test::programPath(), {"run"});
     ASSERT_TRUE(test::eventually([&] { return !logMessages().empty(); }));
     // The handler is armed right after the start line; give the agent a moment to get there.

@@ -1,0 +1,111 @@
+#include "quillet_capture/cli/Commands.hpp"
+#include "quillet_capture/cli/Console.hpp"
+#include "quillet_capture/config/Settings.hpp"
+#include "quillet_capture/config/WatchedFolder.hpp"
+#include "quillet_capture/platform/Paths.hpp"
+
+#include <algorithm>
+#include <filesystem>
+
+namespace quillet {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+bool hasFlag(const std::vector<std::string>& arguments, std::string_view flag)
+{
+    return std::find(arguments.begin(), arguments.end(), flag) != arguments.end();
+}
+
+// The vault named by --vault, or the iCloud Drive folder when the Mac has one (so notes show
+// up in Files on the phone), else the documents folder.
+std::string chooseVault(const std::vector<std::string>& arguments)
+{
+    if (auto vault = option("--vault", arguments)) {
+        // An empty value (an unset shell variable, say) would put the inbox at the root.
+        if (vault->empty()) {
+            fail("--vault needs a folder");
+        }
+        return Paths::expandTilde(*vault);
+    }
+    std::error_code ignored;
+    if (fs::is_directory(Paths::iCloudDrive(), ignored)) {
+        out("No --vault given: using iCloud Drive/quillet (visible in Files on your iPhone).");
+        return Paths::iCloudDrive().string() + "/quillet";
+    }
+    out("No --vault given and iCloud Drive is off on this Mac: using ~/Documents/quillet.");
+    return Paths::documentsFolder().string() + "/quillet";
+}
+
+// Every "--watch <folder>", in order; a second mention of the same folder (by id, so "~/x"
+// and its absolute form are one folder) is dropped.
+std::vector<WatchedFolder> watchOptions(const std::vector<std::string>& arguments)
+{
+    std::vector<WatchedFolder> folders;
+    for (size_t i = 0; i + 1 < arguments.size(); ++i) {
+        if (arguments[i] != "--watch") {
+            continue;
+        }
+        auto folder = WatchedFolder::generic(arguments[++i]);
+        bool known = std::any_of(folders.begin(), folders.end(), [&](const auto& f) { return f.id == folder.id; });
+        if (!known) {
+            folders.push_back(std::move(folder));
+        }
+    }
+    return folders;
+}
+
+std::string onOff(bool on)
+{
+    return on ? "on" : "off";
+}
+
+} // namespace
+
+void cmdSetup(const std::vector<std::string>& arguments)
+{
+    std::string vault = chooseVault(arguments);
+
+    std::error_code error;
+    fs::create_directories(vault + "/_inbox", error);
+    if (error) {
+        fail("Could not create " + vault + "/_inbox: " + error.message());
+    }
+
+    bool upload = !hasFlag(arguments, "--no-upload");
+    bool keepVoiceMemos = !hasFlag(arguments, "--no-keep-voice-memos");
+    auto extraFolders = watchOptions(arguments);
+
+    auto& store = Settings::shared();
+    AppSettings changed = store.settings;
+    changed.vaultPath = vault;
+    changed.vaultName = WatchedFolder::lastPathComponent(vault);
+    changed.additionalPaths = {};
+    changed.remotesPath = std::nullopt;
+    changed.watchedFoldersRaw = std::vector{WatchedFolder::voiceMemos(true)};
+    changed.watchedFoldersRaw->insert(changed.watchedFoldersRaw->end(), extraFolders.begin(), extraFolders.end());
+    changed.captureVoiceMemosEnabled = true;
+    changed.captureVeldaneEnabled = upload;
+    changed.keepVoiceMemosRunning = keepVoiceMemos;
+    if (auto command = option("--after-transcript", arguments)) {
+        auto trimmed = Settings::trimmed(*command);
+        changed.afterTranscriptCommand = trimmed.empty() ? std::nullopt : std::optional(trimmed);
+    }
+    store.settings = changed;
+    store.save();
+
+    out("Saved " + fs::absolute(Settings::fileURL(), error).string());
+    out("  vault:              " + vault);
+    out("  Voice Memos folder: " + WatchedFolder::voiceMemos(true).url().string());
+    for (const auto& folder : extraFolders) {
+        out("  watched folder:     " + folder.path);
+    }
+    out("  upload to Veldane: " + onOff(upload));
+    out("  keep Voice Memos running: " + onOff(keepVoiceMemos));
+    out("  after a transcript: " + changed.afterTranscriptCommand.value_or("off"));
+    out();
+    out(std::string("Next: quillet-capture pair") + (upload ? "" : "  (only needed for upload)"));
+}
+
+} // namespace quillet

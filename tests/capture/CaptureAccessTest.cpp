@@ -1,0 +1,149 @@
+#include "quillet_capture/capture/CaptureAccess.hpp"
+
+#include "tests/support/Scratch.hpp"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <unistd.h>
+
+namespace quillet {
+namespace {
+
+namespace fs = std::filesystem;
+using CaptureAccess::State;
+
+struct CaptureAccessTest : ::testing::Test {
+    test::ScratchHome home;
+    fs::path folder = home.path() / "Recordings";
+
+    State check(bool enabled = true) { return CaptureAccess::check(folder, CaptureAccess::audioExtensions, enabled); }
+    void touch(const std::string& name) { test::writeFile(folder / name, "x"); }
+};
+
+TEST_F(CaptureAccessTest, ClassifiesWhatIsOnDisk)
+{
+    EXPECT_EQ(check(), State::missing());
+    EXPECT_EQ(check(false), State::notConfigured()); // disabled wins even without a folder
+
+    test::writeFile(folder, "not a folder");
+    EXPECT_EQ(check(), State::missing());
+    fs::remove(folder);
+
+    fs::create_directories(folder);
+    EXPECT_EQ(check(), State::empty());
+
+    touch(".hidden.m4a");
+    touch(".DS_Store");
+    touch("20240501 093000.qta");
+    touch("notes.txt");
+    touch("m4a");
+    EXPECT_EQ(check(), State::empty());
+
+    touch("20240501 093000-AB12CD34.M4A");
+    EXPECT_EQ(check(), State::ok(1));
+    EXPECT_EQ(check().summary("Voice Memos"), "Voice Memos: 1 file visible");
+
+    touch("second.wav");
+    touch("third.m4a");
+    EXPECT_EQ(check(), State::ok(3));
+    EXPECT_EQ(CaptureAccess::check(folder, {"qta"}, true), State::ok(1));
+    EXPECT_EQ(CaptureAccess::check(folder, {}, true), State::empty());
+    EXPECT_EQ(check(false), State::notConfigured());
+}
+
+TEST_F(CaptureAccessTest, UnreadableFolderIsDenied)
+{
+    if (geteuid() == 0) {
+        GTEST_SKIP() << "root reads every folder";
+    }
+    fs::create_directories(folder);
+    touch("a.m4a");
+    fs::permissions(folder, fs::perms::none);
+    EXPECT_EQ(check(), State::denied());
+}
+
+TEST(CaptureAccessState, PropertiesAndEquality)
+{
+    EXPECT_TRUE(State::ok(2).isUsable());
+    for (auto state : {State::empty(), State::denied(), State::missing(), State::notConfigured()}) {
+        EXPECT_FALSE(state.isUsable());
+    }
+    EXPECT_FALSE(State::ok(2).needsAttention());
+    EXPECT_FALSE(State::notConfigured().needsAttention());
+    EXPECT_TRUE(State::empty().needsAttention());
+    EXPECT_TRUE(State::denied().needsAttention());
+    EXPECT_TRUE(State::missing().needsAttention());
+    EXPECT_NE(State::ok(1), State::ok(2));
+    EXPECT_NE(State::empty(), State::missing());
+}
+
+TEST(CaptureAccessState, SummariesAndExplanations)
+{
+    EXPECT_EQ(State::ok(12).summary("Phone"), "Phone: 12 files visible");
+    EXPECT_EQ(State::ok(12).menuSummary(), "Voice Memos: 12 files visible");
+    EXPECT_EQ(State::ok(0).summary("Phone"), "Phone: 0 files visible");
+    EXPECT_EQ(State::empty().summary("Phone"), "Phone: readable but no audio files");
+    EXPECT_EQ(State::denied().summary("Phone"), "Full Disk Access needed");
+    EXPECT_EQ(State::missing().menuSummary(), "Voice Memos folder not found");
+    EXPECT_EQ(State::notConfigured().summary("Phone"), "Capture is off");
+
+    EXPECT_EQ(State::ok(1).explanation(), "quillet can read the Voice Memos folder (1 file).");
+    EXPECT_EQ(State::ok(7).explanation(), "quillet can read the Voice Memos folder (7 files).");
+    EXPECT_EQ(State::empty().explanation(),
+              "quillet can read the Voice Memos folder, but it contains no audio files. This usually means macOS is "
+              "keeping the recordings in iCloud rather than on this Mac \xE2\x80\x94 the audio is stored as CloudKit "
+              "assets that quillet cannot read by filename. Open Voice Memos and check whether recordings are "
+              "downloaded to this Mac, or run capture on a Mac that keeps local copies.");
+    EXPECT_EQ(State::missing().explanation(),
+              "The Voice Memos folder does not exist on this Mac. That is normal if Voice Memos has never been used "
+              "here. quillet will pick it up automatically once the folder appears.");
+    EXPECT_EQ(State::notConfigured().explanation(), "Voice Memos capture is switched off in Settings.");
+
+    // Written with explicit UTF-8 bytes: curly quotes E2 80 9C/9D, ellipsis E2 80 A6, minus
+    // sign E2 88 92, apostrophe E2 80 99.
+    const std::string denied =
+        "macOS is blocking quillet from reading the Voice Memos folder.\n"
+        "\n"
+        "1. Click \xE2\x80\x9COpen Full Disk Access settings\xE2\x80\xA6\xE2\x80\x9D above.\n"
+        "2. If quillet is already listed, switch it ON. If it is not listed, click + and choose quillet from "
+        "Applications.\n"
+        "3. Click \xE2\x80\x9CRestart quillet\xE2\x80\x9D. macOS applies the grant only when an app starts, so "
+        "nothing changes until it restarts.\n"
+        "\n"
+        "Still blocked afterwards? Remove quillet from the list with the \xE2\x88\x92 button, then add it again with "
+        "+. macOS ties the permission to the app\xE2\x80\x99s code signature, so a rebuilt or replaced copy of the app "
+        "is treated as a different app and needs re-granting.";
+    EXPECT_EQ(State::denied().explanation(), denied);
+}
+
+TEST(CaptureAccessVoiceMemos, PrefersTheGroupContainerAndFallsBackToIt)
+{
+    test::ScratchHome home;
+    const fs::path group = home.path() / "Library/Group Containers/group.com.apple.VoiceMemos.shared/Recordings";
+    const fs::path older = home.path() / "Library/Application Support/com.apple.voicememos/Recordings";
+    EXPECT_EQ(CaptureAccess::voiceMemosURL(), group);
+    fs::create_directories(older);
+    EXPECT_EQ(CaptureAccess::voiceMemosURL(), older);
+    fs::create_directories(group);
+    EXPECT_EQ(CaptureAccess::voiceMemosURL(), group);
+}
+
+TEST(CaptureAccessSettings, OpensTheFullDiskAccessPane)
+{
+    test::ScratchHome home;
+    const fs::path bin = home.path() / "bin";
+    const fs::path opened = home.path() / "opened";
+    test::writeFile(bin / "xdg-open", "#!/bin/sh\nprintf '%s' \"$1\" > '" + opened.string() + "'\n");
+    fs::permissions(bin / "xdg-open", fs::perms::owner_all);
+    std::string savedPath = std::getenv("PATH") ? std::getenv("PATH") : "";
+    setenv("PATH", (bin.string() + ":" + savedPath).c_str(), 1);
+
+    EXPECT_TRUE(CaptureAccess::openFullDiskAccessSettings());
+    EXPECT_TRUE(test::eventually([&] { return fs::exists(opened) && !test::readFile(opened).empty(); }));
+    EXPECT_EQ(test::readFile(opened), "x-apple.systempreferences:com.apple.preference.security?Privacy_AllFiles");
+    setenv("PATH", savedPath.c_str(), 1);
+}
+
+} // namespace
+} // namespace quillet

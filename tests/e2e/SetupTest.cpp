@@ -1,0 +1,167 @@
+#include "tests/support/Scratch.hpp"
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <filesystem>
+
+namespace quillet {
+namespace {
+
+namespace fs = std::filesystem;
+using nlohmann::json;
+
+struct SetupTest : ::testing::Test {
+    test::ScratchHome home;
+    const std::string h = home.path().string();
+    const fs::path settingsFile = home.path() / ".config/quillet/settings.json";
+    const std::string voiceMemos = h + "/Library/Group Containers/group.com.apple.VoiceMemos.shared/Recordings";
+
+    test::ProcessResult setup(std::vector<std::string> options = {})
+    {
+        options.insert(options.begin(), "setup");
+        return test::runProcess(test::programPath(), options);
+    }
+
+    json saved() { return json::parse(test::readFile(settingsFile)); }
+
+    std::string summary(const std::string& vault, const std::string& upload = "on", const std::string& keep = "on",
+                        const std::string& after = "off", const std::string& watched = "")
+    {
+        return "Saved " + settingsFile.string() + "\n" +
+               "  vault:              " + vault + "\n" +
+               "  Voice Memos folder: " + voiceMemos + "\n" + watched +
+               "  upload to Veldane: " + upload + "\n" +
+               "  keep Voice Memos running: " + keep + "\n" +
+               "  after a transcript: " + after + "\n" +
+               "\n" +
+               "Next: quillet-capture pair" + (upload == "on" ? "" : "  (only needed for upload)") + "\n";
+    }
+};
+
+TEST_F(SetupTest, WithoutICloudDriveTheVaultIsInDocuments)
+{
+    auto result = setup();
+    ASSERT_EQ(result.status, 0) << result.errors;
+    const std::string vault = h + "/Documents/quillet";
+    EXPECT_EQ(result.output, "No --vault given and iCloud Drive is off on this Mac: using ~/Documents/quillet.\n" +
+                                 summary(vault));
+    EXPECT_EQ(result.errors, "");
+    EXPECT_TRUE(fs::is_directory(vault + "/_inbox"));
+
+    auto settings = saved();
+    EXPECT_EQ(settings["vaultPath"], vault);
+    EXPECT_EQ(settings["vaultName"], "quillet");
+    EXPECT_EQ(settings["additionalPaths"], json::array());
+    EXPECT_FALSE(settings.contains("remotesPath"));
+    EXPECT_FALSE(settings.contains("afterTranscriptCommand"));
+    EXPECT_EQ(settings["captureVoiceMemosEnabled"], true);
+    EXPECT_EQ(settings["captureVeldaneEnabled"], true);
+    EXPECT_EQ(settings["keepVoiceMemosRunning"], true);
+    EXPECT_EQ(settings["watchedFoldersRaw"], json::parse(R"([{"id": "voice-memos", "path": ")" + voiceMemos +
+                                                         R"(", "displayName": "Voice Memos", "enabled": true,
+                                                            "extensions": [], "normaliser": "voiceMemos"}])"));
+    // The rest are the defaults.
+    EXPECT_EQ(settings["maxFiles"], 500);
+    EXPECT_EQ(settings["timeBasis"], "modification");
+}
+
+TEST_F(SetupTest, WithICloudDriveTheVaultIsThere)
+{
+    const std::string drive = h + "/Library/Mobile Documents/com~apple~CloudDocs";
+    fs::create_directories(drive);
+    // "--vault" as the last word has no value and counts as not given.
+    auto result = setup({"--no-keep-voice-memos", "--vault"});
+    ASSERT_EQ(result.status, 0) << result.errors;
+    EXPECT_EQ(result.output, "No --vault given: using iCloud Drive/quillet (visible in Files on your iPhone).\n" +
+                                 summary(drive + "/quillet", "on", "off"));
+    EXPECT_TRUE(fs::is_directory(drive + "/quillet/_inbox"));
+    EXPECT_EQ(saved()["keepVoiceMemosRunning"], false);
+}
+
+TEST_F(SetupTest, OptionsAndASecondRun)
+{
+    auto result = setup({"--no-upload", "--vault", "~/Notes/Work", "--after-transcript", "\t claude -p \"/inbox\"\n"});
+    ASSERT_EQ(result.status, 0) << result.errors;
+    EXPECT_EQ(result.output, summary(h + "/Notes/Work", "off", "on", "claude -p \"/inbox\""));
+    EXPECT_TRUE(result.output.ends_with("Next: quillet-capture pair  (only needed for upload)\n"));
+    auto settings = saved();
+    EXPECT_EQ(settings["vaultName"], "Work");
+    EXPECT_EQ(settings["captureVeldaneEnabled"], false);
+    EXPECT_EQ(settings["afterTranscriptCommand"], "claude -p \"/inbox\"");
+
+    // Keys setup does not own survive a second run, including an untrimmed command written by
+    // the app; the watched folders and additional paths are reset.
+    settings["inboxGroupThreshold"] = 4;
+    settings["recordingEchoCancellation"] = "on";
+    settings["afterTranscriptCommand"] = "  make notes ";
+    settings["additionalPaths"] = json::array({"~/elsewhere"});
+    settings["remotesPath"] = "~/remotes";
+    settings["watchedFoldersRaw"].push_back(
+        {{"id", "folder-X"}, {"path", "/x"}, {"displayName", "x"}, {"enabled", true}, {"extensions", json::array()},
+         {"normaliser", "none"}});
+    test::writeFile(settingsFile, settings.dump());
+
+    result = setup({"--vault", h + "/Notes/Work"});
+    ASSERT_EQ(result.status, 0) << result.errors;
+    EXPECT_EQ(result.output, summary(h + "/Notes/Work", "on", "on", "  make notes "));
+    settings = saved();
+    EXPECT_EQ(settings["inboxGroupThreshold"], 4);
+    EXPECT_EQ(settings["recordingEchoCancellation"], "on");
+    EXPECT_EQ(settings["afterTranscriptCommand"], "  make notes ");
+    EXPECT_EQ(settings["additionalPaths"], json::array());
+    EXPECT_FALSE(settings.contains("remotesPath"));
+    ASSERT_EQ(settings["watchedFoldersRaw"].size(), 1u);
+    EXPECT_EQ(settings["watchedFoldersRaw"][0]["id"], "voice-memos");
+
+    // A command of blanks turns it off.
+    result = setup({"--vault", h + "/Notes/Work", "--after-transcript", "  \n "});
+    ASSERT_EQ(result.status, 0) << result.errors;
+    EXPECT_EQ(result.output, summary(h + "/Notes/Work"));
+    EXPECT_FALSE(saved().contains("afterTranscriptCommand"));
+}
+
+TEST_F(SetupTest, WatchAddsFoldersAfterVoiceMemos)
+{
+    auto result = setup({"--watch", "~/Sync/Phone", "--vault", h + "/v", "--watch", "/srv/recordings/",
+                         "--watch", h + "/Sync/Phone", "--watch"});
+    ASSERT_EQ(result.status, 0) << result.errors;
+    EXPECT_EQ(result.output, summary(h + "/v", "on", "on", "off",
+                                     "  watched folder:     ~/Sync/Phone\n"
+                                     "  watched folder:     /srv/recordings/\n"));
+    auto folders = saved()["watchedFoldersRaw"];
+    ASSERT_EQ(folders.size(), 3u);
+    EXPECT_EQ(folders[0]["id"], "voice-memos");
+    EXPECT_EQ(folders[1]["path"], "~/Sync/Phone");
+    EXPECT_EQ(folders[1]["displayName"], "Phone");
+    EXPECT_EQ(folders[1]["normaliser"], "none");
+    EXPECT_EQ(folders[1]["enabled"], true);
+    EXPECT_EQ(folders[2]["id"], "folder-2CJIN2R2908WP"); // the hash of the path as typed, slash included
+    EXPECT_EQ(folders[2]["displayName"], "recordings");
+}
+
+TEST_F(SetupTest, InboxThatCannotBeCreatedFails)
+{
+    test::writeFile(home.path() / "occupied", "a file, not a folder");
+    auto result = setup({"--vault", h + "/occupied"});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.output, "");
+    EXPECT_EQ(result.errors, "Could not create " + h + "/occupied/_inbox: Not a directory\n");
+    EXPECT_FALSE(fs::exists(settingsFile));
+
+    result = setup({"--vault", ""});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.errors, "--vault needs a folder\n");
+}
+
+TEST_F(SetupTest, UnwritableSettingsFolderStillPrintsTheSummary)
+{
+    test::writeFile(home.path() / ".config", "a file where the folder should be");
+    auto result = setup({"--vault", h + "/v"});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.output, summary(h + "/v"));
+    EXPECT_EQ(result.errors, "");
+}
+
+} // namespace
+} // namespace quillet
