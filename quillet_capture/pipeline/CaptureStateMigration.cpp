@@ -1,5 +1,7 @@
 #include "quillet_capture/pipeline/CaptureStateMigration.hpp"
 
+#include <nlohmann/json.hpp>
+
 #include <chrono>
 #include <utility>
 
@@ -32,6 +34,27 @@ State fromLegacyPythonState(const std::vector<std::string>& processed, CaptureSt
     }
     state.version = CaptureStateStore::currentVersion;
     return state;
+}
+
+std::optional<std::vector<std::string>> legacyProcessedNames(std::string_view text)
+{
+    auto root = nlohmann::json::parse(text, nullptr, false);
+    if (root.is_discarded() || !root.is_object()) {
+        return std::nullopt;
+    }
+    auto processed = root.find("processed");
+    if (processed == root.end() || !processed->is_array()) {
+        return std::nullopt;
+    }
+    std::vector<std::string> names;
+    names.reserve(processed->size());
+    for (const auto& item : *processed) {
+        if (!item.is_string()) {
+            return std::nullopt;
+        }
+        names.push_back(item.get<std::string>());
+    }
+    return names;
 }
 
 } // namespace quillet::CaptureStateMigration

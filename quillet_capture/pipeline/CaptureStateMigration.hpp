@@ -2,6 +2,7 @@
 
 #include "quillet_capture/pipeline/CaptureStateStore.hpp"
 
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -25,6 +26,11 @@ State migrate(State state);
 /// A version-2 state whose "voice-memos" set holds each of `processed` with firstSeen
 /// `importedAt` and an empty canonical id.
 State fromLegacyPythonState(const std::vector<std::string>& processed, CaptureStateStore::TimePoint importedAt);
+
+/// The "processed" list of the legacy watcher file's text. Absent unless the text is a JSON
+/// object whose "processed" value is an array of strings only: one element of another type
+/// spoils the whole list.
+std::optional<std::vector<std::string>> legacyProcessedNames(std::string_view text);
 
 } // namespace CaptureStateMigration
 } // namespace quillet

@@ -237,31 +237,6 @@ std::optional<State::FolderSet> decodeFolderSet(const json& value)
     return set;
 }
 
-std::optional<std::vector<std::string>> legacyProcessedNames(const std::filesystem::path& legacyPath)
-{
-    auto text = readWholeFile(legacyPath);
-    if (!text) {
-        return std::nullopt;
-    }
-    json root = json::parse(*text, nullptr, false);
-    if (root.is_discarded() || !root.is_object()) {
-        return std::nullopt;
-    }
-    auto processed = root.find("processed");
-    if (processed == root.end() || !processed->is_array()) {
-        return std::nullopt;
-    }
-    std::vector<std::string> names;
-    names.reserve(processed->size());
-    for (const auto& item : *processed) {
-        if (!item.is_string()) {
-            return std::nullopt;  // one wrong element spoils the whole list
-        }
-        names.push_back(item.get<std::string>());
-    }
-    return names;
-}
-
 } // namespace
 
 size_t State::totalEntries() const
@@ -379,7 +354,8 @@ void CaptureStateStore::load()
             return;
         }
     }
-    auto processed = legacyProcessedNames(legacyPath_);
+    auto legacy = readWholeFile(legacyPath_);
+    auto processed = legacy ? CaptureStateMigration::legacyProcessedNames(*legacy) : std::nullopt;
     if (!processed) {
         return;
     }
