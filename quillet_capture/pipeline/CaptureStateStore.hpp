@@ -1,0 +1,136 @@
+#pragma once
+
+#include "quillet_capture/runtime/Clock.hpp"
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace quillet {
+
+/// The agent's durable memory of the file names it has already seen in each watched folder,
+/// kept in `state.json`. The file is read once, when the store is made; afterwards memory is
+/// the truth and every change rewrites the whole file (atomically and durably) before the
+/// changing call returns.
+///
+/// Every operation runs under the store's one lock, which serves as the serial queue
+/// "quillet.capture.state": all calls are synchronous, so each operation, including its write
+/// of the file, runs whole before the next one starts and the file always carries the latest
+/// state. Any thread may call the store.
+class CaptureStateStore {
+public:
+    using TimePoint = std::chrono::system_clock::time_point;
+
+    /// The whole file: the seen set of every watched folder.
+    struct State {
+        /// One seen file. Times are kept in whole seconds, as the file holds them.
+        struct SeenEntry {
+            TimePoint firstSeen;
+            std::string canonicalId;  // "" when the file was not captured under an id
+
+            bool operator==(const SeenEntry&) const = default;
+        };
+
+        /// File name (no path) to its entry, ordered by name as the file lists them.
+        using FolderSet = std::map<std::string, SeenEntry, std::less<>>;
+
+        std::int64_t version = currentVersion;
+        std::map<std::string, FolderSet, std::less<>> seenByFolder;  // folder id to its set
+        FolderSet voiceMemosSeen;  // the first version's set; always empty from version 2 on
+
+        bool operator==(const State&) const = default;
+
+        /// The number of entries in all folders' sets.
+        std::size_t totalEntries() const;
+    };
+
+    /// A name to mark seen in one go with others (see `markIndexed`).
+    struct SeenName {
+        std::string name;
+        std::string canonicalId;
+    };
+
+    static constexpr std::int64_t currentVersion = 2;
+
+    /// The folder id of the Voice Memos folder, the default folder of every operation.
+    static constexpr std::string_view voiceMemosFolderId = "voice-memos";
+
+    /// The reserved name whose entry in a folder's set means that the folder's first full
+    /// index has been done.
+    static constexpr std::string_view indexedMarker = ".quillet-index-done";
+
+    /// The process-wide store on the state file and legacy watcher file of `Paths`, made (and
+    /// loaded) on first use.
+    static CaptureStateStore& shared();
+
+    /// A store on explicit files: creates the state file's folder (a failure is ignored; the
+    /// first write then fails and is logged), then loads `storePath`, migrating it, or imports
+    /// `legacyPath` when there is no usable state file. Reads the time from `clock`, which
+    /// must outlive the store.
+    CaptureStateStore(std::filesystem::path storePath, std::filesystem::path legacyPath,
+                      runtime::Clock& clock = runtime::systemClock());
+
+    CaptureStateStore(const CaptureStateStore&) = delete;
+    CaptureStateStore& operator=(const CaptureStateStore&) = delete;
+
+    /// True when the folder has a seen set that holds `name`.
+    bool hasSeen(std::string_view name, std::string_view folderId = voiceMemosFolderId) const;
+
+    /// Sets the folder's entry for `name` to (`at`, or now; `canonicalId`), replacing any entry
+    /// there, then writes the file. Returns once the file is written (a failed write is logged,
+    /// and the change stays in memory).
+    void markSeen(std::string_view name, std::string_view canonicalId,
+                  std::string_view folderId = voiceMemosFolderId,
+                  std::optional<TimePoint> at = std::nullopt);
+
+    /// A folder's first full index in one write: marks every name of `files` seen with its
+    /// canonical id and the time `at` (or now), adds the `indexedMarker` entry, then writes
+    /// the file once. Same failure handling as `markSeen`.
+    void markIndexed(const std::vector<SeenName>& files, std::string_view folderId = voiceMemosFolderId,
+                     std::optional<TimePoint> at = std::nullopt);
+
+    /// Removes each of `names` that the folder holds, then sets the folder's `indexedMarker`
+    /// entry (now, ""), so that the folder still counts as indexed, and writes the file.
+    /// Returns the number of names removed.
+    std::size_t forget(const std::vector<std::string>& names, std::string_view folderId = voiceMemosFolderId);
+
+    /// The number of entries of one folder's set (0 when it has none), the marker included.
+    std::size_t seenCount(std::string_view folderId) const;
+
+    /// The number of entries in all folders' sets.
+    std::size_t seenCount() const;
+
+    /// A copy of the current state.
+    State state() const;
+
+    /// The state file's text for `state`: UTF-8 JSON, pretty-printed with sorted keys, time
+    /// stamps as ISO 8601 UTC text in whole seconds. Bytes of names that are not UTF-8 are
+    /// written as U+FFFD, so the text always decodes again. Never throws except for memory.
+    static std::string encode(const State& state);
+
+    /// Reads a state file's text. Absent when it is not JSON or not a `State`: the root must
+    /// be an object; "version" (an integer), "seenByFolder" and "voiceMemosSeen" may be missing
+    /// or null; every entry needs a text "canonicalId" and a "firstSeen" date. Unknown keys are
+    /// ignored. Never throws except for memory.
+    static std::optional<State> decode(std::string_view text);
+
+private:
+    void load();
+    void persistLocked();
+    TimePoint stamp(std::optional<TimePoint> at) const;
+
+    mutable std::mutex queue_;
+    std::filesystem::path storePath_;
+    std::filesystem::path legacyPath_;
+    runtime::Clock& clock_;
+    State state_;
+};
+
+} // namespace quillet

@@ -1,0 +1,170 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace quillet {
+
+/// The vault's inbox: its folders, the audio copies in it, and the Markdown note of each
+/// capture with its YAML frontmatter, written and read back in one exact format. Holds no
+/// state besides the vault root and takes no locks: any thread may use it, and callers keep
+/// work on one capture in one place at a time. Notes are replaced atomically, so a reader sees
+/// the old or the new note, never a mix.
+///
+/// Failures: file-system errors come out as std::system_error (std::filesystem's errors are a
+/// kind of it) with the system's description; reading a note without a frontmatter block
+/// throws `InboxWriter::Error`. Nothing else fails: unknown keys, hand edits, CRLF line ends
+/// and bytes that are not UTF-8 are read as well as they can be, and kept as bytes.
+class InboxWriter {
+public:
+    using TimePoint = std::chrono::system_clock::time_point;
+
+    /// An error of the note writer itself (domain "InboxWriter"); what() is its description.
+    class Error : public std::runtime_error {
+    public:
+        static constexpr std::string_view domain = "InboxWriter";
+        static constexpr int noFrontmatterCode = 1;
+        static constexpr int invalidIdCode = 2;
+
+        Error(int code, const std::string& description) : std::runtime_error(description), code_(code) {}
+        int code() const { return code_; }
+
+    private:
+        int code_;
+    };
+
+    /// The frontmatter of a note. The member defaults are those of a note read back without
+    /// the key; `id` and `created` have no meaningful default and must be set.
+    struct Frontmatter {
+        std::string id;
+        TimePoint created{};
+        std::string classification = "voice_memo";
+        std::string status = "pending";
+        std::string confidence = "high";
+        std::string sourceType = "audio";
+        std::string sourceOrigin = "voice_memo";
+        std::string audioPath;
+        std::optional<std::int64_t> audioDurationSec;
+        std::string ingestionTool = "quillet-mac";
+        std::optional<std::string> externalId;  // the Veldane cache key
+        std::optional<std::string> vdJobStatus;  // the capture's job status
+        std::optional<TimePoint> uploadedAt;
+        std::optional<std::string> recorderSource;
+        std::optional<std::string> recorderMicrophone;
+        std::optional<std::string> recorderChannelLayout;
+        std::optional<std::string> targetSkill = "/transcript";
+        std::optional<std::string> targetFolder;
+        std::optional<std::string> title;
+        std::vector<std::string> tags;
+        std::optional<TimePoint> processedAt;
+        std::optional<std::string> processedBy;
+        std::optional<std::string> outputFile;
+        std::optional<std::string> archivedTo;
+
+        bool operator==(const Frontmatter&) const = default;
+
+        /// The frontmatter of a new capture `id` made at `created`: every default, and the
+        /// audio path of its copy in the vault.
+        static Frontmatter forCapture(std::string id, TimePoint created);
+    };
+
+    /// The words that YAML would read as something other than text (compared lower-case):
+    /// y, n, yes, no, on, off, true, false, null, ~.
+    static const std::set<std::string, std::less<>>& yamlReservedWords();
+
+    /// A writer for the vault at `vaultRoot` (a folder; tildes must already be expanded). The
+    /// caller takes it from the settings.
+    explicit InboxWriter(std::filesystem::path vaultRoot);
+
+    const std::filesystem::path& vaultRoot() const { return vaultRoot_; }
+    /// vaultRoot + "_inbox".
+    std::filesystem::path inboxDirectory() const;
+    /// vaultRoot + "_inbox/.audio".
+    std::filesystem::path audioDirectory() const;
+    /// "_inbox/" + id + ".md" in the vault.
+    std::filesystem::path noteURL(std::string_view id) const;
+    /// "_inbox/.audio/" + id + ".m4a" in the vault, whatever the source's extension.
+    std::filesystem::path audioURL(std::string_view id) const;
+    /// The vault-relative text of a capture's audio link: "_inbox/.audio/" + id + ".m4a".
+    static std::string audioLink(std::string_view id);
+
+    /// Creates "_inbox" and then "_inbox/.audio", with intermediate folders; existing folders
+    /// are fine. Throws std::system_error.
+    void ensureDirectories() const;
+
+    /// Ensures the folders, then copies `source` to the capture's audio copy and returns its
+    /// path. A copy already there is kept as it is (never overwritten, even by a concurrent
+    /// copy). The bytes go to a hidden temporary file first and are flushed to disk before
+    /// they get the final name, so a crash never leaves a partial copy under that name.
+    /// Throws std::system_error.
+    std::filesystem::path copyAudio(const std::filesystem::path& source, std::string_view id) const;
+
+    /// Ensures the folders and writes the note of `frontmatter` with an empty body.
+    void writeStub(const Frontmatter& frontmatter) const;
+
+    /// Renders and atomically writes "_inbox/" + frontmatter.id + ".md", replacing any note
+    /// there. Throws std::system_error, or `Error` (invalidIdCode) for an id that is empty,
+    /// "." or "..", or holds a slash, a NUL or a line break, and so names no note in the inbox.
+    void writeMarkdown(const Frontmatter& frontmatter, std::string_view body) const;
+
+    /// Writes a transcript into the note of `id`: reads its frontmatter (a new capture's when
+    /// that fails for any reason), sets the job status "done" and the cache key, the title
+    /// `llmTitle` only when the note has none, appends the `tags` it lacks, sets the duration
+    /// when given, and writes the note with `transcript` as its whole body. `language` is
+    /// accepted and not written. Throws as writeMarkdown.
+    void writeTranscript(std::string_view id, std::string_view transcript, std::string_view vdCacheKey,
+                         const std::optional<std::string>& language, std::optional<std::int64_t> durationSec,
+                         const std::optional<std::string>& llmTitle, const std::vector<std::string>& tags) const;
+
+    /// Sets the note's job status to `status` (with line breaks removed) and writes it back
+    /// with the same body; writes nothing when the status is already that. Throws what reading
+    /// (std::system_error, `Error`) or writing throws.
+    void updateVDJobStatus(std::string_view id, std::string_view status) const;
+
+    /// The frontmatter of the note at `note`. Keys missing from the block keep the member
+    /// defaults of `Frontmatter`, except that `created` defaults to now and `audioPath` to "".
+    /// Throws std::system_error when the file cannot be read, `Error` (code 1, "no frontmatter
+    /// block") when the text has no frontmatter block.
+    static Frontmatter readFrontmatter(const std::filesystem::path& note);
+
+    /// The same from the note's text, with `now` as the default of `created`.
+    static Frontmatter frontmatterFromText(std::string_view text, TimePoint now);
+
+    /// The text between the opening "---" at the very start of `text` and the first line feed
+    /// followed by "---" after it; absent when either is missing.
+    static std::optional<std::string> extractFrontmatter(std::string_view text);
+
+    /// The items of an inline YAML list "[a, "b", c]": split at every comma (quotes do not
+    /// protect commas), trimmed, unquoted, empty items dropped. Anything that is not
+    /// "[" ... "]" gives no items.
+    static std::vector<std::string> parseInlineList(std::string_view value);
+
+    /// The body of the note at `note`: everything after the first line feed followed by "---"
+    /// at or after its fourth character, without the line breaks that lead it; the whole text
+    /// when there is no such delimiter. Throws std::system_error when the file cannot be read.
+    static std::string readBody(const std::filesystem::path& note);
+
+    /// The same from the note's text.
+    static std::string bodyFromText(std::string_view text);
+
+    /// The whole text of a note: the frontmatter lines between "---" lines, an empty line,
+    /// then `body` unchanged, joined with line feeds and no line feed added at the end.
+    static std::string renderMarkdown(const Frontmatter& frontmatter, std::string_view body);
+
+    /// `value` as a YAML value: in double quotes, with backslashes and double quotes escaped,
+    /// when it holds a colon, a number sign or a double quote, starts or ends with a blank,
+    /// is empty or is a reserved word; otherwise as it is.
+    static std::string yamlString(std::string_view value);
+
+private:
+    std::filesystem::path vaultRoot_;
+};
+
+} // namespace quillet

@@ -1,0 +1,492 @@
+#include "quillet_capture/vault/InboxWriter.hpp"
+
+#include "quillet_capture/util/AtomicFile.hpp"
+#include "quillet_capture/util/Iso8601.hpp"
+#include "tests/support/Scratch.hpp"
+
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <system_error>
+
+namespace quillet {
+namespace {
+
+namespace fs = std::filesystem;
+using Frontmatter = InboxWriter::Frontmatter;
+using TimePoint = InboxWriter::TimePoint;
+
+TimePoint at(const char* text)
+{
+    return *Iso8601::parse(text);
+}
+
+struct VaultFixture {
+    test::ScratchDir dir;
+    fs::path vault = dir.path() / "My Vault";
+    InboxWriter writer{vault};
+
+    fs::path note(const std::string& id) { return vault / "_inbox" / (id + ".md"); }
+
+    std::vector<std::string> inboxEntries()
+    {
+        std::vector<std::string> names;
+        for (const auto& entry : fs::recursive_directory_iterator(vault / "_inbox")) {
+            names.push_back(fs::relative(entry.path(), vault / "_inbox").string());
+        }
+        std::sort(names.begin(), names.end());
+        return names;
+    }
+};
+
+Frontmatter everyField()
+{
+    Frontmatter fm;
+    fm.id = "240131-132530";
+    fm.created = at("2024-01-31T13:25:30Z");
+    fm.classification = "meeting_recording";
+    fm.status = "processed";
+    fm.confidence = "low";
+    fm.sourceType = "audio_capture";
+    fm.sourceOrigin = "quillet_recorder";
+    fm.audioPath = "_inbox/.audio/240131-132530.m4a";
+    fm.audioDurationSec = 3725;
+    fm.ingestionTool = "quillet-recorder";
+    fm.externalId = "DOC_abc:123";
+    fm.vdJobStatus = "processing";
+    fm.uploadedAt = at("2024-01-31T13:30:00Z");
+    fm.recorderSource = "Zoom";
+    fm.recorderMicrophone = "MacBook Pro Microphone";
+    fm.recorderChannelLayout = "All audio";
+    fm.targetSkill = "/meeting";
+    fm.targetFolder = "Meetings/2024";
+    fm.title = "Planning: Q3 \"kickoff\"";
+    fm.tags = {"meeting", "quillet-mac", "a b"};
+    fm.processedAt = at("2024-02-01T08:00:00Z");
+    fm.processedBy = "claude";
+    fm.outputFile = "Meetings/2024/Planning.md";
+    fm.archivedTo = "Archive/#1";
+    return fm;
+}
+
+// --- rendering -------------------------------------------------------------------------------
+
+TEST(InboxWriterRender, StubNote)
+{
+    auto fm = Frontmatter::forCapture("240131-132530", at("2024-01-31T13:25:30.250Z"));
+    fm.status = "queued";
+    EXPECT_EQ(InboxWriter::renderMarkdown(fm, ""),
+              "---\n"
+              "id: 240131-132530\n"
+              "created: 2024-01-31T13:25:30Z\n"
+              "classification: voice_memo\n"
+              "status: queued\n"
+              "confidence: high\n"
+              "source:\n"
+              "  type: audio\n"
+              "  origin: voice_memo\n"
+              "  audio_path: _inbox/.audio/240131-132530.m4a\n"
+              "  ingestion_tool: quillet-mac\n"
+              "target_skill: /transcript\n"
+              "---\n"
+              "\n");
+}
+
+TEST(InboxWriterRender, EveryFieldInItsPlaceAndQuotedWhereItMustBe)
+{
+    EXPECT_EQ(InboxWriter::renderMarkdown(everyField(), "Body line\n---\nmore"),
+              "---\n"
+              "id: 240131-132530\n"
+              "created: 2024-01-31T13:25:30Z\n"
+              "classification: meeting_recording\n"
+              "status: processed\n"
+              "confidence: low\n"
+              "source:\n"
+              "  type: audio_capture\n"
+              "  origin: quillet_recorder\n"
+              "  audio_path: _inbox/.audio/240131-132530.m4a\n"
+              "  audio_duration_sec: 3725\n"
+              "  ingestion_tool: quillet-recorder\n"
+              "  external_id: \"DOC_abc:123\"\n"
+              "  vd_job_status: processing\n"
+              "  uploaded_at: 2024-01-31T13:30:00Z\n"
+              "  app: Zoom\n"
+              "  microphone: MacBook Pro Microphone\n"
+              "  channel_layout: All audio\n"
+              "target_skill: /meeting\n"
+              "target_folder: Meetings/2024\n"
+              "title: \"Planning: Q3 \\\"kickoff\\\"\"\n"
+              "tags: [meeting, quillet-mac, a b]\n"
+              "processed_at: 2024-02-01T08:00:00Z\n"
+              "processed_by: claude\n"
+              "output_file: Meetings/2024/Planning.md\n"
+              "archived_to: \"Archive/#1\"\n"
+              "---\n"
+              "\n"
+              "Body line\n---\nmore");
+}
+
+TEST(InboxWriterRender, YamlQuoting)
+{
+    EXPECT_EQ(InboxWriter::yamlString("Meeting: Q3"), "\"Meeting: Q3\"");
+    EXPECT_EQ(InboxWriter::yamlString("no"), "\"no\"");
+    for (const char* reserved : {"y", "N", "Yes", "NO", "on", "Off", "TRUE", "false", "Null", "~"}) {
+        EXPECT_EQ(InboxWriter::yamlString(reserved), "\"" + std::string(reserved) + "\"");
+    }
+    EXPECT_EQ(InboxWriter::yamlString("Q3: a\\b"), "\"Q3: a\\\\b\"");
+    EXPECT_EQ(InboxWriter::yamlString("a\\b"), "a\\b") << "a backslash alone needs no quotes";
+    EXPECT_EQ(InboxWriter::yamlString("say \"hi\""), "\"say \\\"hi\\\"\"");
+    EXPECT_EQ(InboxWriter::yamlString("#tag"), "\"#tag\"");
+    EXPECT_EQ(InboxWriter::yamlString(""), "\"\"");
+    EXPECT_EQ(InboxWriter::yamlString(" lead"), "\" lead\"");
+    EXPECT_EQ(InboxWriter::yamlString("trail "), "\"trail \"");
+    EXPECT_EQ(InboxWriter::yamlString("\ttab"), "\"\ttab\"");
+    EXPECT_EQ(InboxWriter::yamlString("yesterday"), "yesterday");
+    EXPECT_EQ(InboxWriter::yamlString("it's fine"), "it's fine");
+    EXPECT_EQ(InboxWriter::yamlString("r\xC3\xA4ksm\xC3\xB6rg\xC3\xA5s"), "r\xC3\xA4ksm\xC3\xB6rg\xC3\xA5s");
+}
+
+TEST(InboxWriterRender, LineBreaksFromOutsideCannotAddKeys)
+{
+    auto fm = Frontmatter::forCapture("x", at("2024-01-01T00:00:00Z"));
+    fm.vdJobStatus = "processing\nstatus: done\r\n";
+    fm.title = "two\nlines\xE2\x80\xA8here";
+    fm.tags = {"a\nb"};
+    auto text = InboxWriter::renderMarkdown(fm, "");
+    auto back = InboxWriter::frontmatterFromText(text, at("2000-01-01T00:00:00Z"));
+    EXPECT_EQ(back.status, "pending");
+    EXPECT_EQ(back.vdJobStatus, "processingstatus: done");
+    EXPECT_EQ(back.title, "two lines here");
+    EXPECT_EQ(back.tags, std::vector<std::string>{"a b"});
+}
+
+// --- reading ---------------------------------------------------------------------------------
+
+TEST(InboxWriterRead, EveryRenderedFieldComesBack)
+{
+    auto fm = everyField();
+    fm.created += std::chrono::milliseconds(750);
+    auto back = InboxWriter::frontmatterFromText(InboxWriter::renderMarkdown(fm, "body"), at("2000-01-01T00:00:00Z"));
+    fm.created = at("2024-01-31T13:25:30Z");
+    EXPECT_EQ(back, fm);
+
+    // Quoted values with every escape, and values that are quoted for being reserved.
+    fm.title = "back\\slash \"quote\" \\\"both\\\" end\\";
+    fm.externalId = "null";
+    fm.targetFolder = "";
+    fm.outputFile = " padded ";
+    fm.recorderSource = "yes";
+    fm.tags = {"true", "#x", "\"q\""};
+    back = InboxWriter::frontmatterFromText(InboxWriter::renderMarkdown(fm, ""), at("2000-01-01T00:00:00Z"));
+    EXPECT_EQ(back, fm);
+}
+
+TEST(InboxWriterRead, DefaultsForMissingKeys)
+{
+    auto now = at("2025-05-05T05:05:05Z");
+    auto fm = InboxWriter::frontmatterFromText("---\nid: abc\n---\n", now);
+    Frontmatter expected;
+    expected.id = "abc";
+    expected.created = now;
+    EXPECT_EQ(fm, expected);
+    EXPECT_EQ(fm.targetSkill, "/transcript");
+    EXPECT_EQ(fm.audioPath, "");
+    EXPECT_FALSE(fm.vdJobStatus.has_value());
+}
+
+TEST(InboxWriterRead, HandEditsAndOtherTools)
+{
+    auto now = at("2025-05-05T05:05:05Z");
+    auto fm = InboxWriter::frontmatterFromText("---\r\n"
+                                               "id: 'single'\r\n"
+                                               "created: not a date\r\n"
+                                               "aliases: [x]\r\n"
+                                               "type: top-level-is-not-source\r\n"
+                                               "other:\r\n"
+                                               "  type: nested-elsewhere\r\n"
+                                               "source:\r\n"
+                                               "  type: audio_capture\r\n"
+                                               "    origin: deeper still counts\r\n"
+                                               "  audio_duration_sec: 12.5\r\n"
+                                               "  uploaded_at: 2024-13-01T00:00:00Z\r\n"
+                                               "  external_id: null\r\n"
+                                               "  vd_job_status: \"null\"\r\n"
+                                               "  unknown: 1\r\n"
+                                               "  no colon here\r\n"
+                                               "title:    spaced   \r\n"
+                                               "tags: [a, \"b, c\", , \"\"]\r\n"
+                                               "status: a:b:c\r\n"
+                                               "confidence:\r\n"
+                                               "---\r\n\r\nBody\r\n",
+                                               now);
+    EXPECT_EQ(fm.id, "'single'");
+    EXPECT_EQ(fm.created, now);
+    EXPECT_EQ(fm.sourceType, "audio_capture");
+    EXPECT_EQ(fm.sourceOrigin, "deeper still counts");
+    EXPECT_FALSE(fm.audioDurationSec.has_value());
+    EXPECT_FALSE(fm.uploadedAt.has_value());
+    EXPECT_FALSE(fm.externalId.has_value());
+    EXPECT_EQ(fm.vdJobStatus, "null");
+    EXPECT_EQ(fm.title, "spaced");
+    EXPECT_EQ(fm.tags, (std::vector<std::string>{"a", "\"b", "c\""}));
+    EXPECT_EQ(fm.status, "a:b:c");
+    EXPECT_EQ(fm.confidence, "");
+}
+
+TEST(InboxWriterRead, NumbersAndDates)
+{
+    auto now = at("2025-05-05T05:05:05Z");
+    auto read = [&](const std::string& source) {
+        return InboxWriter::frontmatterFromText("---\nsource:\n" + source + "\n---\n", now);
+    };
+    EXPECT_EQ(read("  audio_duration_sec: 42").audioDurationSec, 42);
+    EXPECT_EQ(read("  audio_duration_sec: +42").audioDurationSec, 42);
+    EXPECT_EQ(read("  audio_duration_sec: -3").audioDurationSec, -3);
+    EXPECT_FALSE(read("  audio_duration_sec: 99999999999999999999").audioDurationSec.has_value());
+    EXPECT_FALSE(read("  audio_duration_sec: 4 minutes").audioDurationSec.has_value());
+    EXPECT_FALSE(read("  audio_duration_sec: +").audioDurationSec.has_value());
+    EXPECT_EQ(read("  uploaded_at: \"2024-01-31T14:25:30+01:00\"").uploadedAt, at("2024-01-31T13:25:30Z"));
+    // Years the clock cannot hold read as no date rather than overflowing.
+    EXPECT_FALSE(read("  uploaded_at: 0001-01-01T00:00:00Z").uploadedAt.has_value());
+    EXPECT_FALSE(read("  uploaded_at: 9999-01-01T00:00:00Z").uploadedAt.has_value());
+}
+
+TEST(InboxWriterRead, FrontmatterBlockBoundaries)
+{
+    EXPECT_EQ(InboxWriter::extractFrontmatter("---\nid: a\n---\nbody"), "\nid: a");
+    EXPECT_EQ(InboxWriter::extractFrontmatter("---\n---\n"), "");
+    EXPECT_EQ(InboxWriter::extractFrontmatter("---"), std::nullopt);
+    EXPECT_EQ(InboxWriter::extractFrontmatter("---\nid: a\n"), std::nullopt);
+    EXPECT_EQ(InboxWriter::extractFrontmatter("\n---\nid: a\n---\n"), std::nullopt);
+    EXPECT_EQ(InboxWriter::extractFrontmatter(""), std::nullopt);
+
+    for (const char* text : {"# Title\n---\nid: a\n---\n", "---\nid: a\n", "", "--", " ---\n---\n"}) {
+        try {
+            InboxWriter::frontmatterFromText(text, {});
+            ADD_FAILURE() << "no error for: " << text;
+        } catch (const InboxWriter::Error& error) {
+            EXPECT_STREQ(error.what(), "no frontmatter block");
+            EXPECT_EQ(error.code(), 1);
+            EXPECT_EQ(InboxWriter::Error::domain, "InboxWriter");
+        }
+    }
+}
+
+TEST(InboxWriterRead, InlineLists)
+{
+    using List = std::vector<std::string>;
+    EXPECT_EQ(InboxWriter::parseInlineList("[a, b,c]"), (List{"a", "b", "c"}));
+    EXPECT_EQ(InboxWriter::parseInlineList("[\"x, y\", z]"), (List{"\"x", "y\"", "z"}));
+    EXPECT_EQ(InboxWriter::parseInlineList("[\"a\\\"b\", \"\"]"), (List{"a\"b"}));
+    EXPECT_EQ(InboxWriter::parseInlineList("[]"), List{});
+    EXPECT_EQ(InboxWriter::parseInlineList("[ , ,]"), List{});
+    EXPECT_EQ(InboxWriter::parseInlineList("a, b"), List{});
+    EXPECT_EQ(InboxWriter::parseInlineList("[a, b"), List{});
+    EXPECT_EQ(InboxWriter::parseInlineList("["), List{});
+    EXPECT_EQ(InboxWriter::parseInlineList("- a"), List{});
+}
+
+TEST(InboxWriterRead, Body)
+{
+    EXPECT_EQ(InboxWriter::bodyFromText("---\nid: a\n---\n\nThe body\n---\nstays whole\n"), "The body\n---\nstays whole\n");
+    EXPECT_EQ(InboxWriter::bodyFromText("---\nid: a\n---"), "");
+    EXPECT_EQ(InboxWriter::bodyFromText("---\nid: a\n---\r\n\v\f\xC2\x85\xE2\x80\xA8\xE2\x80\xA9\n  indented"), "  indented");
+    EXPECT_EQ(InboxWriter::bodyFromText("just text\nno frontmatter"), "just text\nno frontmatter");
+    EXPECT_EQ(InboxWriter::bodyFromText("abc\n---x"), "x");
+    EXPECT_EQ(InboxWriter::bodyFromText("ab\n---x"), "ab\n---x") << "the delimiter counts from the fourth character";
+    EXPECT_EQ(InboxWriter::bodyFromText(""), "");
+}
+
+TEST(InboxWriterRead, BytesThatAreNotUtf8AreKept)
+{
+    std::string text = "---\nid: a\ntitle: caf\xE9 \xFF\n---\n\nbody \xC3\x28 end";
+    auto fm = InboxWriter::frontmatterFromText(text, {});
+    EXPECT_EQ(fm.title, "caf\xE9 \xFF");
+    EXPECT_EQ(InboxWriter::bodyFromText(text), "body \xC3\x28 end");
+}
+
+// --- the vault on disk -----------------------------------------------------------------------
+
+TEST(InboxWriterVault, LayoutAndFolders)
+{
+    VaultFixture f;
+    EXPECT_EQ(f.writer.inboxDirectory(), f.vault / "_inbox");
+    EXPECT_EQ(f.writer.audioDirectory(), f.vault / "_inbox/.audio");
+    EXPECT_EQ(f.writer.noteURL("240131-132530"), f.vault / "_inbox/240131-132530.md");
+    EXPECT_EQ(f.writer.audioURL("240131-132530"), f.vault / "_inbox/.audio/240131-132530.m4a");
+    EXPECT_EQ(InboxWriter::audioLink("x_2"), "_inbox/.audio/x_2.m4a");
+
+    f.writer.ensureDirectories();
+    f.writer.ensureDirectories();
+    EXPECT_TRUE(fs::is_directory(f.vault / "_inbox/.audio"));
+
+    VaultFixture blocked;
+    fs::create_directories(blocked.vault);
+    test::writeFile(blocked.vault / "_inbox", "a file in the way");
+    EXPECT_THROW(blocked.writer.ensureDirectories(), std::system_error);
+}
+
+TEST(InboxWriterVault, CopyAudioNeverOverwritesAnExistingCopy)
+{
+    VaultFixture f;
+    auto first = f.dir.path() / "240131 132530.wav";
+    auto second = f.dir.path() / "other.m4a";
+    test::writeFile(first, "first recording");
+    test::writeFile(second, "second recording");
+
+    auto copy = f.writer.copyAudio(first, "240131-132530");
+    EXPECT_EQ(copy, f.vault / "_inbox/.audio/240131-132530.m4a");
+    EXPECT_EQ(test::readFile(copy), "first recording");
+    struct stat before {};
+    ASSERT_EQ(::stat(copy.c_str(), &before), 0);
+
+    EXPECT_EQ(f.writer.copyAudio(second, "240131-132530"), copy);
+    EXPECT_EQ(test::readFile(copy), "first recording");
+    struct stat after {};
+    ASSERT_EQ(::stat(copy.c_str(), &after), 0);
+    EXPECT_EQ(before.st_ino, after.st_ino);
+    EXPECT_EQ(f.inboxEntries(), (std::vector<std::string>{".audio", ".audio/240131-132530.m4a"}));
+}
+
+TEST(InboxWriterVault, FailedCopyLeavesNothingBehind)
+{
+    VaultFixture f;
+    EXPECT_THROW(f.writer.copyAudio(f.dir.path() / "missing.m4a", "x"), std::system_error);
+    EXPECT_THROW(f.writer.copyAudio(f.dir.path(), "y"), std::system_error) << "a folder is no audio file";
+    EXPECT_EQ(f.inboxEntries(), std::vector<std::string>{".audio"});
+}
+
+TEST(InboxWriterVault, StubAndMarkdownAreWrittenWhole)
+{
+    VaultFixture f;
+    auto fm = Frontmatter::forCapture("240131-132530", at("2024-01-31T13:25:30Z"));
+    f.writer.writeStub(fm);
+    auto text = test::readFile(f.note("240131-132530"));
+    EXPECT_TRUE(text.ends_with("---\n\n"));
+    EXPECT_EQ(InboxWriter::readFrontmatter(f.note("240131-132530")), fm);
+    EXPECT_EQ(InboxWriter::readBody(f.note("240131-132530")), "");
+
+    f.writer.writeMarkdown(fm, "Hello");
+    EXPECT_EQ(InboxWriter::readBody(f.note("240131-132530")), "Hello");
+    EXPECT_EQ(f.inboxEntries(), (std::vector<std::string>{".audio", "240131-132530.md"}));
+}
+
+TEST(InboxWriterVault, AFailedWriteKeepsTheOldNoteAndLeavesNoTemporaryFile)
+{
+    VaultFixture f;
+    f.writer.ensureDirectories();
+    fs::create_directories(f.note("blocked"));  // a folder where the note would go
+    auto fm = Frontmatter::forCapture("blocked", at("2024-01-31T13:25:30Z"));
+    EXPECT_THROW(f.writer.writeMarkdown(fm, "x"), std::system_error);
+    EXPECT_EQ(f.inboxEntries(), (std::vector<std::string>{".audio", "blocked.md"}));
+
+    InboxWriter nowhere(f.dir.path() / "no such vault");
+    EXPECT_THROW(nowhere.writeMarkdown(fm, "x"), std::system_error);
+}
+
+TEST(InboxWriterVault, IdsThatAreNoNoteNameAreRefused)
+{
+    VaultFixture f;
+    f.writer.ensureDirectories();
+    for (const char* id : {"", ".", "..", "../escape", "a/b", "line\nbreak"}) {
+        auto fm = Frontmatter::forCapture(id, {});
+        EXPECT_THROW(f.writer.writeMarkdown(fm, ""), InboxWriter::Error) << id;
+        EXPECT_THROW(f.writer.updateVDJobStatus(id, "done"), InboxWriter::Error) << id;
+    }
+    EXPECT_FALSE(fs::exists(f.vault / "escape.md"));
+}
+
+TEST(InboxWriterVault, ReadingErrors)
+{
+    VaultFixture f;
+    f.writer.ensureDirectories();
+    EXPECT_THROW(InboxWriter::readFrontmatter(f.note("missing")), std::system_error);
+    EXPECT_THROW(InboxWriter::readBody(f.note("missing")), std::system_error);
+    EXPECT_THROW(InboxWriter::readFrontmatter(f.vault / "_inbox"), std::system_error);
+    test::writeFile(f.note("plain"), "No frontmatter here.\n");
+    EXPECT_THROW(InboxWriter::readFrontmatter(f.note("plain")), InboxWriter::Error);
+    EXPECT_EQ(InboxWriter::readBody(f.note("plain")), "No frontmatter here.\n");
+}
+
+TEST(InboxWriterVault, TranscriptKeepsTheNoteAndAddsWhatIsNew)
+{
+    VaultFixture f;
+    auto fm = Frontmatter::forCapture("240131-132530", at("2024-01-31T13:25:30Z"));
+    fm.title = "Typed by me";
+    fm.tags = {"voice-memo", "quillet-mac"};
+    fm.vdJobStatus = "processing";
+    f.writer.writeStub(fm);
+    test::writeFile(f.note("240131-132530"), test::readFile(f.note("240131-132530")) + "Old body");
+
+    f.writer.writeTranscript("240131-132530", "The transcript.", "DOC_1", "en", 61, "Proposed title",
+                             {"quillet-mac", "meeting", "meeting"});
+    auto back = InboxWriter::readFrontmatter(f.note("240131-132530"));
+    EXPECT_EQ(back.vdJobStatus, "done");
+    EXPECT_EQ(back.externalId, "DOC_1");
+    EXPECT_EQ(back.title, "Typed by me");
+    EXPECT_EQ(back.tags, (std::vector<std::string>{"voice-memo", "quillet-mac", "meeting"}));
+    EXPECT_EQ(back.audioDurationSec, 61);
+    EXPECT_EQ(back.created, at("2024-01-31T13:25:30Z"));
+    EXPECT_EQ(InboxWriter::readBody(f.note("240131-132530")), "The transcript.");
+
+    // Without a duration the old one stays.
+    f.writer.writeTranscript("240131-132530", "Again.", "DOC_2", std::nullopt, std::nullopt, std::nullopt, {});
+    EXPECT_EQ(InboxWriter::readFrontmatter(f.note("240131-132530")).audioDurationSec, 61);
+}
+
+TEST(InboxWriterVault, TranscriptWithoutAReadableNoteStartsANewOne)
+{
+    VaultFixture f;
+    f.writer.ensureDirectories();
+    test::writeFile(f.note("broken"), "no frontmatter at all");
+    for (const char* id : {"missing", "broken"}) {
+        auto before = std::chrono::system_clock::now() - std::chrono::seconds(1);
+        f.writer.writeTranscript(id, "Words.", "KEY", std::nullopt, std::nullopt, "Title: proposed", {"t"});
+        auto fm = InboxWriter::readFrontmatter(f.note(id));
+        EXPECT_EQ(fm.id, id);
+        EXPECT_EQ(fm.audioPath, "_inbox/.audio/" + std::string(id) + ".m4a");
+        EXPECT_EQ(fm.title, "Title: proposed");
+        EXPECT_EQ(fm.tags, std::vector<std::string>{"t"});
+        EXPECT_EQ(fm.vdJobStatus, "done");
+        EXPECT_EQ(fm.status, "pending");
+        EXPECT_FALSE(fm.audioDurationSec.has_value());
+        EXPECT_GE(fm.created, before);
+        EXPECT_EQ(InboxWriter::readBody(f.note(id)), "Words.");
+    }
+}
+
+TEST(InboxWriterVault, JobStatusIsWrittenOnlyWhenItChanges)
+{
+    VaultFixture f;
+    auto fm = Frontmatter::forCapture("a", at("2024-01-31T13:25:30Z"));
+    fm.vdJobStatus = "queued";
+    f.writer.writeStub(fm);
+    test::writeFile(f.note("a"), test::readFile(f.note("a")) + "My notes\n");
+
+    struct stat before {};
+    ASSERT_EQ(::stat(f.note("a").c_str(), &before), 0);
+    auto modified = fs::last_write_time(f.note("a"));
+    f.writer.updateVDJobStatus("a", "queued");
+    f.writer.updateVDJobStatus("a", "queued\n");
+    struct stat same {};
+    ASSERT_EQ(::stat(f.note("a").c_str(), &same), 0);
+    EXPECT_EQ(same.st_ino, before.st_ino) << "an atomic write would have made a new file";
+    EXPECT_EQ(fs::last_write_time(f.note("a")), modified);
+
+    f.writer.updateVDJobStatus("a", "processing");
+    struct stat changed {};
+    ASSERT_EQ(::stat(f.note("a").c_str(), &changed), 0);
+    EXPECT_NE(changed.st_ino, before.st_ino);
+    EXPECT_EQ(InboxWriter::readFrontmatter(f.note("a")).vdJobStatus, "processing");
+    EXPECT_EQ(InboxWriter::readBody(f.note("a")), "My notes\n");
+
+    EXPECT_THROW(f.writer.updateVDJobStatus("missing", "done"), std::system_error);
+    test::writeFile(f.note("plain"), "text");
+    EXPECT_THROW(f.writer.updateVDJobStatus("plain", "done"), InboxWriter::Error);
+    EXPECT_EQ(test::readFile(f.note("plain")), "text");
+}
+
+} // namespace
+} // namespace quillet
