@@ -22,5 +22,13 @@ const std::vector<Command>& commandTable();
 
 /// The commands. Each runs on the main thread.
 [[noreturn]] void cmdRun();
+/// Pairs this computer with a Veldane account (device-code sign-in in the browser) and stores
+/// the token; the flow runs as a task while the main thread runs the main loop. Ends the
+/// process: status 0 when paired, through `fail` otherwise.
+[[noreturn]] void cmdPair();
+
+/// Prints a warning on standard output when uploading is switched on but no device token is
+/// readable. Never stops the command. Main thread.
+void requirePairedForUpload();
 
 } // namespace quillet
