@@ -7,7 +7,8 @@ namespace {
 
 TEST(Utf8, AcceptsWellFormedTextOnly)
 {
-    for (std::string_view good : {"", "plain", "caf\xC3\xA9", "\xE2\x80\xA6", "\xF0\x9F\x8E\x99", std::string_view("a\0b", 3)}) {
+    using namespace std::string_view_literals;
+    for (std::string_view good : {""sv, "plain"sv, "caf\xC3\xA9"sv, "\xE2\x80\xA6"sv, "\xF0\x9F\x8E\x99"sv, "a\0b"sv}) {
         EXPECT_TRUE(Utf8::isValid(good)) << good;
     }
     for (std::string_view bad : {"\xFF", "\x80", "\xC3", "\xC3\x28", "\xC0\xAF", "\xE0\x80\xAF", "\xED\xA0\x80",
