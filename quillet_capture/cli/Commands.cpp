@@ -22,7 +22,7 @@ const std::vector<Command>& commandTable()
         {{"import-existing"}, notYet},
         {{"retry"}, notYet},
         {{"sync"}, notYet},
-        {{"pair"}, notYet},
+        {{"pair"}, [] { cmdPair(); }},
         {{"install"}, cmdInstall},
         {{"uninstall"}, cmdUninstall},
         {{"status"}, notYet},

@@ -36,4 +36,13 @@ void withAgentStopped(const std::function<void()>& body);
 /// the process through `fail` when the inbox cannot be created.
 void cmdSetup(const std::vector<std::string>& arguments);
 
+/// Pairs this computer with a Veldane account (device-code sign-in in the browser) and stores
+/// the token; the flow runs as a task while the main thread runs the main loop. Ends the
+/// process: status 0 when paired, through `fail` otherwise.
+[[noreturn]] void cmdPair();
+
+/// Prints a warning on standard output when uploading is switched on but no device token is
+/// readable. Never stops the command. Main thread.
+void requirePairedForUpload();
+
 } // namespace quillet

@@ -1,0 +1,55 @@
+#include "quillet_capture/config/Keychain.hpp"
+
+#include "quillet_capture/platform/SecretStore.hpp"
+#include "quillet_capture/util/Utf8.hpp"
+
+namespace quillet::Keychain {
+
+std::optional<std::string> read(const std::string& account, const std::string& service)
+{
+    auto data = SecretStore::read(service, account);
+    if (!data || !Utf8::isValid(*data)) {
+        return std::nullopt;
+    }
+    return data;
+}
+
+bool write(const std::string& account, const std::optional<std::string>& value, const std::string& service)
+{
+    if (value && !value->empty()) {
+        return SecretStore::write(service, account, *value);
+    }
+    return SecretStore::remove(service, account);
+}
+
+std::optional<std::string> deviceToken()
+{
+    return read(deviceTokenAccount);
+}
+
+bool setDeviceToken(const std::optional<std::string>& value)
+{
+    return write(deviceTokenAccount, value);
+}
+
+bool hasCredentials()
+{
+    auto token = deviceToken();
+    return token && !token->empty();
+}
+
+bool hasDeviceToken()
+{
+    return hasCredentials();
+}
+
+std::optional<std::string> authorizationHeader()
+{
+    auto token = deviceToken();
+    if (!token || token->empty()) {
+        return std::nullopt;
+    }
+    return "Bearer " + *token;
+}
+
+} // namespace quillet::Keychain
