@@ -9,6 +9,8 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <array>
+#include <cstring>
 #include <exception>
 #include <limits>
 #include <system_error>
@@ -107,30 +109,68 @@ size_t validSequence(std::string_view text)
     return length;
 }
 
-void appendString(std::string& out, std::string_view text)
+// What a byte needs in a JSON string: nothing, an escape, or a check that it starts valid UTF-8.
+enum ByteClass : unsigned char { kPlain, kEscape, kMultiByte };
+
+constexpr std::array<ByteClass, 256> kByteClass = [] {
+    std::array<ByteClass, 256> table{};
+    for (int c = 0; c < 0x20; ++c) {
+        table[c] = kEscape;
+    }
+    table['"'] = kEscape;
+    table['\\'] = kEscape;
+    for (int c = 0x80; c < 0x100; ++c) {
+        table[c] = kMultiByte;
+    }
+    return table;
+}();
+
+// True when one of the eight bytes of `word` is not plain: below 0x20, a double quote, a
+// backslash, or 0x80 and above. (Bit tricks: a byte is flagged in the high bit of its lane.)
+bool anyNotPlain(std::uint64_t word)
 {
-    out += '"';
+    constexpr std::uint64_t kOnes = 0x0101010101010101ULL;
+    constexpr std::uint64_t kHighs = 0x8080808080808080ULL;
+    auto hasZeroByte = [](std::uint64_t v) { return (v - kOnes) & ~v; };
+    std::uint64_t below20 = (word - 0x20 * kOnes) & ~word;
+    return ((word | below20 | hasZeroByte(word ^ ('"' * kOnes)) | hasZeroByte(word ^ ('\\' * kOnes))) & kHighs) != 0;
+}
+
+// The inside of a JSON string for `text`, without the quotes. Most names need no escape at
+// all; they are checked eight bytes at a time.
+void appendStringBody(std::string& out, std::string_view text)
+{
+    const auto* bytes = reinterpret_cast<const unsigned char*>(text.data());
+    size_t size = text.size();
     size_t plainStart = 0;
     size_t i = 0;
-    auto flush = [&] { out.append(text.data() + plainStart, i - plainStart); };
-    while (i < text.size()) {
-        auto c = static_cast<unsigned char>(text[i]);
-        if (c >= 0x20 && c != '"' && c != '\\' && c < 0x80) {
-            ++i;
-            continue;
+    for (;;) {
+        while (i + 8 <= size) {
+            std::uint64_t word;
+            std::memcpy(&word, bytes + i, 8);
+            if (anyNotPlain(word)) {
+                break;
+            }
+            i += 8;
         }
-        if (c >= 0x80) {
+        while (i < size && kByteClass[bytes[i]] == kPlain) {
+            ++i;
+        }
+        if (i == size) {
+            break;
+        }
+        if (kByteClass[bytes[i]] == kMultiByte) {
             if (size_t length = validSequence(text.substr(i)); length > 0) {
                 i += length;
                 continue;
             }
-            flush();
+            out.append(text.data() + plainStart, i - plainStart);
             out += "\xEF\xBF\xBD";  // U+FFFD for a byte that is not UTF-8
             plainStart = ++i;
             continue;
         }
-        flush();
-        switch (c) {
+        out.append(text.data() + plainStart, i - plainStart);
+        switch (bytes[i]) {
         case '"': out += "\\\""; break;
         case '\\': out += "\\\\"; break;
         case '\b': out += "\\b"; break;
@@ -138,11 +178,17 @@ void appendString(std::string& out, std::string_view text)
         case '\n': out += "\\n"; break;
         case '\r': out += "\\r"; break;
         case '\t': out += "\\t"; break;
-        default: appendHex4(out, c); break;
+        default: appendHex4(out, bytes[i]); break;
         }
         plainStart = ++i;
     }
-    flush();
+    out.append(text.data() + plainStart, size - plainStart);
+}
+
+void appendString(std::string& out, std::string_view text)
+{
+    out += '"';
+    appendStringBody(out, text);
     out += '"';
 }
 
@@ -170,9 +216,7 @@ void appendTime(std::string& out, TimePoint time)
     appendDigits(text + 11, static_cast<unsigned>(clock.hours().count()), 2);
     appendDigits(text + 14, static_cast<unsigned>(clock.minutes().count()), 2);
     appendDigits(text + 17, static_cast<unsigned>(clock.seconds().count()), 2);
-    out += '"';
     out.append(text, sizeof text);
-    out += '"';
 }
 
 void appendIndent(std::string& out, int depth)
@@ -181,7 +225,66 @@ void appendIndent(std::string& out, int depth)
     out.append(static_cast<size_t>(depth) * 2, ' ');
 }
 
-void appendFolderSet(std::string& out, const State::FolderSet& set, int depth)
+// Formats the dates of entries, remembering the last one: the entries of one index or import
+// share their date, and formatting it for every entry would cost a third of the encoding.
+class DateText {
+public:
+    const std::string& of(TimePoint time)
+    {
+        if (last_ != time) {
+            text_.clear();
+            appendTime(text_, time);
+            last_ = time;
+        }
+        return text_;
+    }
+
+private:
+    std::optional<TimePoint> last_;
+    std::string text_;
+};
+
+// Everything of an entry but its name, id and date is the same text for every entry at one
+// depth, so it is appended in four pieces around them.
+struct EntryPieces {
+    explicit EntryPieces(int depth)
+    {
+        std::string entryIndent = "\n" + std::string(static_cast<size_t>(depth + 1) * 2, ' ');
+        std::string keyIndent = "\n" + std::string(static_cast<size_t>(depth + 2) * 2, ' ');
+        beforeName = entryIndent + "\"";
+        beforeId = "\": {" + keyIndent + "\"canonicalId\": \"";
+        beforeTime = "\"," + keyIndent + "\"firstSeen\": \"";
+        closing = "\"" + entryIndent + "}";
+    }
+
+    std::string beforeName, beforeId, beforeTime, closing;
+};
+
+// The sets of "seenByFolder" sit two levels deep, "voiceMemosSeen" one.
+constexpr int kFolderSetDepth = 2;
+constexpr int kOldSetDepth = 1;
+
+const EntryPieces& piecesAt(int depth)
+{
+    static const EntryPieces folderSet(kFolderSetDepth);
+    static const EntryPieces oldSet(kOldSetDepth);
+    return depth == kOldSetDepth ? oldSet : folderSet;
+}
+
+// One entry: a line break and indentation, the name, and its object (no comma).
+void appendEntry(std::string& out, std::string_view name, const State::SeenEntry& entry, int depth, DateText& dates)
+{
+    const auto& pieces = piecesAt(depth);
+    out += pieces.beforeName;
+    appendStringBody(out, name);
+    out += pieces.beforeId;
+    appendStringBody(out, entry.canonicalId);
+    out += pieces.beforeTime;
+    out += dates.of(entry.firstSeen);
+    out += pieces.closing;
+}
+
+void appendFolderSet(std::string& out, const State::FolderSet& set, int depth, DateText& dates)
 {
     if (set.empty()) {
         out += "{}";
@@ -194,21 +297,58 @@ void appendFolderSet(std::string& out, const State::FolderSet& set, int depth)
             out += ',';
         }
         first = false;
-        appendIndent(out, depth + 1);
-        appendString(out, name);
-        out += ": {";
-        appendIndent(out, depth + 2);
-        out += "\"canonicalId\": ";
-        appendString(out, entry.canonicalId);
-        out += ',';
-        appendIndent(out, depth + 2);
-        out += "\"firstSeen\": ";
-        appendTime(out, entry.firstSeen);
-        appendIndent(out, depth + 1);
-        out += '}';
+        appendEntry(out, name, entry, depth, dates);
     }
     appendIndent(out, depth);
     out += '}';
+}
+
+// --- keeping the text in step ----------------------------------------------------------
+
+// Where an entry of a folder set starts in the folder's text: its name is the only text that
+// follows a line break and exactly six blanks and a quote (the lines inside an entry have eight
+// blanks, and strings hold no raw line breaks), and a name's text is unique while every name is
+// UTF-8.
+std::string entryStart(std::string_view name)
+{
+    std::string key = piecesAt(kFolderSetDepth).beforeName;
+    appendStringBody(key, name);
+    key += "\": {";
+    return key;
+}
+
+// The end of an entry: its closing brace, on a line with six blanks.
+const std::string kEntryEnd = "\n      }";
+// The end of a folder's set, on a line with four blanks.
+const std::string kSetEnd = "\n    }";
+
+bool isUtf8(std::string_view text)
+{
+    for (size_t i = 0; i < text.size();) {
+        if (static_cast<unsigned char>(text[i]) < 0x80) {
+            ++i;
+        } else if (size_t length = validSequence(text.substr(i)); length > 0) {
+            i += length;
+        } else {
+            return false;
+        }
+    }
+    return true;
+}
+
+std::string folderText(const State::FolderSet& set)
+{
+    std::string text;
+    text.reserve(64 + set.size() * 160);
+    DateText dates;
+    appendFolderSet(text, set, kFolderSetDepth, dates);
+    return text;
+}
+
+const State::FolderSet* folderOf(const State& state, std::string_view folderId)
+{
+    auto folder = state.seenByFolder.find(folderId);
+    return folder == state.seenByFolder.end() ? nullptr : &folder->second;
 }
 
 // --- decoding ---------------------------------------------------------------------------
@@ -251,8 +391,9 @@ size_t State::totalEntries() const
 std::string CaptureStateStore::encode(const State& state)
 {
     std::string out;
-    // About 110 bytes per entry; one allocation instead of twenty doublings.
-    out.reserve(128 + state.totalEntries() * 128 + state.voiceMemosSeen.size() * 128);
+    // About 120 bytes per entry; one allocation instead of twenty doublings.
+    out.reserve(256 + (state.totalEntries() + state.voiceMemosSeen.size()) * 160);
+    DateText dates;
     out += "{\n  \"seenByFolder\": ";
     if (state.seenByFolder.empty()) {
         out += "{}";
@@ -267,14 +408,14 @@ std::string CaptureStateStore::encode(const State& state)
             appendIndent(out, 2);
             appendString(out, folder);
             out += ": ";
-            appendFolderSet(out, set, 2);
+            appendFolderSet(out, set, kFolderSetDepth, dates);
         }
         out += "\n  }";
     }
     out += ",\n  \"version\": ";
     out += std::to_string(state.version);
     out += ",\n  \"voiceMemosSeen\": ";
-    appendFolderSet(out, state.voiceMemosSeen, 1);
+    appendFolderSet(out, state.voiceMemosSeen, kOldSetDepth, dates);
     out += "\n}";
     return out;
 }
@@ -321,6 +462,133 @@ std::optional<State> CaptureStateStore::decode(std::string_view text)
     return state;
 }
 
+void CaptureStateStore::EncodedState::reset(const State& state)
+{
+    folders_.clear();
+    for (const auto& [folderId, set] : state.seenByFolder) {
+        folderChanged(state, folderId);
+    }
+}
+
+void CaptureStateStore::EncodedState::folderChanged(const State& state, std::string_view folderId)
+{
+    const auto* set = folderOf(state, folderId);
+    if (set == nullptr) {
+        if (auto folder = folders_.find(folderId); folder != folders_.end()) {
+            folders_.erase(folder);
+        }
+        return;
+    }
+    auto& folder = folders_[std::string(folderId)];
+    folder.text = folderText(*set);
+    folder.spliceable = std::all_of(set->begin(), set->end(), [](const auto& entry) { return isUtf8(entry.first); });
+}
+
+void CaptureStateStore::EncodedState::entrySet(const State& state, std::string_view folderId, std::string_view name)
+{
+    const auto* set = folderOf(state, folderId);
+    auto folder = folders_.find(folderId);
+    auto entry = set ? set->find(name) : State::FolderSet::const_iterator();
+    if (set == nullptr || entry == set->end() || folder == folders_.end() || !folder->second.spliceable ||
+        !isUtf8(name) || set->size() == 1) {
+        return folderChanged(state, folderId);
+    }
+    auto& text = folder->second.text;
+    std::string entryText;
+    DateText dates;
+    appendEntry(entryText, name, entry->second, kFolderSetDepth, dates);
+
+    if (size_t at = text.find(entryStart(name)); at != std::string::npos) {
+        size_t end = text.find(kEntryEnd, at);
+        if (end == std::string::npos) {
+            return folderChanged(state, folderId);
+        }
+        text.replace(at, end + kEntryEnd.size() - at, entryText);
+        return;
+    }
+    // A new entry goes before the one that follows it in name order, or last.
+    auto next = std::next(entry);
+    if (next == set->end()) {
+        if (!text.ends_with(kSetEnd)) {
+            return folderChanged(state, folderId);
+        }
+        text.insert(text.size() - kSetEnd.size(), "," + entryText);
+        return;
+    }
+    size_t nextAt = text.find(entryStart(next->first));
+    if (nextAt == std::string::npos) {
+        return folderChanged(state, folderId);
+    }
+    text.insert(nextAt, entryText + ",");
+}
+
+void CaptureStateStore::EncodedState::entryRemoved(const State& state, std::string_view folderId,
+                                                   std::string_view name)
+{
+    const auto* set = folderOf(state, folderId);
+    auto folder = folders_.find(folderId);
+    if (set == nullptr || set->empty() || folder == folders_.end() || !folder->second.spliceable) {
+        return folderChanged(state, folderId);
+    }
+    auto& text = folder->second.text;
+    size_t at = text.find(entryStart(name));
+    if (at == std::string::npos) {
+        return;  // it was not there
+    }
+    size_t end = text.find(kEntryEnd, at);
+    if (end == std::string::npos) {
+        return folderChanged(state, folderId);
+    }
+    end += kEntryEnd.size();
+    // Entries are joined by commas: take the one after it, or for the last entry the one before.
+    if (end < text.size() && text[end] == ',') {
+        text.erase(at, end + 1 - at);
+    } else if (at > 0 && text[at - 1] == ',') {
+        text.erase(at - 1, end - at + 1);
+    } else {
+        folderChanged(state, folderId);
+    }
+}
+
+std::string CaptureStateStore::EncodedState::text(const State& state) const
+{
+    size_t size = 256;
+    for (const auto& [folderId, folder] : folders_) {
+        size += folderId.size() + folder.text.size() + 16;
+    }
+    std::string out;
+    out.reserve(size + state.voiceMemosSeen.size() * 160);
+    out += "{\n  \"seenByFolder\": ";
+    if (state.seenByFolder.empty()) {
+        out += "{}";
+    } else {
+        out += '{';
+        bool first = true;
+        for (const auto& [folderId, set] : state.seenByFolder) {
+            if (!first) {
+                out += ',';
+            }
+            first = false;
+            appendIndent(out, 2);
+            appendString(out, folderId);
+            out += ": ";
+            if (auto folder = folders_.find(folderId); folder != folders_.end()) {
+                out += folder->second.text;
+            } else {
+                out += folderText(set);
+            }
+        }
+        out += "\n  }";
+    }
+    out += ",\n  \"version\": ";
+    out += std::to_string(state.version);
+    out += ",\n  \"voiceMemosSeen\": ";
+    DateText dates;
+    appendFolderSet(out, state.voiceMemosSeen, kOldSetDepth, dates);
+    out += "\n}";
+    return out;
+}
+
 CaptureStateStore& CaptureStateStore::shared()
 {
     // Never destroyed: watchers and tasks may still call it while the process ends.
@@ -343,9 +611,10 @@ void CaptureStateStore::load()
     // so that persistLocked finds it held, as it expects.
     std::lock_guard guard(queue_);
     if (auto text = readWholeFile(storePath_)) {
-        if (auto stored = decode(*text)) {
-            auto oldVersion = stored->version;
-            state_ = CaptureStateMigration::migrate(std::move(*stored));
+        if (auto decoded = decode(*text)) {
+            auto oldVersion = decoded->version;
+            state_ = CaptureStateMigration::migrate(std::move(*decoded));
+            encoded_.reset(state_);
             if (state_.version != oldVersion) {
                 rlog("[quillet] capture: migrated state v%d -> v%d (%d entries)", oldVersion, state_.version,
                      state_.totalEntries());
@@ -361,13 +630,14 @@ void CaptureStateStore::load()
     }
     rlog("[quillet] capture: migrating %d entries from voice-memo-watcher state", processed->size());
     state_ = CaptureStateMigration::fromLegacyPythonState(*processed, normalised(clock_.now()));
+    encoded_.reset(state_);
     persistLocked();
 }
 
 void CaptureStateStore::persistLocked()
 {
     try {
-        writeFileAtomically(storePath_, encode(state_), 0644);
+        writeFileAtomically(storePath_, encoded_.text(state_), 0644);
     } catch (const std::exception& error) {
         rlog("[quillet] capture: state persist failed: %@", error.what());
     }
@@ -392,19 +662,21 @@ void CaptureStateStore::markSeen(std::string_view name, std::string_view canonic
     std::lock_guard guard(queue_);
     auto& set = state_.seenByFolder[std::string(folderId)];
     set.insert_or_assign(std::string(name), State::SeenEntry{firstSeen, std::string(canonicalId)});
+    encoded_.entrySet(state_, folderId, name);
     persistLocked();
 }
 
-void CaptureStateStore::markIndexed(const std::vector<SeenName>& files, std::string_view folderId,
+void CaptureStateStore::markIndexed(std::vector<SeenName> files, std::string_view folderId,
                                     std::optional<TimePoint> at)
 {
     auto firstSeen = stamp(at);
     std::lock_guard guard(queue_);
     auto& set = state_.seenByFolder[std::string(folderId)];
-    for (const auto& file : files) {
-        set.insert_or_assign(file.name, State::SeenEntry{firstSeen, file.canonicalId});
+    for (auto& file : files) {
+        set.insert_or_assign(std::move(file.name), State::SeenEntry{firstSeen, std::move(file.canonicalId)});
     }
     set.insert_or_assign(std::string(indexedMarker), State::SeenEntry{firstSeen, ""});
+    encoded_.folderChanged(state_, folderId);
     persistLocked();
 }
 
@@ -418,6 +690,7 @@ std::size_t CaptureStateStore::forget(const std::vector<std::string>& names, std
         removed += set.erase(name);
     }
     set.insert_or_assign(std::string(indexedMarker), State::SeenEntry{now, ""});
+    encoded_.folderChanged(state_, folderId);
     persistLocked();
     return removed;
 }

@@ -51,6 +51,34 @@ public:
         std::size_t totalEntries() const;
     };
 
+    /// The state file's text for a `State`, kept in step with it change by change: after one
+    /// entry is set or removed, only that entry's text is made and spliced into its folder's
+    /// text, so that writing the whole file after a change of a large state costs little more
+    /// than the write. `text(state)` always equals `encode(state)` for the state it was kept
+    /// in step with; a folder that it cannot splice safely (names that are not UTF-8, whose
+    /// texts may coincide) is encoded afresh instead. Not synchronised: the store uses it
+    /// under its lock.
+    class EncodedState {
+    public:
+        /// Encodes every folder of `state` afresh.
+        void reset(const State& state);
+        /// After the entry `name` of folder `folderId` of `state` was set (added or replaced).
+        void entrySet(const State& state, std::string_view folderId, std::string_view name);
+        /// After the entry `name` was removed from folder `folderId` of `state`.
+        void entryRemoved(const State& state, std::string_view folderId, std::string_view name);
+        /// After any other change of folder `folderId` of `state`: encodes it afresh.
+        void folderChanged(const State& state, std::string_view folderId);
+        /// The file's text for `state`.
+        std::string text(const State& state) const;
+
+    private:
+        struct Folder {
+            std::string text;        // the folder's set as an object, "{" to "}"
+            bool spliceable = true;  // every name is UTF-8, so each entry's text is unique
+        };
+        std::map<std::string, Folder, std::less<>> folders_;
+    };
+
     /// A name to mark seen in one go with others (see `markIndexed`).
     struct SeenName {
         std::string name;
@@ -92,8 +120,9 @@ public:
 
     /// A folder's first full index in one write: marks every name of `files` seen with its
     /// canonical id and the time `at` (or now), adds the `indexedMarker` entry, then writes
-    /// the file once. Same failure handling as `markSeen`.
-    void markIndexed(const std::vector<SeenName>& files, std::string_view folderId = voiceMemosFolderId,
+    /// the file once. Same failure handling as `markSeen`. `files` is taken by value so that
+    /// a caller's list can be moved in without copying its names.
+    void markIndexed(std::vector<SeenName> files, std::string_view folderId = voiceMemosFolderId,
                      std::optional<TimePoint> at = std::nullopt);
 
     /// Removes each of `names` that the folder holds, then sets the folder's `indexedMarker`
@@ -131,6 +160,7 @@ private:
     std::filesystem::path legacyPath_;
     runtime::Clock& clock_;
     State state_;
+    EncodedState encoded_;
 };
 
 } // namespace quillet

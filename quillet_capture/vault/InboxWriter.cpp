@@ -55,6 +55,44 @@ std::string readText(const fs::path& file)
     return contents;
 }
 
+// The note's text up to and including the end of its frontmatter block: the block is at the
+// top, and the transcript below it (often tens of kilobytes) need not be read to find it.
+// Reading stops as soon as the block is closed, or as soon as the text cannot have one.
+std::string readFrontmatterText(const fs::path& file)
+{
+    int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        throwErrno(errno, "cannot read " + file.string());
+    }
+    std::string text;
+    char buffer[4096];
+    for (;;) {
+        ssize_t n = ::read(fd, buffer, sizeof buffer);
+        if (n < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            int error = errno;
+            ::close(fd);
+            throwErrno(error, "cannot read " + file.string());
+        }
+        if (n == 0) {
+            break;
+        }
+        // The closing delimiter may straddle two reads.
+        size_t searchFrom = std::max<size_t>(3, text.size() >= kDelimiter.size() ? text.size() - kDelimiter.size() + 1 : 0);
+        text.append(buffer, static_cast<size_t>(n));
+        if (text.size() >= 3 && !text.starts_with("---")) {
+            break;
+        }
+        if (text.find(kDelimiter, searchFrom) != std::string::npos) {
+            break;
+        }
+    }
+    ::close(fd);
+    return text;
+}
+
 // macOS's fsync leaves the data in the drive's cache; F_FULLFSYNC is what reaches the disk.
 int flushToDisk(int fd)
 {
@@ -442,7 +480,7 @@ void InboxWriter::updateVDJobStatus(std::string_view id, std::string_view status
 
 InboxWriter::Frontmatter InboxWriter::readFrontmatter(const fs::path& note)
 {
-    return frontmatterFromText(readText(note), std::chrono::system_clock::now());
+    return frontmatterFromText(readFrontmatterText(note), std::chrono::system_clock::now());
 }
 
 InboxWriter::Frontmatter InboxWriter::frontmatterFromText(std::string_view text, TimePoint now)

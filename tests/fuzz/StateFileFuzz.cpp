@@ -6,6 +6,7 @@
 // - migration keeps every entry and always gives version 2 from version 1;
 // - a state made of arbitrary bytes (names that are not UTF-8, control characters) always
 //   encodes to a text that decodes again, since an undecodable file would lose the whole state;
+// - the text the store keeps in step change by change always equals a fresh encoding;
 // - the legacy watcher list reader never fails on any text.
 
 #include "quillet_capture/pipeline/CaptureStateMigration.hpp"
@@ -18,6 +19,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <vector>
 
 using namespace quillet;
 using State = CaptureStateStore::State;
@@ -86,6 +88,45 @@ void checkArbitraryState(const uint8_t* data, size_t size)
     check(decoded->totalEntries() <= state.totalEntries(), "no entries appear from nowhere");
 }
 
+void checkTextKeptInStep(const uint8_t* data, size_t size)
+{
+    FuzzedDataProvider input(data, size);
+    // A few names and folders, so that the changes meet the same entries again.
+    std::vector<std::string> names, folders;
+    for (int i = 0; i < 6; ++i) {
+        names.push_back(input.ConsumeRandomLengthString(12));
+    }
+    for (int i = 0; i < 2; ++i) {
+        folders.push_back(input.ConsumeRandomLengthString(6));
+    }
+    State state;
+    CaptureStateStore::EncodedState encoded;
+    encoded.reset(state);
+    while (input.remaining_bytes() > 0) {
+        const auto& folder = folders[input.ConsumeIntegralInRange<size_t>(0, folders.size() - 1)];
+        const auto& name = names[input.ConsumeIntegralInRange<size_t>(0, names.size() - 1)];
+        switch (input.ConsumeIntegralInRange(0, 2)) {
+        case 0: {
+            auto seconds = input.ConsumeIntegralInRange<int64_t>(-9'000'000'000LL, 9'000'000'000LL);
+            state.seenByFolder[folder][name] = {CaptureStateStore::TimePoint(std::chrono::seconds(seconds)),
+                                                input.ConsumeRandomLengthString(8)};
+            encoded.entrySet(state, folder, name);
+            break;
+        }
+        case 1:
+            if (auto set = state.seenByFolder.find(folder); set != state.seenByFolder.end() && set->second.erase(name)) {
+                encoded.entryRemoved(state, folder, name);
+            }
+            break;
+        default:
+            state.seenByFolder[folder].clear();
+            encoded.folderChanged(state, folder);
+            break;
+        }
+        check(encoded.text(state) == CaptureStateStore::encode(state), "the kept text equals a fresh encoding");
+    }
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
@@ -94,5 +135,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     checkDecodedText(text);
     CaptureStateMigration::legacyProcessedNames(text);
     checkArbitraryState(data, size);
+    checkTextKeptInStep(data, size);
     return 0;
 }

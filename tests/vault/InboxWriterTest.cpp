@@ -410,6 +410,28 @@ TEST(InboxWriterVault, ReadingErrors)
     EXPECT_EQ(InboxWriter::readBody(f.note("plain")), "No frontmatter here.\n");
 }
 
+TEST(InboxWriterVault, LongNotesReadTheSameWhereverTheBlockEnds)
+{
+    // The reader stops after the block, reading 4 KiB at a time: a closing delimiter on either
+    // side of, or across, a read boundary must be found all the same.
+    VaultFixture f;
+    f.writer.ensureDirectories();
+    const std::string head = "---\nid: a\ntitle: ";
+    for (size_t closeAt = 4085; closeAt <= 4105; ++closeAt) {
+        std::string title(closeAt - head.size(), 'x');
+        test::writeFile(f.note("long"), head + title + "\n---\n\n" + std::string(20000, 'b') + "\n---\nid: wrong\n");
+        auto fm = InboxWriter::readFrontmatter(f.note("long"));
+        EXPECT_EQ(fm.id, "a") << closeAt;
+        EXPECT_EQ(fm.title, title) << closeAt;
+    }
+    test::writeFile(f.note("unclosed"), "---\nid: a\n" + std::string(50000, 'b'));
+    EXPECT_THROW(InboxWriter::readFrontmatter(f.note("unclosed")), InboxWriter::Error);
+    test::writeFile(f.note("dashes"), "--");
+    EXPECT_THROW(InboxWriter::readFrontmatter(f.note("dashes")), InboxWriter::Error);
+    test::writeFile(f.note("late"), std::string(8000, '\n') + "---\nid: a\n---\n");
+    EXPECT_THROW(InboxWriter::readFrontmatter(f.note("late")), InboxWriter::Error);
+}
+
 TEST(InboxWriterVault, TranscriptKeepsTheNoteAndAddsWhatIsNew)
 {
     VaultFixture f;
