@@ -3,6 +3,7 @@
 #include "quillet_capture/cli/Commands.hpp"
 #include "quillet_capture/cli/Console.hpp"
 #include "quillet_capture/config/Keychain.hpp"
+#include "quillet_capture/config/Settings.hpp"
 #include "quillet_capture/config/Log.hpp"
 #include "quillet_capture/platform/Paths.hpp"
 #include "quillet_capture/platform/System.hpp"
@@ -26,21 +27,6 @@ namespace {
 constexpr std::size_t kTokenPrefix = 12;
 // Bounds for values the service sends, so that the clock arithmetic cannot overflow.
 constexpr std::int64_t kLongestWait = 10LL * 365 * 24 * 3600;
-
-// The upload switch of the settings ("captureVeldaneEnabled", absent is false).
-bool uploadSwitchedOn()
-{
-    auto text = readWholeFile(Paths::settingsFile());
-    if (!text) {
-        return false;
-    }
-    auto settings = nlohmann::json::parse(*text, nullptr, false);
-    if (!settings.is_object()) {
-        return false;
-    }
-    auto value = settings.find("captureVeldaneEnabled");
-    return value != settings.end() && value->is_boolean() && value->get<bool>();
-}
 
 std::string deviceName()
 {
@@ -228,7 +214,7 @@ void cmdPair()
 
 void requirePairedForUpload()
 {
-    if (uploadSwitchedOn() && !Keychain::hasCredentials()) {
+    if (Settings::shared().captureVeldaneEnabled() && !Keychain::hasCredentials()) {
         out("No device token readable here: either this Mac is not paired (run pair first), or the keychain is "
             "locked because this runs over SSH (the agent can still read it).");
     }

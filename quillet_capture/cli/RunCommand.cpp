@@ -1,9 +1,14 @@
 #include "quillet_capture/cli/Commands.hpp"
 #include "quillet_capture/cli/Console.hpp"
 #include "quillet_capture/config/Log.hpp"
+#include "quillet_capture/capture/VoiceMemosKeeper.hpp"
+#include "quillet_capture/config/Keychain.hpp"
 #include "quillet_capture/config/Settings.hpp"
+#include "quillet_capture/pipeline/CapturePipeline.hpp"
+#include "quillet_capture/pipeline/CaptureStatus.hpp"
 #include "quillet_capture/platform/System.hpp"
 #include "quillet_capture/runtime/MainLoop.hpp"
+#include "quillet_capture/runtime/Tasks.hpp"
 
 #include <csignal>
 
@@ -24,10 +29,30 @@ void cmdRun()
         runtime::exitProcess(1);
     }
 
+    if (settings.captureVeldaneEnabled() && !Keychain::hasCredentials()) {
+        rlog("[quillet] capture-cli: upload is on but this Mac is not paired -- run pair. Capturing to the vault "
+             "only until then.");
+    }
+
     runtime::handleSignal(SIGTERM, [] {
         rlog("[quillet] capture-cli: stopping (SIGTERM)");
         runtime::exitProcess(0);
     });
+
+    // A capture task must never take the agent down; what escapes one is logged.
+    runtime::setTaskFailureHandler([](const std::string& name, std::exception_ptr error) {
+        try {
+            std::rethrow_exception(error);
+        } catch (const std::exception& e) {
+            rlog("[quillet] capture-cli: %@ ended with an error: %@", name, e.what());
+        } catch (...) {
+            rlog("[quillet] capture-cli: %@ ended with an error", name);
+        }
+    });
+
+    VoiceMemosKeeper::shared().apply(settings.keepVoiceMemosRunning());
+    CaptureStatus::shared().start();
+    CapturePipeline::shared().start();
 
     runtime::runMainLoop();
 }

@@ -1,5 +1,7 @@
 #include "quillet_capture/service/VeldaneClient.hpp"
 
+#include "quillet_capture/config/Settings.hpp"
+
 #include "quillet_capture/config/Keychain.hpp"
 #include "quillet_capture/platform/Paths.hpp"
 #include "quillet_capture/runtime/Tasks.hpp"
@@ -24,7 +26,6 @@ namespace quillet {
 
 namespace {
 
-constexpr const char* kDefaultBaseURL = "https://api.veldane.com/api/v1";
 constexpr double kTaskPollSeconds = 5;
 constexpr int kListingPageLimit = 200;
 
@@ -199,16 +200,7 @@ bool usableMatch(const SourceMetadata& item, const std::string& fileName, const 
 
 std::string configuredBaseURL()
 {
-    if (auto text = readWholeFile(Paths::settingsFile())) {
-        auto settings = nlohmann::json::parse(*text, nullptr, false);
-        if (settings.is_object()) {
-            auto value = settings.find("veldaneBaseURL");
-            if (value != settings.end() && value->is_string() && !value->get<std::string>().empty()) {
-                return value->get<std::string>();
-            }
-        }
-    }
-    return kDefaultBaseURL;
+    return Settings::shared().veldaneBaseURL();
 }
 
 // ClientError

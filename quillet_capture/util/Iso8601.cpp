@@ -86,7 +86,8 @@ std::optional<TimePoint> parse(std::string_view text)
     using namespace std::chrono;
     year_month_day date{std::chrono::year(year), std::chrono::month(static_cast<unsigned>(month)),
                         std::chrono::day(static_cast<unsigned>(day))};
-    if (!date.ok() || hour > 23 || minute > 59 || second > 60) {
+    // The clock counts nanoseconds in 64 bits: years outside 1678-2261 cannot be held.
+    if (year < 1678 || year > 2261 || !date.ok() || hour > 23 || minute > 59 || second > 60) {
         return std::nullopt;
     }
     auto time = sys_days(date) + hours(hour) + minutes(minute) + seconds(second) - minutes(offsetMinutes);

@@ -4,6 +4,7 @@
 
 #include "tests/support/FakeVeldane.hpp"
 #include "tests/support/Scratch.hpp"
+#include "tests/support/SettingsFile.hpp"
 
 #include <gtest/gtest.h>
 
@@ -39,7 +40,7 @@ struct PairTest : ::testing::Test {
 
     PairTest()
     {
-        test::writeFile(Paths::settingsFile(), json{{"veldaneBaseURL", fake.baseURL()}}.dump());
+        test::writeSettings([&](AppSettings& s) { s.veldaneBaseURL = fake.baseURL(); });
         test::writeFile(bin / "xdg-open", "#!/bin/sh\nprintf '%s\\n' \"$1\" >> '" + opened.string() + "'\n");
         fs::permissions(bin / "xdg-open", fs::perms::owner_all);
     }
@@ -201,7 +202,7 @@ TEST_F(PairTest, TheStartCanFailInEveryWay)
     EXPECT_EQ(result.status, 1);
     EXPECT_TRUE(result.errors.starts_with("Pairing failed: ")) << result.errors;
 
-    test::writeFile(Paths::settingsFile(), json{{"veldaneBaseURL", "http://127.0.0.1:1/api/v1"}}.dump());
+    test::writeSettings([](AppSettings& s) { s.veldaneBaseURL = "http://127.0.0.1:1/api/v1"; });
     result = pair();
     EXPECT_EQ(result.status, 1);
     EXPECT_TRUE(result.errors.starts_with("Pairing failed: ")) << result.errors;
@@ -270,11 +271,11 @@ TEST(RequirePairedForUpload, WarnsOnlyWhenUploadingIsOnAndNoTokenReads)
         return ::testing::internal::GetCapturedStdout();
     };
     EXPECT_EQ(printed(), "");
-    test::writeFile(Paths::settingsFile(), R"({"captureVeldaneEnabled": true})");
+    test::writeSettings([](AppSettings& s) { s.captureVeldaneEnabled = true; });
     EXPECT_EQ(printed(), warning);
     ASSERT_TRUE(Keychain::setDeviceToken(std::string("t")));
     EXPECT_EQ(printed(), "");
-    test::writeFile(Paths::settingsFile(), R"({"captureVeldaneEnabled": false})");
+    test::writeSettings([](AppSettings& s) { s.captureVeldaneEnabled = false; });
     ASSERT_TRUE(Keychain::setDeviceToken(std::nullopt));
     EXPECT_EQ(printed(), "");
 }

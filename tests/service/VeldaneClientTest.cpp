@@ -1,4 +1,5 @@
 #include "tests/service/ServiceTestSupport.hpp"
+#include "tests/support/SettingsFile.hpp"
 
 #include "quillet_capture/platform/Paths.hpp"
 
@@ -292,16 +293,14 @@ TEST_F(VeldaneClientTest, PathsAreJoinedAsEscapedComponents)
     EXPECT_NO_THROW(await(client.status("a b?")));
 }
 
-TEST(ConfiguredBaseURL, ComesFromTheSettingsFileOrTheDefault)
+TEST(ConfiguredBaseURL, ComesFromTheSettingsOrTheDefault)
 {
     test::ScratchHome home;
+    Settings::shared().resetToDefaults();
     EXPECT_EQ(configuredBaseURL(), "https://api.veldane.com/api/v1");
-    test::writeFile(Paths::settingsFile(), "{ not json");
-    EXPECT_EQ(configuredBaseURL(), "https://api.veldane.com/api/v1");
-    test::writeFile(Paths::settingsFile(), R"({"veldaneBaseURL": 7})");
-    EXPECT_EQ(configuredBaseURL(), "https://api.veldane.com/api/v1");
-    test::writeFile(Paths::settingsFile(), R"({"veldaneBaseURL": "http://127.0.0.1:9/api/v1"})");
+    test::writeSettings([](AppSettings& s) { s.veldaneBaseURL = "http://127.0.0.1:9/api/v1"; });
     EXPECT_EQ(configuredBaseURL(), "http://127.0.0.1:9/api/v1");
+    Settings::shared().resetToDefaults();
 }
 
 } // namespace

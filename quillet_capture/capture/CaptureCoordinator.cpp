@@ -1,0 +1,191 @@
+#include "quillet_capture/capture/CaptureCoordinator.hpp"
+
+#include "quillet_capture/config/Log.hpp"
+#include "quillet_capture/config/Settings.hpp"
+#include "quillet_capture/pipeline/CaptureStateStore.hpp"
+#include "quillet_capture/pipeline/CaptureStatus.hpp"
+
+namespace quillet {
+
+namespace {
+
+const char* const kNoticeKinds[] = {"denied", "empty", "missing"};
+
+std::string noticeKind(const CaptureAccess::State& state)
+{
+    switch (state.kind()) {
+    case CaptureAccess::State::Kind::denied:
+        return "denied";
+    case CaptureAccess::State::Kind::empty:
+        return "empty";
+    case CaptureAccess::State::Kind::missing:
+        return "missing";
+    default:
+        return "";
+    }
+}
+
+std::string joined(const std::vector<FolderWatcher>& watchers)
+{
+    std::string names;
+    for (const auto& watcher : watchers) {
+        if (!names.empty()) {
+            names += ", ";
+        }
+        names += watcher.folder().displayName;
+    }
+    return names;
+}
+
+} // namespace
+
+CaptureCoordinator& CaptureCoordinator::shared()
+{
+    // Never destroyed: its queue may be running while the process ends.
+    static auto* coordinator = new CaptureCoordinator(
+        [] { return Settings::shared().enabledWatchedFolders(); }, CaptureStateStore::shared(),
+        Reports{
+            [](const CaptureAccess::State& state) { CaptureStatus::shared().updateAccess(state); },
+            [](int count) { CaptureStatus::shared().poll(count); },
+        });
+    return *coordinator;
+}
+
+CaptureCoordinator::CaptureCoordinator(FolderSource folders, CaptureStateStore& store, Reports reports,
+                                       runtime::Clock& clock, CaptureGuards::Probes probes,
+                                       std::chrono::milliseconds firstTick, std::chrono::milliseconds interval)
+    : queue_("quillet.capture.coordinator")
+    , folders_(std::move(folders))
+    , store_(store)
+    , reports_(std::move(reports))
+    , clock_(clock)
+    , probes_(std::move(probes))
+    , firstTick_(firstTick)
+    , interval_(interval)
+{
+}
+
+CaptureCoordinator::~CaptureCoordinator()
+{
+    queue_.sync([this] {
+        stopTimer();
+        watchers_.clear();
+        alive_.reset();
+    });
+}
+
+void CaptureCoordinator::setOnNewCapture(std::function<void(const FolderWatcher::NewCapture&)> handler)
+{
+    queue_.sync([&] { onNewCapture_ = std::move(handler); });
+}
+
+void CaptureCoordinator::start()
+{
+    queue_.async([this, alive = std::weak_ptr(alive_)] {
+        if (alive.lock()) {
+            startOnQueue();
+        }
+    });
+}
+
+void CaptureCoordinator::stop()
+{
+    queue_.async([this, alive = std::weak_ptr(alive_)] {
+        if (!alive.lock()) {
+            return;
+        }
+        stopTimer();
+        watchers_.clear();
+        rlog("[quillet] capture: coordinator stopped");
+    });
+}
+
+void CaptureCoordinator::reload()
+{
+    queue_.async([this, alive = std::weak_ptr(alive_)] {
+        if (!alive.lock()) {
+            return;
+        }
+        stopTimer();
+        watchers_.clear();
+        hasInitialised_ = false;
+        startOnQueue();
+    });
+}
+
+void CaptureCoordinator::stopTimer()
+{
+    if (timer_) {
+        timer_->cancel();
+        timer_.reset();
+    }
+}
+
+void CaptureCoordinator::startOnQueue()
+{
+    if (timer_) {
+        return;
+    }
+    watchers_.clear();
+    for (auto& folder : folders_()) {
+        watchers_.emplace_back(std::move(folder), store_, true, clock_, probes_);
+    }
+    if (watchers_.empty()) {
+        rlog("[quillet] capture: no folders enabled; coordinator idle");
+        return;
+    }
+    if (!hasInitialised_) {
+        for (auto& watcher : watchers_) {
+            watcher.runInitialIndex();
+        }
+        hasInitialised_ = true;
+    }
+    timer_ = runtime::Timer::repeating(queue_.executor(), firstTick_, interval_,
+                                       [this, alive = std::weak_ptr(alive_)] {
+                                           if (alive.lock()) {
+                                               tick();
+                                           }
+                                       });
+    rlog("[quillet] capture: coordinator started (poll=%ds, folders=%@)", static_cast<int>(pollInterval),
+         joined(watchers_));
+}
+
+void CaptureCoordinator::tick()
+{
+    int total = 0;
+    for (auto& watcher : watchers_) {
+        const auto& folder = watcher.folder();
+        auto state = watcher.accessState();
+        auto last = lastStates_.find(folder.id);
+        if (last == lastStates_.end() || !(last->second == state)) {
+            lastStates_.insert_or_assign(folder.id, state);
+            rlog("[quillet] capture: [%@] access -> %@", folder.displayName, state.summary(folder.displayName));
+            if (folder.isVoiceMemos() && reports_.updateAccess) {
+                reports_.updateAccess(state);
+            }
+            std::string prefix = "capture-access-" + folder.id + "-";
+            if (state.needsAttention()) {
+                EnvironmentCheck::notifyOnce(prefix + noticeKind(state), state.summary(folder.displayName),
+                                             state.explanation());
+            } else {
+                for (const char* kind : kNoticeKinds) {
+                    EnvironmentCheck::clearNotifyOnce(prefix + kind);
+                }
+            }
+        }
+        if (state.isUsable()) {
+            auto captures = watcher.poll();
+            for (const auto& capture : captures) {
+                if (onNewCapture_) {
+                    onNewCapture_(capture);
+                }
+            }
+            total += static_cast<int>(captures.size());
+        }
+    }
+    if (reports_.recordPoll) {
+        reports_.recordPoll(total);
+    }
+}
+
+} // namespace quillet

@@ -1,0 +1,84 @@
+#pragma once
+
+#include "quillet_capture/capture/CaptureAccess.hpp"
+#include "quillet_capture/capture/FolderWatcher.hpp"
+#include "quillet_capture/runtime/SerialQueue.hpp"
+#include "quillet_capture/runtime/Timer.hpp"
+
+#include <chrono>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace quillet {
+
+/// Polls every enabled watched folder on a timer, logs changes of each folder's access,
+/// raises or clears the once-only notices about it, and hands each new recording to one
+/// subscriber. All of its state, its watchers and the subscriber's calls live on the serial
+/// queue "quillet.capture.coordinator".
+class CaptureCoordinator {
+public:
+    static constexpr double pollInterval = 30.0;
+
+    /// Where the coordinator reports what it saw (the capture status in the agent).
+    struct Reports {
+        std::function<void(const CaptureAccess::State&)> updateAccess;
+        std::function<void(int newCaptures)> recordPoll;
+    };
+
+    /// The enabled watched folders at the moment of asking.
+    using FolderSource = std::function<std::vector<WatchedFolder>()>;
+
+    /// The agent's coordinator: enabled folders from the settings, the shared state store,
+    /// reports to the shared capture status.
+    static CaptureCoordinator& shared();
+
+    /// A coordinator over `folders` and `store`. The timer fires `firstTick` after start and
+    /// then every `interval`; `clock` and `probes` go to the watchers.
+    CaptureCoordinator(FolderSource folders, CaptureStateStore& store, Reports reports,
+                       runtime::Clock& clock = runtime::systemClock(), CaptureGuards::Probes probes = {},
+                       std::chrono::milliseconds firstTick = std::chrono::seconds(2),
+                       std::chrono::milliseconds interval = std::chrono::seconds(30));
+    ~CaptureCoordinator();
+
+    /// Sets the one subscriber, called on the coordinator's queue for each new recording; it
+    /// must return quickly. Set it before `start`.
+    void setOnNewCapture(std::function<void(const FolderWatcher::NewCapture&)> handler);
+
+    /// Each returns at once; the work runs on the queue.
+    void start();
+    void stop();
+    void reload();
+
+    /// One poll of every watcher. Runs on the queue (tests call it through `queue().sync`).
+    void tick();
+
+    /// True while the timer exists. Call on the queue.
+    bool isRunning() const { return timer_ != nullptr; }
+
+    runtime::SerialQueue& queue() { return queue_; }
+
+private:
+    void startOnQueue();
+    void stopTimer();
+
+    // The queue goes last, so that the timer and watchers are gone before its thread stops.
+    runtime::SerialQueue queue_;
+    FolderSource folders_;
+    CaptureStateStore& store_;
+    Reports reports_;
+    runtime::Clock& clock_;
+    CaptureGuards::Probes probes_;
+    std::chrono::milliseconds firstTick_;
+    std::chrono::milliseconds interval_;
+    std::unique_ptr<runtime::Timer> timer_;
+    std::vector<FolderWatcher> watchers_;
+    bool hasInitialised_ = false;
+    std::map<std::string, CaptureAccess::State> lastStates_;
+    std::function<void(const FolderWatcher::NewCapture&)> onNewCapture_;
+    std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
+};
+
+} // namespace quillet

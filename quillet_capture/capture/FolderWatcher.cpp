@@ -1,0 +1,142 @@
+#include "quillet_capture/capture/FolderWatcher.hpp"
+
+#include "quillet_capture/capture/FilenameNormaliser.hpp"
+#include "quillet_capture/config/Log.hpp"
+#include "quillet_capture/pipeline/CaptureStateStore.hpp"
+
+#include <algorithm>
+#include <cctype>
+
+namespace quillet {
+
+namespace fs = std::filesystem;
+
+FolderWatcher::FolderWatcher(WatchedFolder folder, CaptureStateStore& store, bool runGuards, runtime::Clock& clock,
+                             CaptureGuards::Probes probes)
+    : folder_(std::move(folder))
+    , store_(store)
+    , runGuards_(runGuards)
+    , clock_(clock)
+    , probes_(std::move(probes))
+{
+}
+
+std::set<std::string> FolderWatcher::extensions() const
+{
+    auto own = folder_.effectiveExtensions();
+    return own.empty() ? CaptureAccess::audioExtensions : own;
+}
+
+CaptureAccess::State FolderWatcher::accessState() const
+{
+    return CaptureAccess::check(folder_.url(), extensions(), folder_.enabled);
+}
+
+std::optional<std::vector<fs::path>> FolderWatcher::candidateFiles() const
+{
+    if (!accessState().isUsable()) {
+        return std::nullopt;
+    }
+    auto wanted = extensions();
+    std::vector<fs::path> files;
+    std::error_code error;
+    fs::directory_iterator it(folder_.url(), error);
+    if (error) {
+        return std::nullopt;
+    }
+    for (; it != fs::directory_iterator(); it.increment(error)) {
+        if (error) {
+            return std::nullopt;
+        }
+        const auto& file = it->path();
+        std::string name = file.filename().string();
+        if (name.starts_with('.')) {
+            continue;
+        }
+        std::string extension = file.extension().string();
+        if (extension.empty()) {
+            continue;
+        }
+        extension.erase(0, 1);
+        std::transform(extension.begin(), extension.end(), extension.begin(),
+                       [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+        if (wanted.contains(extension)) {
+            files.push_back(file);
+        }
+    }
+    return files;
+}
+
+std::optional<FolderWatcher::TimePoint> FolderWatcher::startTime(const fs::path& file) const
+{
+    if (folder_.normaliser == WatchedFolder::Normaliser::voiceMemos) {
+        if (auto parsed = FilenameNormaliser::parse(file.filename().string())) {
+            return parsed->timestamp;
+        }
+        return std::nullopt;
+    }
+    return probes_.modified ? probes_.modified(file) : CaptureGuards::defaultModified(file);
+}
+
+int FolderWatcher::runInitialIndex()
+{
+    if (store_.seenCount(folder_.id) != 0) {
+        return 0;
+    }
+    auto candidates = candidateFiles();
+    if (!candidates) {
+        return 0;
+    }
+    std::vector<CaptureStateStore::SeenName> names;
+    names.reserve(candidates->size());
+    for (const auto& file : *candidates) {
+        auto start = startTime(file);
+        names.push_back({file.filename().string(), start ? FilenameNormaliser::canonicalId(*start) : ""});
+    }
+    // One write for the whole folder: a crash part-way through leaves the folder unindexed,
+    // never half-indexed (which would later capture old recordings as new).
+    store_.markIndexed(names, folder_.id, clock_.now());
+    int count = static_cast<int>(names.size());
+    rlog("[quillet] capture: [%@] initial index complete (%d existing files marked seen)", folder_.displayName, count);
+    return count;
+}
+
+std::vector<FolderWatcher::NewCapture> FolderWatcher::poll()
+{
+    std::vector<NewCapture> captures;
+    auto candidates = candidateFiles();
+    if (!candidates) {
+        return captures;
+    }
+    for (const auto& file : *candidates) {
+        std::string name = file.filename().string();
+        if (store_.hasSeen(name, folder_.id)) {
+            continue;
+        }
+        if (runGuards_) {
+            auto verdict = CaptureGuards::evaluate(file, clock_.now(), probes_, clock_);
+            if (verdict.kind == CaptureGuards::Verdict::Kind::defer) {
+                rlog("[quillet] capture: [%@] deferring %@ (%@)", folder_.displayName, name, verdict.reason);
+                continue;
+            }
+            if (verdict.kind == CaptureGuards::Verdict::Kind::skip) {
+                rlog("[quillet] capture: [%@] skipping %@ (%@)", folder_.displayName, name, verdict.reason);
+                store_.markSeen(name, "", folder_.id, clock_.now());
+                continue;
+            }
+        }
+        auto start = startTime(file);
+        if (!start) {
+            rlog("[quillet] capture: [%@] unparseable name, marking seen: %@", folder_.displayName, name);
+            store_.markSeen(name, "", folder_.id, clock_.now());
+            continue;
+        }
+        std::string id = FilenameNormaliser::canonicalId(*start);
+        store_.markSeen(name, id, folder_.id, clock_.now());
+        captures.push_back({file, id, *start, folder_.id});
+        rlog("[quillet] capture: [%@] new file -- %@ -> %@", folder_.displayName, name, id);
+    }
+    return captures;
+}
+
+} // namespace quillet

@@ -1,0 +1,69 @@
+#pragma once
+
+#include "quillet_capture/capture/CaptureAccess.hpp"
+#include "quillet_capture/capture/CaptureGuards.hpp"
+#include "quillet_capture/config/Settings.hpp"
+#include "quillet_capture/runtime/Clock.hpp"
+
+#include <chrono>
+#include <filesystem>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace quillet {
+
+class CaptureStateStore;
+
+/// Lists one watched folder and reports each new recording in it once: it drops what the
+/// state store has seen, runs the capture guards, derives the recording's start time and id,
+/// and marks the file seen before handing it over. Used only on the coordinator's queue.
+class FolderWatcher {
+public:
+    using TimePoint = std::chrono::system_clock::time_point;
+
+    /// What the watcher hands to the pipeline.
+    struct NewCapture {
+        std::filesystem::path sourceURL;
+        std::string canonicalId;
+        TimePoint timestamp;
+        std::string folderId;
+        bool operator==(const NewCapture&) const = default;
+    };
+
+    /// A watcher of `folder` (a copy) over `store`. `clock` gives "now" and the guards'
+    /// stability waits; `probes` replace the guards' file-system probes in tests.
+    FolderWatcher(WatchedFolder folder, CaptureStateStore& store, bool runGuards = true,
+                  runtime::Clock& clock = runtime::systemClock(), CaptureGuards::Probes probes = {});
+
+    const WatchedFolder& folder() const { return folder_; }
+
+    /// The folder's access state for its URL, extensions and enabled flag.
+    CaptureAccess::State accessState() const;
+
+    /// The folder's audio files in listing order (hidden files skipped, extension filter
+    /// applied), or nothing when the folder is not usable or cannot be listed.
+    std::optional<std::vector<std::filesystem::path>> candidateFiles() const;
+
+    /// On a folder the store has never seen: marks every candidate seen in one write without
+    /// capturing any, logs the count and returns it. Returns 0 at once otherwise.
+    int runInitialIndex();
+
+    /// The new recordings of this poll, in listing order, each already marked seen.
+    std::vector<NewCapture> poll();
+
+private:
+    /// The extensions to take: the folder's own, or the default audio set.
+    std::set<std::string> extensions() const;
+    /// The recording's start time: from the name for Voice Memos, else the file's date.
+    std::optional<TimePoint> startTime(const std::filesystem::path& file) const;
+
+    WatchedFolder folder_;
+    CaptureStateStore& store_;
+    bool runGuards_;
+    runtime::Clock& clock_;
+    CaptureGuards::Probes probes_;
+};
+
+} // namespace quillet

@@ -1,0 +1,149 @@
+#pragma once
+
+#include "quillet_capture/capture/FolderWatcher.hpp"
+#include "quillet_capture/runtime/Clock.hpp"
+#include "quillet_capture/service/VeldaneClient.hpp"
+#include "quillet_capture/vault/InboxWriter.hpp"
+
+#include <asio/awaitable.hpp>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace quillet {
+
+class CaptureCoordinator;
+
+/// Carries each new recording from the watched folder to a transcribed note: settles its id,
+/// claims it, copies the audio into the vault, writes the stub note, uploads the audio, follows
+/// the service until the transcript exists and writes it into the note. Each capture runs as
+/// its own asynchronous task; the claim set is the one guard against handling an id twice,
+/// whichever of watcher, resume or retry offers it.
+class CapturePipeline {
+public:
+    /// What the host is told about a capture's progress.
+    struct CaptureEvent {
+        enum class Kind { sent, transcriptReady, failed };
+        Kind kind;
+        std::string id;
+        std::string status;  // the job status word of a failure; empty otherwise
+    };
+
+    /// Everything the pipeline reads from outside. The agent's comes from the settings, the
+    /// token store and the after-transcript command; tests supply their own.
+    struct Environment {
+        std::function<std::filesystem::path()> vaultRoot;
+        std::function<bool()> uploadsEnabled;
+        std::function<std::vector<WatchedFolder>()> watchedFolders;
+        std::function<std::string()> baseURL;
+        /// Called after each transcript written, with the id and the note's file.
+        std::function<void(const std::string& id, const std::filesystem::path& note)> transcriptWritten;
+        runtime::Clock* clock = &runtime::systemClock();
+        VeldaneClient::Timeouts timeouts = {};
+    };
+
+    /// The upload profile of a capture sent again.
+    struct UploadProfile {
+        std::string contentSource;
+        std::vector<std::string> tags;
+        std::map<std::string, std::string> sourceMetadata;
+    };
+
+    static constexpr double pollTimeout = 21600;
+    static constexpr int maxNotFoundPolls = 10;
+    static constexpr const char* recordingClassification = "meeting_recording";
+    static constexpr const char* recordingOrigin = "quillet_recorder";
+    static constexpr const char* legacyRecordingOrigin = "pellam_recorder";
+    static const std::set<std::string>& resumableStates();
+
+    /// The agent's pipeline, fed by the shared coordinator.
+    static CapturePipeline& shared();
+
+    /// A pipeline with `environment`, fed by `coordinator` (none: only direct calls).
+    CapturePipeline(Environment environment, CaptureCoordinator* coordinator);
+
+    /// Sets the host's progress callback (called on the capture's task). Set before start.
+    void setOnCaptureEvent(std::function<void(const CaptureEvent&)> callback);
+
+    /// Subscribes to the coordinator, starts it, logs "started", and resumes unfinished
+    /// captures when uploads are on. Main thread.
+    void start();
+    /// Stops the coordinator. Main thread.
+    void stop();
+
+    /// Handles one new recording to its end (copy, stub, upload, polling). Any executor.
+    asio::awaitable<void> handle(FolderWatcher::NewCapture capture);
+
+    /// Uploads the audio of a capture already in the vault again and starts polling it in a
+    /// task of its own. True when the service accepted the upload.
+    asio::awaitable<bool> uploadExisting(std::string id, std::optional<std::string> contentSource,
+                                         std::optional<std::vector<std::string>> tags,
+                                         std::optional<std::map<std::string, std::string>> sourceMetadata);
+
+    /// Picks up the captures an earlier run left unfinished: polls those with a cache key and
+    /// uploads the others again.
+    asio::awaitable<void> resumeUnfinished();
+
+    /// The source metadata of a recording made by the companion recorder.
+    static std::map<std::string, std::string> recordingMetadata(const std::string& id, const std::string& source,
+                                                                const std::string& microphone,
+                                                                const std::string& channelLayout,
+                                                                std::chrono::system_clock::time_point startedAt);
+
+    /// True when `origin` names the companion recorder (current or predecessor).
+    static bool isRecordingOrigin(const std::optional<std::string>& origin);
+
+    /// The profile used to upload the capture `id` again, from its note.
+    UploadProfile uploadProfile(const std::string& id) const;
+
+    /// True while `id` is being handled.
+    bool isClaimed(const std::string& id) const;
+
+    /// The number of capture tasks under way (handle, resume, retry polling).
+    int tasksInFlight() const { return inFlight_.load(); }
+
+    /// Blocks until no capture task is under way or `timeout` passes; true when idle.
+    bool waitUntilIdle(std::chrono::milliseconds timeout);
+
+private:
+    class Claim;
+    class TaskCount;
+
+    InboxWriter writer() const;
+    VeldaneClient client() const;
+    bool claim(const std::string& id);
+    void release(const std::string& id);
+    void send(CaptureEvent::Kind kind, const std::string& id, const std::string& status = "");
+    void setStatus(const std::string& id, const std::string& status);
+    void recordKey(const std::string& id, const std::string& key);
+    void spawnPolling(std::string id, std::string key);
+
+    asio::awaitable<std::optional<std::string>> resolvedCacheKey(const VeldaneClient::UploadResult& result,
+                                                                 VeldaneClient& client, const std::string& id);
+    asio::awaitable<void> pollUntilDone(VeldaneClient& client, std::string id, std::string cacheKey);
+    asio::awaitable<void> fetchTranscriptAndWrite(VeldaneClient& client, std::string id, std::string cacheKey);
+    asio::awaitable<std::optional<std::string>> currentCacheKey(VeldaneClient& client, std::string id,
+                                                                std::string deadKey);
+
+    Environment environment_;
+    CaptureCoordinator* coordinator_;
+    std::function<void(const CaptureEvent&)> onCaptureEvent_;
+
+    mutable std::mutex claimLock_;
+    std::set<std::string> claimed_;
+
+    std::atomic<int> inFlight_{0};
+    std::mutex idleLock_;
+    std::condition_variable idle_;
+};
+
+} // namespace quillet

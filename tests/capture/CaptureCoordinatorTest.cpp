@@ -1,0 +1,103 @@
+#include "quillet_capture/capture/CaptureCoordinator.hpp"
+#include "quillet_capture/pipeline/CaptureStateStore.hpp"
+
+#include "tests/support/FakeClock.hpp"
+#include "tests/support/LogLines.hpp"
+#include "tests/support/Scratch.hpp"
+
+#include <gtest/gtest.h>
+
+namespace quillet {
+namespace {
+
+namespace fs = std::filesystem;
+
+struct CoordinatorFixture : ::testing::Test {
+    test::ScratchHome home;
+    test::FakeClock clock;
+    fs::path folderPath = home.path() / "Synced";
+    CaptureStateStore store{home.path() / "state.json", home.path() / "legacy.json", clock};
+    std::vector<WatchedFolder> folders;
+    std::vector<CaptureAccess::State> accessReports;
+    std::vector<int> pollReports;
+    std::unique_ptr<CaptureCoordinator> coordinator;
+
+    void make(std::chrono::milliseconds firstTick = std::chrono::hours(1))
+    {
+        CaptureGuards::Probes probes;
+        probes.duration = [](const fs::path&) { return std::optional<double>(5.0); };
+        coordinator = std::make_unique<CaptureCoordinator>(
+            [this] { return folders; }, store,
+            CaptureCoordinator::Reports{
+                [this](const CaptureAccess::State& state) { accessReports.push_back(state); },
+                [this](int count) { pollReports.push_back(count); },
+            },
+            clock, probes, firstTick, std::chrono::hours(1));
+    }
+
+    void tick()
+    {
+        coordinator->queue().sync([&] { coordinator->tick(); });
+    }
+};
+
+TEST_F(CoordinatorFixture, AccessChangesAreLoggedOnceAndNoticesRaisedAndCleared)
+{
+    folders.push_back(WatchedFolder::generic(folderPath.string(), std::string("Synced")));
+    make();
+    coordinator->start();
+    tick();
+    tick();
+    tick();
+    EXPECT_EQ(test::countLogLines("[quillet] capture: [Synced] access -> "), 1);
+    EXPECT_EQ(test::countLogLines("[quillet] attention: "), 1);
+    EXPECT_EQ(pollReports, (std::vector<int>{0, 0, 0}));
+    EXPECT_TRUE(accessReports.empty()) << "only the Voice Memos folder reports to the status";
+
+    fs::create_directories(folderPath);
+    test::writeFile(folderPath / "a.m4a", "audio");
+    tick();
+    EXPECT_EQ(test::countLogLines("[quillet] capture: [Synced] access -> "), 2);
+    EXPECT_EQ(pollReports.back(), 1) << "the file arrived after the (empty) first index";
+
+    // Gone again: the notice for "missing" was cleared when the folder became usable, so it
+    // is raised again.
+    fs::remove_all(folderPath);
+    tick();
+    EXPECT_EQ(test::countLogLines("[quillet] attention: "), 2);
+}
+
+TEST_F(CoordinatorFixture, NoFoldersLeavesItIdleAndAReloadStartsIt)
+{
+    make();
+    coordinator->start();
+    coordinator->queue().drain();
+    EXPECT_EQ(test::countLogLines("[quillet] capture: no folders enabled; coordinator idle"), 1);
+    EXPECT_FALSE(coordinator->queue().sync([&] { return coordinator->isRunning(); }));
+
+    fs::create_directories(folderPath);
+    test::writeFile(folderPath / "old.m4a", "audio");
+    folders.push_back(WatchedFolder::generic(folderPath.string(), std::string("Synced")));
+    coordinator->reload();
+    coordinator->queue().drain();
+    EXPECT_TRUE(coordinator->queue().sync([&] { return coordinator->isRunning(); }));
+    EXPECT_EQ(test::countLogLines("[quillet] capture: coordinator started (poll=30s, folders=Synced)"), 1);
+    EXPECT_EQ(test::countLogLines("initial index complete (1 existing files marked seen)"), 1);
+
+    coordinator->stop();
+    coordinator->queue().drain();
+    EXPECT_FALSE(coordinator->queue().sync([&] { return coordinator->isRunning(); }));
+    EXPECT_EQ(test::countLogLines("[quillet] capture: coordinator stopped"), 1);
+}
+
+TEST_F(CoordinatorFixture, TheTimerTicksOnItsOwn)
+{
+    fs::create_directories(folderPath);
+    folders.push_back(WatchedFolder::generic(folderPath.string(), std::string("Synced")));
+    make(std::chrono::milliseconds(10));
+    coordinator->start();
+    EXPECT_TRUE(test::eventually([&] { return coordinator->queue().sync([&] { return !pollReports.empty(); }); }));
+}
+
+} // namespace
+} // namespace quillet

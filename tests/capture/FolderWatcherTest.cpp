@@ -1,0 +1,183 @@
+#include "quillet_capture/capture/CaptureCoordinator.hpp"
+#include "quillet_capture/capture/FolderWatcher.hpp"
+#include "quillet_capture/pipeline/CaptureStateStore.hpp"
+
+#include "tests/support/FakeClock.hpp"
+#include "tests/support/LogLines.hpp"
+#include "tests/support/Scratch.hpp"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <ctime>
+
+namespace quillet {
+namespace {
+
+namespace fs = std::filesystem;
+
+// A watched folder on disk with a state store and a virtual clock; the guards' duration probe
+// is scripted so that no audio tool runs.
+struct WatcherFixture : ::testing::Test {
+    test::ScratchHome home;
+    test::FakeClock clock;
+    fs::path folderPath = home.path() / "Recordings";
+    CaptureStateStore store{home.path() / "state.json", home.path() / "legacy.json", clock};
+    CaptureGuards::Probes probes;
+
+    WatcherFixture()
+    {
+        setenv("TZ", "UTC", 1);
+        tzset();
+        fs::create_directories(folderPath);
+        probes.duration = [](const fs::path&) { return std::optional<double>(12.0); };
+    }
+    ~WatcherFixture() override
+    {
+        unsetenv("TZ");
+        tzset();
+    }
+
+    WatchedFolder voiceMemos()
+    {
+        WatchedFolder folder = WatchedFolder::generic(folderPath.string(), std::string("Voice Memos"));
+        folder.id = "voice-memos-test";
+        folder.normaliser = WatchedFolder::Normaliser::voiceMemos;
+        return folder;
+    }
+
+    FolderWatcher watcher(WatchedFolder folder) { return FolderWatcher(std::move(folder), store, true, clock, probes); }
+
+    void add(const std::string& name, const std::string& contents = "audio bytes")
+    {
+        test::writeFile(folderPath / name, contents);
+    }
+};
+
+TEST_F(WatcherFixture, FirstIndexMarksOldFilesAndLaterFilesAreCapturedOnce)
+{
+    for (int i = 0; i < 50; ++i) {
+        char name[64];
+        std::snprintf(name, sizeof name, "20240131 1425%02d.m4a", i);
+        add(name);
+    }
+    auto w = watcher(voiceMemos());
+    EXPECT_EQ(w.runInitialIndex(), 50);
+    EXPECT_EQ(w.runInitialIndex(), 0) << "a folder is indexed once";
+    EXPECT_TRUE(w.poll().empty());
+    // Old files keep the id they would have been captured under.
+    EXPECT_EQ(store.state().seenByFolder.at("voice-memos-test").at("20240131 142507.m4a").canonicalId,
+              "240131-142507");
+
+    add("20240201 090000-ABC.m4a");
+    auto captures = w.poll();
+    ASSERT_EQ(captures.size(), 1u);
+    EXPECT_EQ(captures[0].canonicalId, "240201-090000");
+    EXPECT_EQ(captures[0].folderId, "voice-memos-test");
+    EXPECT_EQ(captures[0].sourceURL, folderPath / "20240201 090000-ABC.m4a");
+    EXPECT_TRUE(w.poll().empty()) << "a handed-over file is never offered again";
+    EXPECT_EQ(test::countLogLines("[quillet] capture: [Voice Memos] new file -- 20240201 090000-ABC.m4a -> 240201-090000"),
+              1);
+    EXPECT_EQ(test::countLogLines("initial index complete (50 existing files marked seen)"), 1);
+}
+
+TEST_F(WatcherFixture, CandidatesSkipHiddenAndForeignFilesAndKeepUpperCaseExtensions)
+{
+    add(".hidden.m4a");
+    add("notes.txt");
+    add("voice.WAV");
+    add("memo.m4a");
+    fs::create_directories(folderPath / "folder.m4a");
+    auto w = watcher(voiceMemos());
+    auto files = w.candidateFiles();
+    ASSERT_TRUE(files.has_value());
+    std::set<std::string> names;
+    for (const auto& file : *files) {
+        names.insert(file.filename().string());
+    }
+    EXPECT_EQ(names, (std::set<std::string>{"voice.WAV", "memo.m4a", "folder.m4a"}));
+
+    fs::remove_all(folderPath);
+    EXPECT_FALSE(w.candidateFiles().has_value());
+}
+
+TEST_F(WatcherFixture, UnparseableNamesAreMarkedSeenAndNeverCaptured)
+{
+    auto w = watcher(voiceMemos());
+    w.runInitialIndex();
+    add("Renamed by hand.m4a");
+    EXPECT_TRUE(w.poll().empty());
+    EXPECT_TRUE(store.hasSeen("Renamed by hand.m4a", "voice-memos-test"));
+    EXPECT_EQ(test::countLogLines("unparseable name, marking seen: Renamed by hand.m4a"), 1);
+    EXPECT_TRUE(w.poll().empty());
+    EXPECT_EQ(test::countLogLines("unparseable name"), 1);
+}
+
+TEST_F(WatcherFixture, EmptyFileIsDeferredUntilItHasContentThenCapturedOnce)
+{
+    auto w = watcher(voiceMemos());
+    w.runInitialIndex();
+    add("20240131 142530.m4a", "");
+    EXPECT_TRUE(w.poll().empty());
+    EXPECT_TRUE(w.poll().empty());
+    EXPECT_FALSE(store.hasSeen("20240131 142530.m4a", "voice-memos-test"));
+    EXPECT_EQ(test::countLogLines("deferring 20240131 142530.m4a (0-byte file, sync in flight)"), 2);
+
+    add("20240131 142530.m4a", "now with audio");
+    auto captures = w.poll();
+    ASSERT_EQ(captures.size(), 1u);
+    EXPECT_TRUE(w.poll().empty());
+}
+
+TEST_F(WatcherFixture, TooShortRecordingIsSkippedForGood)
+{
+    probes.duration = [](const fs::path&) { return std::optional<double>(0.2); };
+    auto w = watcher(voiceMemos());
+    w.runInitialIndex();
+    add("20240131 142530.m4a");
+    EXPECT_TRUE(w.poll().empty());
+    EXPECT_TRUE(store.hasSeen("20240131 142530.m4a", "voice-memos-test"));
+    EXPECT_EQ(store.state().seenByFolder.at("voice-memos-test").at("20240131 142530.m4a").canonicalId, "");
+}
+
+TEST_F(WatcherFixture, GenericFolderTakesTheModificationTimeAndItsOwnExtensions)
+{
+    WatchedFolder folder = WatchedFolder::generic(folderPath.string());
+    folder.extensions = {"MP3"};
+    probes.modified = [](const fs::path&) {
+        return std::optional(std::chrono::system_clock::from_time_t(1706711130)); // 2024-01-31 14:25:30 UTC
+    };
+    auto w = watcher(folder);
+    w.runInitialIndex();
+    add("phone call.mp3");
+    add("ignored.m4a");
+    auto captures = w.poll();
+    ASSERT_EQ(captures.size(), 1u);
+    EXPECT_EQ(captures[0].canonicalId, "240131-142530");
+    EXPECT_EQ(captures[0].sourceURL.filename(), "phone call.mp3");
+}
+
+TEST_F(WatcherFixture, TwoNewFilesInOneTickComeInListingOrder)
+{
+    CaptureCoordinator coordinator([this] { return std::vector<WatchedFolder>{voiceMemos()}; }, store, {}, clock,
+                                   probes, std::chrono::hours(1), std::chrono::hours(1));
+    std::vector<std::string> handed;
+    coordinator.setOnNewCapture([&](const FolderWatcher::NewCapture& capture) { handed.push_back(capture.canonicalId); });
+    add("20240101 000000.m4a");
+    coordinator.start();
+    coordinator.queue().drain();
+    add("20240131 142530.m4a");
+    add("20240131 142531.m4a");
+    coordinator.queue().sync([&] { coordinator.tick(); });
+    std::vector<std::string> listed;
+    for (const auto& entry : fs::directory_iterator(folderPath)) {
+        auto parsed = entry.path().filename().string();
+        if (parsed != "20240101 000000.m4a") {
+            listed.push_back(parsed == "20240131 142530.m4a" ? "240131-142530" : "240131-142531");
+        }
+    }
+    EXPECT_EQ(handed, listed);
+}
+
+} // namespace
+} // namespace quillet
