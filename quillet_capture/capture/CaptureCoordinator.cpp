@@ -2,6 +2,7 @@
 
 #include "quillet_capture/config/Log.hpp"
 #include "quillet_capture/config/Settings.hpp"
+#include "quillet_capture/pipeline/CaptureIntake.hpp"
 #include "quillet_capture/pipeline/CaptureStateStore.hpp"
 #include "quillet_capture/pipeline/CaptureStatus.hpp"
 
@@ -47,13 +48,15 @@ CaptureCoordinator& CaptureCoordinator::shared()
         Reports{
             [](const CaptureAccess::State& state) { CaptureStatus::shared().updateAccess(state); },
             [](int count) { CaptureStatus::shared().poll(count); },
-        });
+        },
+        runtime::systemClock(), {}, std::chrono::seconds(2), std::chrono::seconds(30), &CaptureIntake::shared());
     return *coordinator;
 }
 
 CaptureCoordinator::CaptureCoordinator(FolderSource folders, CaptureStateStore& store, Reports reports,
                                        runtime::Clock& clock, CaptureGuards::Probes probes,
-                                       std::chrono::milliseconds firstTick, std::chrono::milliseconds interval)
+                                       std::chrono::milliseconds firstTick, std::chrono::milliseconds interval,
+                                       CaptureIntake* intake)
     : queue_("quillet.capture.coordinator")
     , folders_(std::move(folders))
     , store_(store)
@@ -62,6 +65,7 @@ CaptureCoordinator::CaptureCoordinator(FolderSource folders, CaptureStateStore& 
     , probes_(std::move(probes))
     , firstTick_(firstTick)
     , interval_(interval)
+    , intake_(intake)
 {
 }
 
@@ -128,7 +132,7 @@ void CaptureCoordinator::startOnQueue()
     }
     watchers_.clear();
     for (auto& folder : folders_()) {
-        watchers_.emplace_back(std::move(folder), store_, true, clock_, probes_);
+        watchers_.emplace_back(std::move(folder), store_, true, clock_, probes_, intake_);
     }
     if (watchers_.empty()) {
         rlog("[quillet] capture: no folders enabled; coordinator idle");

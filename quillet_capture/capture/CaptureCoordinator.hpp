@@ -40,7 +40,8 @@ public:
     CaptureCoordinator(FolderSource folders, CaptureStateStore& store, Reports reports,
                        runtime::Clock& clock = runtime::systemClock(), CaptureGuards::Probes probes = {},
                        std::chrono::milliseconds firstTick = std::chrono::seconds(2),
-                       std::chrono::milliseconds interval = std::chrono::seconds(30));
+                       std::chrono::milliseconds interval = std::chrono::seconds(30),
+                       CaptureIntake* intake = nullptr);
     ~CaptureCoordinator();
 
     /// Sets the one subscriber, called on the coordinator's queue for each new recording; it
@@ -73,6 +74,7 @@ private:
     CaptureGuards::Probes probes_;
     std::chrono::milliseconds firstTick_;
     std::chrono::milliseconds interval_;
+    CaptureIntake* intake_;
     std::unique_ptr<runtime::Timer> timer_;
     std::vector<FolderWatcher> watchers_;
     bool hasInitialised_ = false;

@@ -2,6 +2,7 @@
 
 #include "quillet_capture/capture/FilenameNormaliser.hpp"
 #include "quillet_capture/config/Log.hpp"
+#include "quillet_capture/pipeline/CaptureIntake.hpp"
 #include "quillet_capture/pipeline/CaptureStateStore.hpp"
 
 #include <algorithm>
@@ -12,12 +13,13 @@ namespace quillet {
 namespace fs = std::filesystem;
 
 FolderWatcher::FolderWatcher(WatchedFolder folder, CaptureStateStore& store, bool runGuards, runtime::Clock& clock,
-                             CaptureGuards::Probes probes)
+                             CaptureGuards::Probes probes, CaptureIntake* intake)
     : folder_(std::move(folder))
     , store_(store)
     , runGuards_(runGuards)
     , clock_(clock)
     , probes_(std::move(probes))
+    , intake_(intake)
 {
 }
 
@@ -132,6 +134,11 @@ std::vector<FolderWatcher::NewCapture> FolderWatcher::poll()
             continue;
         }
         std::string id = FilenameNormaliser::canonicalId(*start);
+        // Journal first: once the file counts as seen, only the journal remembers it until
+        // the pipeline has written its note.
+        if (intake_ != nullptr) {
+            intake_->add({folder_.id, name, file, id, *start});
+        }
         store_.markSeen(name, id, folder_.id, clock_.now());
         captures.push_back({file, id, *start, folder_.id});
         rlog("[quillet] capture: [%@] new file -- %@ -> %@", folder_.displayName, name, id);

@@ -14,6 +14,7 @@
 
 namespace quillet {
 
+class CaptureIntake;
 class CaptureStateStore;
 
 /// Lists one watched folder and reports each new recording in it once: it drops what the
@@ -33,9 +34,11 @@ public:
     };
 
     /// A watcher of `folder` (a copy) over `store`. `clock` gives "now" and the guards'
-    /// stability waits; `probes` replace the guards' file-system probes in tests.
+    /// stability waits; `probes` replace the guards' file-system probes in tests. Each new
+    /// capture is written to `intake` (when given) before it is marked seen.
     FolderWatcher(WatchedFolder folder, CaptureStateStore& store, bool runGuards = true,
-                  runtime::Clock& clock = runtime::systemClock(), CaptureGuards::Probes probes = {});
+                  runtime::Clock& clock = runtime::systemClock(), CaptureGuards::Probes probes = {},
+                  CaptureIntake* intake = nullptr);
 
     const WatchedFolder& folder() const { return folder_; }
 
@@ -64,6 +67,7 @@ private:
     bool runGuards_;
     runtime::Clock& clock_;
     CaptureGuards::Probes probes_;
+    CaptureIntake* intake_;
 };
 
 } // namespace quillet

@@ -5,6 +5,8 @@
 #include "quillet_capture/config/Log.hpp"
 #include "quillet_capture/config/Settings.hpp"
 #include "quillet_capture/pipeline/AfterTranscriptCommand.hpp"
+#include "quillet_capture/pipeline/CaptureIntake.hpp"
+#include "quillet_capture/pipeline/CaptureStateStore.hpp"
 #include "quillet_capture/platform/FileTimes.hpp"
 #include "quillet_capture/runtime/Tasks.hpp"
 #include "quillet_capture/util/Iso8601.hpp"
@@ -139,6 +141,10 @@ CapturePipeline& CapturePipeline::shared()
                     id, note, Settings::shared().afterTranscriptCommand().value_or(""),
                     Settings::shared().vaultURL());
             },
+            &runtime::systemClock(),
+            {},
+            &CaptureIntake::shared(),
+            &CaptureStateStore::shared(),
         },
         &CaptureCoordinator::shared());
     return *pipeline;
@@ -155,8 +161,38 @@ void CapturePipeline::setOnCaptureEvent(std::function<void(const CaptureEvent&)>
     onCaptureEvent_ = std::move(callback);
 }
 
+void CapturePipeline::recoverIntake()
+{
+    if (environment_.intake == nullptr) {
+        return;
+    }
+    for (const auto& entry : environment_.intake->entries()) {
+        std::error_code error;
+        if (!fs::exists(entry.source, error)) {
+            rlog("[quillet] capture pipeline: %@ is gone before its note was written; dropping it", entry.name);
+            environment_.intake->remove(entry.folderId, entry.name);
+            continue;
+        }
+        // Seen first, so that the watcher does not offer it a second time.
+        if (environment_.store != nullptr && !environment_.store->hasSeen(entry.name, entry.folderId)) {
+            environment_.store->markSeen(entry.name, entry.canonicalId, entry.folderId, environment_.clock->now());
+        }
+        rlog("[quillet] capture pipeline: %@ was handed over but has no note yet; capturing it again", entry.name);
+        FolderWatcher::NewCapture capture{entry.source, entry.canonicalId, entry.timestamp, entry.folderId};
+        runtime::spawn(handle(std::move(capture)), "capture " + entry.canonicalId);
+    }
+}
+
+void CapturePipeline::forgetIntake(const FolderWatcher::NewCapture& capture)
+{
+    if (environment_.intake != nullptr) {
+        environment_.intake->remove(capture.folderId, capture.sourceURL.filename().string());
+    }
+}
+
 void CapturePipeline::start()
 {
+    recoverIntake();
     if (coordinator_ != nullptr) {
         coordinator_->setOnNewCapture([this](const FolderWatcher::NewCapture& capture) {
             // The coordinator's queue only hands over; the capture runs as a task of its own.
@@ -272,6 +308,7 @@ asio::awaitable<void> CapturePipeline::handle(FolderWatcher::NewCapture capture)
         auto existing = InboxWriter::readFrontmatter(inbox.noteURL(id));
         if (existing.vdJobStatus == "done") {
             rlog("[quillet] capture pipeline: %@ already has its transcript; skipping", id);
+            forgetIntake(capture);
             co_return;
         }
     } catch (const std::exception&) {
@@ -326,6 +363,9 @@ asio::awaitable<void> CapturePipeline::handle(FolderWatcher::NewCapture capture)
         rlog("[quillet] capture pipeline: writeStub failed for %@: %@", id, error.what());
         co_return;
     }
+    // The note now carries the capture; a failed copy or stub leaves the journal entry for
+    // the next start.
+    forgetIntake(capture);
 
     // 7. Without uploads the capture waits in the vault for a later retry.
     if (!uploadsOn) {

@@ -22,6 +22,8 @@
 namespace quillet {
 
 class CaptureCoordinator;
+class CaptureIntake;
+class CaptureStateStore;
 
 /// Carries each new recording from the watched folder to a transcribed note: settles its id,
 /// claims it, copies the audio into the vault, writes the stub note, uploads the audio, follows
@@ -49,6 +51,10 @@ public:
         std::function<void(const std::string& id, const std::filesystem::path& note)> transcriptWritten;
         runtime::Clock* clock = &runtime::systemClock();
         VeldaneClient::Timeouts timeouts = {};
+        /// The journal of handed-over captures without a note yet, and the seen-set they
+        /// belong to; none: no recovery.
+        CaptureIntake* intake = nullptr;
+        CaptureStateStore* store = nullptr;
     };
 
     /// The upload profile of a capture sent again.
@@ -74,9 +80,14 @@ public:
     /// Sets the host's progress callback (called on the capture's task). Set before start.
     void setOnCaptureEvent(std::function<void(const CaptureEvent&)> callback);
 
-    /// Subscribes to the coordinator, starts it, logs "started", and resumes unfinished
-    /// captures when uploads are on. Main thread.
+    /// Hands over again the captures of the intake journal (a crash came between their
+    /// hand-over and their note), subscribes to the coordinator, starts it, logs "started",
+    /// and resumes unfinished captures when uploads are on. Main thread.
     void start();
+
+    /// The recovery step of `start`: each journal entry whose file is still there is marked
+    /// seen and handled again; the others are dropped.
+    void recoverIntake();
     /// Stops the coordinator. Main thread.
     void stop();
 
@@ -126,6 +137,7 @@ private:
     void setStatus(const std::string& id, const std::string& status);
     void recordKey(const std::string& id, const std::string& key);
     void spawnPolling(std::string id, std::string key);
+    void forgetIntake(const FolderWatcher::NewCapture& capture);
 
     asio::awaitable<std::optional<std::string>> resolvedCacheKey(const VeldaneClient::UploadResult& result,
                                                                  VeldaneClient& client, const std::string& id);

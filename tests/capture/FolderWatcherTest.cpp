@@ -1,5 +1,6 @@
 #include "quillet_capture/capture/CaptureCoordinator.hpp"
 #include "quillet_capture/capture/FolderWatcher.hpp"
+#include "quillet_capture/pipeline/CaptureIntake.hpp"
 #include "quillet_capture/pipeline/CaptureStateStore.hpp"
 
 #include "tests/support/FakeClock.hpp"
@@ -177,6 +178,20 @@ TEST_F(WatcherFixture, TwoNewFilesInOneTickComeInListingOrder)
         }
     }
     EXPECT_EQ(handed, listed);
+}
+
+TEST_F(WatcherFixture, NewCapturesAreJournalledBeforeTheyCountAsSeen)
+{
+    CaptureIntake intake(home.path() / "intake.json");
+    FolderWatcher w(voiceMemos(), store, true, clock, probes, &intake);
+    w.runInitialIndex();
+    add("20240131 142530.m4a");
+    ASSERT_EQ(w.poll().size(), 1u);
+    auto entries = CaptureIntake(home.path() / "intake.json").entries();
+    ASSERT_EQ(entries.size(), 1u);
+    EXPECT_EQ(entries[0].name, "20240131 142530.m4a");
+    EXPECT_EQ(entries[0].canonicalId, "240131-142530");
+    EXPECT_EQ(entries[0].source, folderPath / "20240131 142530.m4a");
 }
 
 } // namespace

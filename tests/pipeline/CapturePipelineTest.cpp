@@ -74,3 +74,55 @@ TEST_F(PipelineFixture, WithUploadsOffTheCaptureIsCopiedAndNotedOnce)
 
 } // namespace
 } // namespace quillet
+
+#include "quillet_capture/pipeline/CaptureIntake.hpp"
+#include "quillet_capture/pipeline/CaptureStateStore.hpp"
+
+namespace quillet {
+namespace {
+
+// A crash between the watcher's hand-over and the stub note must not lose the recording.
+TEST(CaptureIntake, HandedOverCapturesWithoutANoteAreCapturedAgainAfterACrash)
+{
+    test::ScratchHome home;
+    test::FakeClock clock;
+    auto vault = home.path() / "vault";
+    auto recordings = home.path() / "Recordings";
+    test::writeFile(recordings / "20240131 142530.m4a", "audio");
+    CaptureStateStore store(home.path() / "state.json", home.path() / "legacy.json", clock);
+    {
+        // The watcher's half: journal, then seen; then the process dies.
+        CaptureIntake intake(home.path() / "intake.json");
+        intake.add({"voice-memos", "20240131 142530.m4a", recordings / "20240131 142530.m4a", "240131-142530",
+                    clock.now()});
+        intake.add({"voice-memos", "20240131 150000.m4a", recordings / "20240131 150000.m4a", "240131-150000",
+                    clock.now()});
+    }
+    CaptureIntake intake(home.path() / "intake.json");
+    ASSERT_EQ(intake.entries().size(), 2u);
+
+    CapturePipeline pipeline(
+        CapturePipeline::Environment{
+            [&] { return vault; },
+            [] { return false; },
+            [] { return std::vector<WatchedFolder>{WatchedFolder::voiceMemos(true)}; },
+            [] { return std::string("http://127.0.0.1:9/api/v1"); },
+            {},
+            &clock,
+            {},
+            &intake,
+            &store,
+        },
+        nullptr);
+    pipeline.recoverIntake();
+    ASSERT_TRUE(test::eventually([&] { return intake.entries().empty(); }));
+    ASSERT_TRUE(pipeline.waitUntilIdle(std::chrono::seconds(10)));
+    EXPECT_EQ(test::readFile(vault / "_inbox/.audio/240131-142530.m4a"), "audio");
+    EXPECT_TRUE(fs::exists(vault / "_inbox/240131-142530.md"));
+    EXPECT_TRUE(store.hasSeen("20240131 142530.m4a", "voice-memos"));
+    EXPECT_FALSE(fs::exists(vault / "_inbox/240131-150000.md")) << "a vanished file is dropped";
+    EXPECT_TRUE(CaptureIntake(home.path() / "intake.json").entries().empty()) << "the journal file is empty too";
+}
+
+} // namespace
+} // namespace quillet

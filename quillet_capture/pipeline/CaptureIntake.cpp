@@ -1,0 +1,103 @@
+#include "quillet_capture/pipeline/CaptureIntake.hpp"
+
+#include "quillet_capture/config/Log.hpp"
+#include "quillet_capture/platform/Paths.hpp"
+#include "quillet_capture/util/AtomicFile.hpp"
+#include "quillet_capture/util/Iso8601.hpp"
+
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+
+namespace quillet {
+
+namespace fs = std::filesystem;
+
+CaptureIntake& CaptureIntake::shared()
+{
+    static auto* intake = new CaptureIntake(Paths::stateFile().parent_path() / "intake.json");
+    return *intake;
+}
+
+CaptureIntake::CaptureIntake(fs::path file)
+    : file_(std::move(file))
+{
+    auto text = readWholeFile(file_);
+    if (!text) {
+        return;
+    }
+    auto json = nlohmann::json::parse(*text, nullptr, false);
+    if (!json.is_object() || !json.contains("pending") || !json["pending"].is_array()) {
+        return;
+    }
+    for (const auto& item : json["pending"]) {
+        if (!item.is_object()) {
+            continue;
+        }
+        auto text = [&](const char* key) -> std::optional<std::string> {
+            auto found = item.find(key);
+            if (found == item.end() || !found->is_string()) {
+                return std::nullopt;
+            }
+            return found->get<std::string>();
+        };
+        auto folderId = text("folderId");
+        auto name = text("name");
+        auto source = text("source");
+        auto canonicalId = text("canonicalId");
+        auto stamp = text("timestamp");
+        auto timestamp = stamp ? Iso8601::parse(*stamp) : std::nullopt;
+        if (!folderId || !name || !source || !canonicalId || !timestamp) {
+            continue;
+        }
+        entries_.push_back({*folderId, *name, *source, *canonicalId, *timestamp});
+    }
+}
+
+void CaptureIntake::add(const Entry& entry)
+{
+    std::lock_guard guard(lock_);
+    std::erase_if(entries_, [&](const Entry& e) { return e.folderId == entry.folderId && e.name == entry.name; });
+    entries_.push_back(entry);
+    persistLocked();
+}
+
+void CaptureIntake::remove(const std::string& folderId, const std::string& name)
+{
+    std::lock_guard guard(lock_);
+    auto removed = std::erase_if(entries_, [&](const Entry& e) { return e.folderId == folderId && e.name == name; });
+    if (removed > 0) {
+        persistLocked();
+    }
+}
+
+std::vector<CaptureIntake::Entry> CaptureIntake::entries() const
+{
+    std::lock_guard guard(lock_);
+    return entries_;
+}
+
+void CaptureIntake::persistLocked()
+{
+    auto pending = nlohmann::json::array();
+    for (const auto& entry : entries_) {
+        pending.push_back({
+            {"canonicalId", entry.canonicalId},
+            {"folderId", entry.folderId},
+            {"name", entry.name},
+            {"source", entry.source.string()},
+            {"timestamp", Iso8601::format(entry.timestamp)},
+        });
+    }
+    nlohmann::json document = {{"pending", std::move(pending)}};
+    try {
+        std::error_code ignored;
+        fs::create_directories(file_.parent_path(), ignored);
+        writeFileAtomically(file_, document.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n",
+                            0600);
+    } catch (const std::exception& error) {
+        rlog("[quillet] capture: cannot write %@: %@", file_.string(), error.what());
+    }
+}
+
+} // namespace quillet

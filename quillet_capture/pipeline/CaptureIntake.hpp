@@ -1,0 +1,53 @@
+#pragma once
+
+#include <chrono>
+#include <filesystem>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace quillet {
+
+/// The journal of recordings that the watcher has handed over but whose stub note is not yet
+/// written. The watcher marks a file seen before the pipeline has made its note, so without
+/// this journal a crash in between would lose the recording for good: the next start finds it
+/// here and hands it over again. Kept in "intake.json" beside the state file, rewritten
+/// atomically and durably on every change. Any thread.
+class CaptureIntake {
+public:
+    using TimePoint = std::chrono::system_clock::time_point;
+
+    struct Entry {
+        std::string folderId;
+        std::string name;         // the file's name in its folder
+        std::filesystem::path source;
+        std::string canonicalId;
+        TimePoint timestamp;      // the recording's start
+        bool operator==(const Entry&) const = default;
+    };
+
+    /// The agent's journal, beside the state file.
+    static CaptureIntake& shared();
+
+    /// A journal in `file`, read once now (a missing or unreadable file is an empty journal).
+    explicit CaptureIntake(std::filesystem::path file);
+
+    /// Records `entry` (replacing one for the same folder and name) and writes the journal
+    /// before returning. A failed write is logged; the entry stays in memory.
+    void add(const Entry& entry);
+
+    /// Forgets the entry of `name` in `folderId`, if any, and writes the journal.
+    void remove(const std::string& folderId, const std::string& name);
+
+    /// The entries, oldest first.
+    std::vector<Entry> entries() const;
+
+private:
+    void persistLocked();
+
+    mutable std::mutex lock_;
+    std::filesystem::path file_;
+    std::vector<Entry> entries_;
+};
+
+} // namespace quillet
