@@ -135,6 +135,28 @@ struct CaptureRetryTest : ::testing::Test {
     }
 };
 
+TEST_F(CaptureRetryTest, WatermarkIsStoredAndLoggedOnce)
+{
+    auto before = std::chrono::system_clock::now();
+    auto first = CaptureRetry::retryWatermark();
+    EXPECT_GE(first, before - 1s);
+    EXPECT_LE(first, std::chrono::system_clock::now());
+    // The first call returns the watermark as stored, which later calls and runs read back.
+    auto second = CaptureRetry::retryWatermark();
+    EXPECT_EQ(second, first);
+    EXPECT_EQ(test::logMessages(), std::vector<std::string>{"[quillet] capture retry: watermark set to " +
+                                                            Iso8601::format(first) +
+                                                            " \u2014 captures older than this are never retried"});
+    // The user defaults file under the home holds it.
+    auto stored = json::parse(test::readFile(Paths::defaultsFile()));
+    EXPECT_EQ(stored[CaptureRetry::watermarkKey], Iso8601::format(first));
+
+    // A stored value that is not a date is replaced.
+    test::writeFile(Paths::defaultsFile(), R"({"quillet.captureRetry.watermark": 12})");
+    CaptureRetry::retryWatermark();
+    EXPECT_EQ(test::countLogLines("watermark set to"), 2);
+}
+
 TEST_F(CaptureRetryTest, RetryableStates)
 {
     Frontmatter note = Frontmatter::forCapture("240201-100000", std::chrono::system_clock::now());
