@@ -32,9 +32,12 @@ CaptureRetry::TimePoint CaptureRetry::retryWatermark()
     }
     auto now = std::chrono::system_clock::now();
     UserDefaults::setDate(watermarkKey, now);
+    // The store may keep less precision than the clock (whole seconds on Linux): the first run
+    // must select with the same watermark as every later one.
+    auto stored = UserDefaults::date(watermarkKey).value_or(now);
     rlog("[quillet] capture retry: watermark set to %@ \u2014 captures older than this are never retried",
-         Iso8601::format(now));
-    return now;
+         Iso8601::format(stored));
+    return stored;
 }
 
 bool CaptureRetry::isRetryable(const Frontmatter& frontmatter)
