@@ -140,4 +140,16 @@ json AppSettings::toJSON() const
     return out;
 }
 
+AppSettings AppSettings::decode(std::string_view text)
+{
+    return fromJSON(json::parse(text));
+}
+
+std::string AppSettings::encode() const
+{
+    // Invalid UTF-8 (a path typed in another encoding) is replaced rather than losing the
+    // whole save.
+    return toJSON().dump(2, ' ', false, json::error_handler_t::replace) + "\n";
+}
+
 } // namespace quillet

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace quillet {
@@ -70,6 +71,14 @@ struct AppSettings {
 
     /// The record as a JSON object; optional fields without a value are left out.
     nlohmann::json toJSON() const;
+
+    /// Reads the text of a settings file as the store loads it. Throws nlohmann::json's
+    /// exception when `text` is not one JSON value (nor UTF-8), and what fromJSON throws.
+    static AppSettings decode(std::string_view text);
+
+    /// The text of a settings file as the store saves it: indented JSON with sorted keys and
+    /// a final line break; bytes that are not UTF-8 are replaced, never a failure.
+    std::string encode() const;
 
     bool operator==(const AppSettings&) const = default;
 };

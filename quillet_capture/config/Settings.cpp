@@ -67,7 +67,7 @@ void Settings::load()
         return;
     }
     try {
-        settings = AppSettings::fromJSON(nlohmann::json::parse(*contents));
+        settings = AppSettings::decode(*contents);
     } catch (const std::exception&) {
         // A broken file behaves like no file: the caller keeps what it had.
     }
@@ -90,9 +90,7 @@ void Settings::save()
         auto file = fileURL();
         std::error_code ignored;
         fs::create_directories(file.parent_path(), ignored);
-        // Invalid UTF-8 (a path typed in another encoding) is replaced rather than losing
-        // the whole save.
-        writeFileAtomically(file, settings.toJSON().dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n");
+        writeFileAtomically(file, settings.encode());
     } catch (const std::exception&) {
     }
 }

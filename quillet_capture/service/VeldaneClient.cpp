@@ -203,6 +203,23 @@ std::string configuredBaseURL()
     return Settings::shared().veldaneBaseURL();
 }
 
+// Answer models
+
+VeldaneClient::UploadResult VeldaneClient::UploadResult::decode(std::string_view body)
+{
+    return decodeUploadResult(body);
+}
+
+VeldaneClient::PipelineStatus VeldaneClient::PipelineStatus::decode(std::string_view body)
+{
+    return decodePipelineStatus(body);
+}
+
+VeldaneClient::SourceDetail VeldaneClient::SourceDetail::decode(std::string_view body)
+{
+    return decodeSourceDetail(body);
+}
+
 // ClientError
 
 VeldaneClient::ClientError VeldaneClient::ClientError::requestFailed(long status, std::string body)

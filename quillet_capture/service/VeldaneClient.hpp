@@ -107,6 +107,10 @@ public:
 
         /// The service already had this audio file.
         bool isDuplicate() const { return status == "duplicate_upload"; }
+
+        /// Decodes an upload's answer; throws DecodeError (service/JsonDecoding.hpp) when
+        /// `body` is not one.
+        static UploadResult decode(std::string_view body);
     };
 
     /// The pipeline status of a source: {"status": {"transcription": {...}}}, every level
@@ -129,6 +133,9 @@ public:
         {
             return status ? status->transcription : std::nullopt;
         }
+
+        /// Decodes a status answer; throws DecodeError when `body` is not one.
+        static PipelineStatus decode(std::string_view body);
     };
 
     /// One source with its transcript.
@@ -148,6 +155,9 @@ public:
         bool success = false;
         ResultBlock result;
         std::string cache_key;
+
+        /// Decodes a source answer; throws DecodeError when `body` is not one.
+        static SourceDetail decode(std::string_view body);
     };
 
     using UploadGate = quillet::UploadGate;
