@@ -25,7 +25,7 @@ const std::vector<Command>& commandTable()
         {{"pair"}, [] { cmdPair(); }},
         {{"install"}, cmdInstall},
         {{"uninstall"}, cmdUninstall},
-        {{"status"}, notYet},
+        {{"status"}, cmdStatus},
         {{"run"}, [] { cmdRun(); }},
         {{"version", "--version", "-v"}, [] { out(toolVersion); }},
     };

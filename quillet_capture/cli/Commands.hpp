@@ -41,6 +41,16 @@ void cmdSetup(const std::vector<std::string>& arguments);
 /// process: status 0 when paired, through `fail` otherwise.
 [[noreturn]] void cmdPair();
 
+/// `status`: prints the program and configuration in use, the watched folders, upload,
+/// pairing, Voice Memos and agent state, the inbox count, the folder access that the agent
+/// last logged and the tail of the log. Reads only; nothing in it fails. Main thread.
+void cmdStatus();
+
+/// The inbox line of `status` for the inbox of the settings: "<n> transcribed, <n> in
+/// progress, <n> other", then " -- <n> can be sent with: quillet-capture retry" when captures
+/// wait for a retry; "no _inbox yet" when the inbox cannot be listed. Main thread.
+std::string inboxSummary();
+
 /// Prints a warning on standard output when uploading is switched on but no device token is
 /// readable. Never stops the command. Main thread.
 void requirePairedForUpload();

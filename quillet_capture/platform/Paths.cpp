@@ -54,6 +54,11 @@ Layout layoutFor(Platform platform, const EnvLookup& env)
         l.credentialsFile = support / "credentials.json";
         l.defaultsFile = home / "Library/Preferences/quillet-capture.plist";
         l.recordingsRoot = support / "Recordings";
+        path oldLogs = home / "Library/Logs/pellam";
+        l.pellam.folders = {{home / "Library/Application Support/pellam", support}, {oldLogs, l.logFolder}};
+        l.pellam.settingsFile = home / ".pellam/settings.json";
+        l.pellam.logFile = oldLogs / "pellam.log";
+        l.pellam.rotatedLogFile = oldLogs / "pellam.1.log";
     } else {
         path config = xdg(env, "XDG_CONFIG_HOME", home, ".config");
         path state = xdg(env, "XDG_STATE_HOME", home, ".local/state");
@@ -66,7 +71,13 @@ Layout layoutFor(Platform platform, const EnvLookup& env)
         l.credentialsFile = config / "quillet/credentials.json";
         l.defaultsFile = state / "quillet/defaults.json";
         l.recordingsRoot = data / "quillet/Recordings";
+        l.pellam.folders = {
+            {config / "pellam", config / "quillet"}, {state / "pellam", l.stateFolder}, {data / "pellam", data / "quillet"}};
+        l.pellam.settingsFile = config / "pellam/settings.json";
+        l.pellam.logFile = state / "pellam/pellam.log";
+        l.pellam.rotatedLogFile = state / "pellam/pellam.1.log";
     }
+    l.pellam.agentDefinition = l.oldAgentDefinition;
     l.stateFile = l.stateFolder / "state.json";
     l.logFile = l.logFolder / "quillet.log";
     l.rotatedLogFile = l.logFolder / "quillet.1.log";
@@ -111,6 +122,7 @@ path legacyWatcherFile() { return layout().legacyWatcherFile; }
 std::vector<path> voiceMemosCandidates() { return layout().voiceMemosCandidates; }
 path iCloudDrive() { return layout().iCloudDrive; }
 path documentsFolder() { return layout().documentsFolder; }
+PellamLayout pellam() { return layout().pellam; }
 
 std::string expandTilde(std::string_view text)
 {

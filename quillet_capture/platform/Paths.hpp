@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace quillet {
@@ -17,6 +18,19 @@ enum class Platform { macOS, linux };
 namespace Paths {
 
 using std::filesystem::path;
+
+/// Where the predecessor product Pellam kept its files on the same platform, each beside
+/// the quillet location that takes it over.
+struct PellamLayout {
+    /// Each Pellam folder, and the quillet folder that takes over what it holds. macOS:
+    /// Application Support and Logs; Linux: the "pellam" folders of the XDG config, state and
+    /// data homes.
+    std::vector<std::pair<path, path>> folders;
+    path settingsFile;   // macOS: ~/.pellam/settings.json; Linux: inside the config folder
+    path logFile;        // "pellam.log", becomes `Layout::logFile`
+    path rotatedLogFile; // "pellam.1.log", becomes `Layout::rotatedLogFile`
+    path agentDefinition; // the same as `Layout::oldAgentDefinition`
+};
 
 /// All locations for one platform and one home folder.
 struct Layout {
@@ -37,6 +51,7 @@ struct Layout {
     std::vector<path> voiceMemosCandidates;
     path iCloudDrive;
     path documentsFolder;
+    PellamLayout pellam;
 };
 
 /// Looks up an environment variable; absent when unset.
@@ -73,6 +88,7 @@ path legacyWatcherFile();
 std::vector<path> voiceMemosCandidates();
 path iCloudDrive();
 path documentsFolder();
+PellamLayout pellam();
 
 /// Replaces a leading "~" (alone or followed by "/") with the home folder; anything else is
 /// returned unchanged.
