@@ -142,6 +142,11 @@ FakeVeldane::FakeVeldane(Options options)
         throw std::runtime_error("FakeVeldane: cannot listen on 127.0.0.1");
     }
     thread_ = std::thread([&server] { server.listen_after_bind(); });
+    // A stop before the server runs does nothing, and its thread would then wait in accept()
+    // for ever: a fake made and dropped at once hung the destructor.
+    while (!server.is_running()) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
 }
 
 FakeVeldane::~FakeVeldane()
