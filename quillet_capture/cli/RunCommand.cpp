@@ -6,9 +6,12 @@
 #include "quillet_capture/config/Settings.hpp"
 #include "quillet_capture/pipeline/CapturePipeline.hpp"
 #include "quillet_capture/pipeline/CaptureStatus.hpp"
+#include "quillet_capture/platform/Paths.hpp"
 #include "quillet_capture/platform/System.hpp"
 #include "quillet_capture/runtime/MainLoop.hpp"
 #include "quillet_capture/runtime/Tasks.hpp"
+#include "quillet_capture/util/AtomicFile.hpp"
+#include "quillet_capture/vault/InboxWriter.hpp"
 
 #include <csignal>
 
@@ -50,6 +53,13 @@ void cmdRun()
         }
     });
 
+    // A killed agent or command leaves the temporary files of the writes it was making; the
+    // files they were meant to replace are whole, so the temporary ones only take room.
+    InboxWriter inbox(settings.vaultURL());
+    for (const auto& folder : {inbox.inboxDirectory(), inbox.audioDirectory(), Paths::stateFile().parent_path(),
+                               Paths::settingsFile().parent_path()}) {
+        removeAtomicWriteLeftovers(folder);
+    }
     VoiceMemosKeeper::shared().apply(settings.keepVoiceMemosRunning());
     CaptureStatus::shared().start();
     CapturePipeline::shared().start();
