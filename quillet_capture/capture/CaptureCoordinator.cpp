@@ -38,7 +38,16 @@ std::string joined(const std::vector<FolderWatcher>& watchers)
     return names;
 }
 
+std::chrono::milliseconds sharedFirstTick = std::chrono::seconds(2);
+std::chrono::milliseconds sharedInterval = std::chrono::seconds(30);
+
 } // namespace
+
+void CaptureCoordinator::setSharedTiming(std::chrono::milliseconds firstTick, std::chrono::milliseconds interval)
+{
+    sharedFirstTick = firstTick;
+    sharedInterval = interval;
+}
 
 CaptureCoordinator& CaptureCoordinator::shared()
 {
@@ -49,7 +58,7 @@ CaptureCoordinator& CaptureCoordinator::shared()
             [](const CaptureAccess::State& state) { CaptureStatus::shared().updateAccess(state); },
             [](int count) { CaptureStatus::shared().poll(count); },
         },
-        runtime::systemClock(), {}, std::chrono::seconds(2), std::chrono::seconds(30), &CaptureIntake::shared());
+        runtime::systemClock(), {}, sharedFirstTick, sharedInterval, &CaptureIntake::shared());
     return *coordinator;
 }
 
@@ -150,7 +159,8 @@ void CaptureCoordinator::startOnQueue()
                                                tick();
                                            }
                                        });
-    rlog("[quillet] capture: coordinator started (poll=%ds, folders=%@)", static_cast<int>(pollInterval),
+    rlog("[quillet] capture: coordinator started (poll=%ds, folders=%@)",
+         static_cast<int>(std::chrono::duration_cast<std::chrono::seconds>(interval_).count()),
          joined(watchers_));
 }
 

@@ -35,6 +35,11 @@ public:
     /// reports to the shared capture status.
     static CaptureCoordinator& shared();
 
+    /// Replaces the first tick and the interval of the coordinator that `shared` makes; only
+    /// for tests of the whole agent, which cannot wait 30 seconds per poll. Main thread,
+    /// before the first call of `shared`.
+    static void setSharedTiming(std::chrono::milliseconds firstTick, std::chrono::milliseconds interval);
+
     /// A coordinator over `folders` and `store`. The timer fires `firstTick` after start and
     /// then every `interval`; `clock` and `probes` go to the watchers.
     CaptureCoordinator(FolderSource folders, CaptureStateStore& store, Reports reports,

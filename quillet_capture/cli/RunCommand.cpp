@@ -1,18 +1,47 @@
 #include "quillet_capture/cli/Commands.hpp"
 #include "quillet_capture/cli/Console.hpp"
 #include "quillet_capture/config/Log.hpp"
+#include "quillet_capture/capture/CaptureCoordinator.hpp"
 #include "quillet_capture/capture/VoiceMemosKeeper.hpp"
 #include "quillet_capture/config/Keychain.hpp"
 #include "quillet_capture/config/Settings.hpp"
 #include "quillet_capture/pipeline/CapturePipeline.hpp"
 #include "quillet_capture/pipeline/CaptureStatus.hpp"
+#include "quillet_capture/platform/Paths.hpp"
 #include "quillet_capture/platform/System.hpp"
 #include "quillet_capture/runtime/MainLoop.hpp"
 #include "quillet_capture/runtime/Tasks.hpp"
+#include "quillet_capture/util/AtomicFile.hpp"
+#include "quillet_capture/vault/InboxWriter.hpp"
 
+#include <chrono>
+#include <cmath>
 #include <csignal>
+#include <cstdlib>
 
 namespace quillet {
+
+namespace {
+
+// QUILLET_POLL_INTERVAL_SECONDS (0 < seconds <= 30) shortens the coordinator's poll interval
+// and first tick, so that tests of the whole agent need not wait 30 seconds per poll.
+void applyTestPollInterval()
+{
+    const char* text = std::getenv("QUILLET_POLL_INTERVAL_SECONDS");
+    if (text == nullptr) {
+        return;
+    }
+    char* end = nullptr;
+    double seconds = std::strtod(text, &end);
+    if (end == text || *end != '\0' || !std::isfinite(seconds) || seconds <= 0 || seconds > 30) {
+        return;
+    }
+    auto interval = std::chrono::milliseconds(std::llround(seconds * 1000));
+    CaptureCoordinator::setSharedTiming(std::min<std::chrono::milliseconds>(std::chrono::seconds(2), interval),
+                                        interval);
+}
+
+} // namespace
 
 void cmdRun()
 {
@@ -50,6 +79,14 @@ void cmdRun()
         }
     });
 
+    applyTestPollInterval();
+    // A killed agent or command leaves the temporary files of the writes it was making; the
+    // files they were meant to replace are whole, so the temporary ones only take room.
+    InboxWriter inbox(settings.vaultURL());
+    for (const auto& folder : {inbox.inboxDirectory(), inbox.audioDirectory(), Paths::stateFile().parent_path(),
+                               Paths::settingsFile().parent_path()}) {
+        removeAtomicWriteLeftovers(folder);
+    }
     VoiceMemosKeeper::shared().apply(settings.keepVoiceMemosRunning());
     CaptureStatus::shared().start();
     CapturePipeline::shared().start();

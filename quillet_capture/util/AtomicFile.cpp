@@ -1,6 +1,7 @@
 #include "quillet_capture/util/AtomicFile.hpp"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -49,12 +50,9 @@ void writeFileAtomically(const std::filesystem::path& file, std::string_view con
     if (folder.empty()) {
         folder = ".";
     }
-    // A dot name keeps the temporary file out of folder listings that skip hidden files.
-    auto temp = folder / ("." + file.filename().string() + std::string(kTempMarker) + randomSuffix());
-    int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
-    if (fd < 0) {
-        throwErrno("cannot create " + temp.string());
-    }
+    auto temporary = createTemporaryFile(folder / file.filename(), mode);
+    const int fd = temporary.fd;
+    const auto& temp = temporary.path;
     auto fail = [&](const std::string& what) {
         int saved = errno;
         ::close(fd);
@@ -82,18 +80,12 @@ void writeFileAtomically(const std::filesystem::path& file, std::string_view con
     if (flushToDisk(fd) != 0) {
         fail("cannot flush " + temp.string());
     }
-    if (::close(fd) != 0) {
-        int saved = errno;
-        ::unlink(temp.c_str());
-        errno = saved;
-        throwErrno("cannot close " + temp.string());
-    }
+    // Renamed while still open, so that its lock keeps a sweep of leftovers away until the
+    // name is final; the data is on the disk already, so closing has nothing left to report.
     if (::rename(temp.c_str(), file.c_str()) != 0) {
-        int saved = errno;
-        ::unlink(temp.c_str());
-        errno = saved;
-        throwErrno("cannot replace " + file.string());
+        fail("cannot replace " + file.string());
     }
+    ::close(fd);
     // Without flushing the folder, a power cut can lose the rename and leave the old file
     // (or none).
     int dir = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
@@ -138,6 +130,67 @@ std::optional<std::string> readWholeFile(const std::filesystem::path& file)
 bool isAtomicWriteLeftover(std::string_view fileName)
 {
     return fileName.starts_with('.') && fileName.find(kTempMarker) != std::string_view::npos;
+}
+
+namespace {
+
+bool sameFile(int fd, const std::filesystem::path& path)
+{
+    struct stat open {};
+    struct stat named {};
+    return ::fstat(fd, &open) == 0 && ::lstat(path.c_str(), &named) == 0 && open.st_dev == named.st_dev &&
+           open.st_ino == named.st_ino;
+}
+
+} // namespace
+
+TemporaryFile createTemporaryFile(const std::filesystem::path& file, mode_t mode)
+{
+    auto folder = file.parent_path();
+    if (folder.empty()) {
+        folder = ".";
+    }
+    for (int attempt = 0;; ++attempt) {
+        // A dot name keeps the temporary file out of folder listings that skip hidden files.
+        auto temp = folder / ("." + file.filename().string() + std::string(kTempMarker) + randomSuffix());
+        int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
+        if (fd < 0) {
+            throwErrno("cannot create " + temp.string());
+        }
+        // The lock (flock, which no other descriptor's close releases) marks the file as owned by
+        // a live process until it is closed; the system drops it when the process dies, however
+        // it dies. Volumes without locks get none, and their leftovers stay.
+        if (::flock(fd, LOCK_EX) != 0 || sameFile(fd, temp) || attempt >= 10) {
+            return {fd, temp};
+        }
+        // A sweep took the file away between its creation and the lock: make another.
+        ::close(fd);
+    }
+}
+
+int removeAtomicWriteLeftovers(const std::filesystem::path& folder)
+{
+    int removed = 0;
+    std::error_code error;
+    for (auto it = std::filesystem::directory_iterator(folder, error);
+         !error && it != std::filesystem::directory_iterator(); it.increment(error)) {
+        auto path = it->path();
+        if (!isAtomicWriteLeftover(path.filename().string())) {
+            continue;
+        }
+        int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+        if (fd < 0) {
+            continue;
+        }
+        struct stat info {};
+        // Held by a live writer (or a volume without locks): not ours to remove.
+        if (::fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && ::flock(fd, LOCK_EX | LOCK_NB) == 0 &&
+            sameFile(fd, path) && ::unlink(path.c_str()) == 0) {
+            ++removed;
+        }
+        ::close(fd);
+    }
+    return removed;
 }
 
 } // namespace quillet

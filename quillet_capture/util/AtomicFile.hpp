@@ -23,4 +23,19 @@ std::optional<std::string> readWholeFile(const std::filesystem::path& file);
 /// process dies between writing and renaming.
 bool isAtomicWriteLeftover(std::string_view fileName);
 
+/// A new, empty temporary file beside `file` (same folder, a hidden name that
+/// isAtomicWriteLeftover recognises), open for writing with `mode`. While `fd` stays open the
+/// file holds an advisory lock that tells removeAtomicWriteLeftovers a live writer owns it.
+/// The caller closes `fd` and renames or removes the file. Throws std::system_error.
+struct TemporaryFile {
+    int fd = -1;
+    std::filesystem::path path;
+};
+TemporaryFile createTemporaryFile(const std::filesystem::path& file, mode_t mode);
+
+/// Removes the temporary files in `folder` (not in its subfolders) whose writer died before
+/// renaming them: those that isAtomicWriteLeftover names and no open TemporaryFile holds.
+/// Returns how many were removed; a folder that cannot be listed gives 0. Any thread.
+int removeAtomicWriteLeftovers(const std::filesystem::path& folder);
+
 } // namespace quillet

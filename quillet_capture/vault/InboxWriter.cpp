@@ -369,21 +369,21 @@ fs::path InboxWriter::copyAudio(const fs::path& source, std::string_view id) con
         return destination;
     }
     // A dot name and the marker of atomic-write leftovers, so that listings skip the file and
-    // a clean-up can recognise it if the process dies before it is renamed.
-    auto temp = audioDirectory() / ("." + destination.filename().string() + ".quillet-tmp-" + newUuid().substr(0, 8));
-    try {
-        fs::copy_file(source, temp);
-        int fd = ::open(temp.c_str(), O_RDONLY | O_CLOEXEC);
-        if (fd < 0 || flushToDisk(fd) != 0) {
-            int error = errno;
-            if (fd >= 0) {
-                ::close(fd);
-            }
-            throwErrno(error, "cannot flush " + temp.string());
-        }
-        ::close(fd);
-    } catch (...) {
+    // the sweep at the agent's start removes it if the process dies before it is renamed; it
+    // stays locked against that sweep while `temporary.fd` is open.
+    auto temporary = createTemporaryFile(destination, 0600);
+    const auto& temp = temporary.path;
+    auto discard = [&] {
         fs::remove(temp, ignored);
+        ::close(temporary.fd);
+    };
+    try {
+        fs::copy_file(source, temp, fs::copy_options::overwrite_existing);
+        if (flushToDisk(temporary.fd) != 0) {
+            throwErrno(errno, "cannot flush " + temp.string());
+        }
+    } catch (...) {
+        discard();
         throw;
     }
     // link() gives the copy its name only if that name is still free, so a copy made at the
@@ -391,7 +391,7 @@ fs::path InboxWriter::copyAudio(const fs::path& source, std::string_view id) con
     if (::link(temp.c_str(), destination.c_str()) != 0) {
         int error = errno;
         if (error == EEXIST) {
-            fs::remove(temp, ignored);
+            discard();
             return destination;
         }
         bool noHardLinks = error == EPERM || error == ENOTSUP || error == EOPNOTSUPP || error == EXDEV ||
@@ -401,14 +401,15 @@ fs::path InboxWriter::copyAudio(const fs::path& source, std::string_view id) con
         if (!noHardLinks || fs::exists(fs::symlink_status(destination, ignored)) ||
             ::rename(temp.c_str(), destination.c_str()) != 0) {
             int failure = noHardLinks ? errno : error;
-            fs::remove(temp, ignored);
+            discard();
             if (fs::exists(fs::symlink_status(destination, ignored))) {
                 return destination;
             }
             throwErrno(failure, "cannot name the audio copy " + destination.string());
         }
+        ::close(temporary.fd);
     } else {
-        fs::remove(temp, ignored);
+        discard();
     }
     int folder = ::open(audioDirectory().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (folder >= 0) {

@@ -1,0 +1,577 @@
+#include "tests/e2e/CaptureAgentHarness.hpp"
+
+#include "quillet_capture/config/Keychain.hpp"
+#include "quillet_capture/pipeline/CaptureStateStore.hpp"
+#include "quillet_capture/platform/Paths.hpp"
+#include "quillet_capture/util/AtomicFile.hpp"
+#include "quillet_capture/vault/InboxWriter.hpp"
+
+#include "tests/support/SettingsFile.hpp"
+
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <ctime>
+#include <set>
+
+namespace quillet::test {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+std::string twoDigits(int value)
+{
+    return (value < 10 ? "0" : "") + std::to_string(value);
+}
+
+// A key's endpoint below "sources/": the key and, for the status, "/status".
+std::optional<std::pair<std::string, bool>> sourceKey(const std::string& endpoint)
+{
+    const std::string prefix = "sources/";
+    if (!endpoint.starts_with(prefix)) {
+        return std::nullopt;
+    }
+    std::string rest = endpoint.substr(prefix.size());
+    bool status = rest.ends_with("/status");
+    if (status) {
+        rest.resize(rest.size() - std::string("/status").size());
+    }
+    if (rest.empty() || rest.find('/') != std::string::npos || rest == "tasks") {
+        return std::nullopt;
+    }
+    return std::make_pair(rest, status);
+}
+
+void sleepFor(double seconds)
+{
+    if (seconds > 0) {
+        std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
+    }
+}
+
+} // namespace
+
+CaptureAgentHarness::CaptureAgentHarness(unsigned seed)
+    : random_(seed)
+{
+    memos_ = Paths::voiceMemosCandidates().front();
+    fs::create_directories(memos_);
+    fs::create_directories(vault());
+    fixture_ = readFile(fs::path(QUILLET_SOURCE_DIR) / "tests/fixtures/short-1500ms.m4a");
+    writeSettings([&](AppSettings& settings) {
+        settings.vaultPath = vault().string();
+        settings.captureVoiceMemosEnabled = true;
+        settings.captureVeldaneEnabled = true;
+        settings.veldaneBaseURL = service_.baseURL();
+        settings.keepVoiceMemosRunning = false;
+    });
+    setenv("QUILLET_TOKEN_STORE", "file", 1);
+    if (!Keychain::setDeviceToken(std::string(kToken))) {
+        ADD_FAILURE() << "cannot store the token";
+    }
+    service_.fallback([this](const Request& request) { return answer(request); });
+}
+
+CaptureAgentHarness::~CaptureAgentHarness()
+{
+    if (pid_ > 0) {
+        kill();
+    }
+    waitForWriters();
+}
+
+fs::path CaptureAgentHarness::stateFolder() const
+{
+    return Paths::stateFile().parent_path();
+}
+
+void CaptureAgentHarness::setPace(const Pace& pace)
+{
+    std::lock_guard guard(lock_);
+    pace_ = pace;
+}
+
+void CaptureAgentHarness::setFault(Fault fault)
+{
+    std::lock_guard guard(lock_);
+    fault_ = std::move(fault);
+}
+
+double CaptureAgentHarness::draw(double low, double high)
+{
+    std::lock_guard guard(lock_);
+    if (high <= low) {
+        return low;
+    }
+    return std::uniform_real_distribution<double>(low, high)(random_);
+}
+
+std::string CaptureAgentHarness::transcriptOf(const std::string& id)
+{
+    return "This is the transcript of recording " + id + ", spoken clearly.";
+}
+
+CaptureAgentHarness::Answer CaptureAgentHarness::answer(const Request& request)
+{
+    Fault fault;
+    Pace pace;
+    {
+        std::lock_guard guard(lock_);
+        fault = fault_;
+        pace = pace_;
+    }
+    if (fault) {
+        if (auto played = fault(request)) {
+            return *played;
+        }
+    }
+    if (request.method == "POST" && request.endpoint == "sources") {
+        return upload(request);
+    }
+    auto key = sourceKey(request.endpoint);
+    if (request.method != "GET" || !key) {
+        return Answer::json(R"({"error":"not_found"})", 404);
+    }
+    std::string id;
+    int polls = 0;
+    {
+        std::lock_guard guard(lock_);
+        for (const auto& [candidate, known] : keyOfId_) {
+            if (known == key->first) {
+                id = candidate;
+            }
+        }
+        if (!id.empty() && key->second) {
+            polls = ++statusPolls_[key->first];
+        }
+    }
+    if (id.empty()) {
+        return Answer::json(R"({"error":"not_found"})", 404);
+    }
+    if (key->second) {
+        sleepFor(draw(pace.statusMin, pace.statusMax));
+        std::string word = polls > pace.processingPolls ? "completed" : "processing";
+        nlohmann::json body = {{"status", {{"transcription", {{"status", word}}}}}};
+        return Answer::json(body.dump());
+    }
+    sleepFor(draw(pace.sourceMin, pace.sourceMax));
+    nlohmann::json body = {{"success", true},
+                           {"cache_key", key->first},
+                           {"result",
+                            {{"text", transcriptOf(id)},
+                             {"status", "completed"},
+                             {"language", "en"},
+                             {"duration", 1.5},
+                             {"word_count", 9}}}};
+    return Answer::json(body.dump());
+}
+
+CaptureAgentHarness::Answer CaptureAgentHarness::upload(const Request& request)
+{
+    // The audio copy is sent under the capture's id.
+    const std::string marker = "filename=\"";
+    auto start = request.body.find(marker);
+    auto end = start == std::string::npos ? start : request.body.find(".m4a\"", start);
+    if (end == std::string::npos) {
+        return Answer::json(R"({"error":"no file"})", 400);
+    }
+    std::string id = request.body.substr(start + marker.size(), end - start - marker.size());
+    Pace pace;
+    {
+        std::lock_guard guard(lock_);
+        pace = pace_;
+    }
+    // The wait happens here rather than in the answer's delay, so that the test can see an
+    // upload in flight at the moment it kills the agent.
+    ++uploadsInFlight_;
+    sleepFor(draw(pace.uploadMin, pace.uploadMax));
+    --uploadsInFlight_;
+    std::lock_guard guard(lock_);
+    int count = ++uploadsOfId_[id];
+    auto known = keyOfId_.find(id);
+    if (known == keyOfId_.end()) {
+        known = keyOfId_.emplace(id, "key-" + id).first;
+    }
+    nlohmann::json body = {{"status", count == 1 ? "queued" : "duplicate_upload"}, {"cache_key", known->second}};
+    return Answer::json(body.dump());
+}
+
+int CaptureAgentHarness::uploadCount() const
+{
+    std::lock_guard guard(lock_);
+    int total = 0;
+    for (const auto& [id, count] : uploadsOfId_) {
+        total += count;
+    }
+    return total;
+}
+
+CaptureAgentHarness::Recording CaptureAgentHarness::makeRecording(int index)
+{
+    // Names a minute and a second apart, from 1 March 2024, 08:00:00 on.
+    std::tm base{};
+    base.tm_year = 2024 - 1900;
+    base.tm_mon = 2;
+    base.tm_mday = 1;
+    base.tm_hour = 8;
+    std::time_t when = timegm(&base) + static_cast<std::time_t>(index) * 61;
+    std::tm parts{};
+    gmtime_r(&when, &parts);
+    std::string date = std::to_string(parts.tm_year + 1900) + twoDigits(parts.tm_mon + 1) + twoDigits(parts.tm_mday);
+    std::string time = twoDigits(parts.tm_hour) + twoDigits(parts.tm_min) + twoDigits(parts.tm_sec);
+    Recording recording;
+    recording.name = date + " " + time + ".m4a";
+    recording.id = date.substr(2) + "-" + time;
+    return recording;
+}
+
+CaptureAgentHarness::Recording CaptureAgentHarness::filled(int index, std::size_t padding) const
+{
+    auto recording = makeRecording(index);
+    // A free box at the end keeps the file valid MP4 and makes its bytes its own.
+    std::string payload = "quillet test recording " + recording.name;
+    for (std::size_t i = 0; i < padding; ++i) {
+        payload.push_back(static_cast<char>('a' + (i * 7 + static_cast<std::size_t>(index)) % 26));
+    }
+    std::uint32_t size = static_cast<std::uint32_t>(8 + payload.size());
+    recording.bytes = fixture_;
+    for (int shift = 24; shift >= 0; shift -= 8) {
+        recording.bytes.push_back(static_cast<char>((size >> shift) & 0xff));
+    }
+    recording.bytes += "free" + payload;
+    return recording;
+}
+
+CaptureAgentHarness::Recording CaptureAgentHarness::drop(int index, std::size_t padding)
+{
+    return dropInto(memos_, index, padding);
+}
+
+CaptureAgentHarness::Recording CaptureAgentHarness::dropInto(const fs::path& folder, int index, std::size_t padding)
+{
+    auto recording = filled(index, padding);
+    writeFile(folder / (".incoming-" + recording.name), recording.bytes);
+    fs::rename(folder / (".incoming-" + recording.name), folder / recording.name);
+    std::lock_guard guard(lock_);
+    recordings_.push_back(recording);
+    return recording;
+}
+
+CaptureAgentHarness::Recording CaptureAgentHarness::dropSlowly(int index, double seconds, std::size_t padding)
+{
+    auto recording = filled(index, padding);
+    {
+        std::lock_guard guard(lock_);
+        recordings_.push_back(recording);
+    }
+    // Written piece by piece under its final name, as a sync that is still downloading.
+    writers_.emplace_back([file = memos_ / recording.name, bytes = recording.bytes, seconds] {
+        constexpr int kPieces = 12;
+        int fd = ::open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+        if (fd < 0) {
+            return;
+        }
+        std::size_t piece = bytes.size() / kPieces + 1;
+        for (std::size_t offset = 0; offset < bytes.size(); offset += piece) {
+            std::size_t length = std::min(piece, bytes.size() - offset);
+            if (::write(fd, bytes.data() + offset, length) != static_cast<ssize_t>(length)) {
+                break;
+            }
+            sleepFor(seconds / kPieces);
+        }
+        ::close(fd);
+    });
+    return recording;
+}
+
+void CaptureAgentHarness::waitForWriters()
+{
+    for (auto& writer : writers_) {
+        writer.join();
+    }
+    writers_.clear();
+}
+
+CaptureAgentHarness::Recording CaptureAgentHarness::dropHistory(int index)
+{
+    auto recording = drop(index);
+    std::lock_guard guard(lock_);
+    recordings_.pop_back();
+    history_.push_back(recording);
+    return recording;
+}
+
+std::map<std::string, std::optional<std::string>> CaptureAgentHarness::environment() const
+{
+    std::map<std::string, std::optional<std::string>> environment = {{"QUILLET_TOKEN_STORE", "file"}};
+    if (pollInterval_ > 0) {
+        environment["QUILLET_POLL_INTERVAL_SECONDS"] = std::to_string(pollInterval_);
+    }
+    return environment;
+}
+
+void CaptureAgentHarness::start()
+{
+    ASSERT_LT(pid_, 0) << "an agent is already running";
+    auto output = home() / "agent-output.log";
+    auto environment = this->environment();
+    std::string program = programPath();
+    pid_ = ::fork();
+    if (pid_ == 0) {
+        for (auto& [name, value] : environment) {
+            if (value) {
+                ::setenv(name.c_str(), value->c_str(), 1);
+            } else {
+                ::unsetenv(name.c_str());
+            }
+        }
+        int null = ::open("/dev/null", O_RDONLY);
+        int out = ::open(output.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+        ::dup2(null, STDIN_FILENO);
+        ::dup2(out, STDOUT_FILENO);
+        ::dup2(out, STDERR_FILENO);
+        char* argv[] = {program.data(), const_cast<char*>("run"), nullptr};
+        ::execv(program.c_str(), argv);
+        ::_exit(127);
+    }
+    ASSERT_GT(pid_, 0) << "fork failed";
+}
+
+bool CaptureAgentHarness::startAndWait(double seconds)
+{
+    auto started = [this] {
+        auto messages = logMessages();
+        return std::count_if(messages.begin(), messages.end(), [](const std::string& message) {
+            return message.find("[quillet] capture: coordinator started") != std::string::npos;
+        });
+    };
+    auto before = started();
+    start();
+    return eventually([&] { return started() > before; }, seconds);
+}
+
+bool CaptureAgentHarness::running()
+{
+    if (pid_ <= 0) {
+        return false;
+    }
+    int status = 0;
+    if (::waitpid(pid_, &status, WNOHANG) == pid_) {
+        pid_ = -1;
+        return false;
+    }
+    return true;
+}
+
+void CaptureAgentHarness::kill()
+{
+    if (pid_ <= 0) {
+        return;
+    }
+    ::kill(pid_, SIGKILL);
+    int status = 0;
+    ::waitpid(pid_, &status, 0);
+    pid_ = -1;
+}
+
+int CaptureAgentHarness::stop()
+{
+    if (pid_ <= 0) {
+        return -1;
+    }
+    ::kill(pid_, SIGTERM);
+    int status = 0;
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (::waitpid(pid_, &status, WNOHANG) != pid_) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            ADD_FAILURE() << "the agent did not stop on SIGTERM";
+            kill();
+            return -1;
+        }
+        sleepFor(0.02);
+    }
+    pid_ = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+ProcessResult CaptureAgentHarness::runCommand(const std::vector<std::string>& arguments, double timeoutSeconds)
+{
+    return runProcess(programPath(), arguments, environment(), timeoutSeconds);
+}
+
+std::string CaptureAgentHarness::agentOutput() const
+{
+    return readFile(home() / "agent-output.log");
+}
+
+std::vector<std::string> CaptureAgentHarness::logMessages() const
+{
+    std::vector<std::string> messages;
+    for (const auto& line : readLines(Paths::logFile())) {
+        auto blank = line.find(' ');
+        messages.push_back(blank == std::string::npos ? line : line.substr(blank + 1));
+    }
+    return messages;
+}
+
+bool CaptureAgentHarness::indexed() const
+{
+    auto text = readWholeFile(Paths::stateFile());
+    auto state = text ? CaptureStateStore::decode(*text) : std::nullopt;
+    if (!state) {
+        return false;
+    }
+    auto folder = state->seenByFolder.find(CaptureStateStore::voiceMemosFolderId);
+    return folder != state->seenByFolder.end() && folder->second.contains(CaptureStateStore::indexedMarker);
+}
+
+std::vector<CaptureAgentHarness::Recording> CaptureAgentHarness::recordings() const
+{
+    std::lock_guard guard(lock_);
+    return recordings_;
+}
+
+std::map<std::string, std::string> CaptureAgentHarness::statuses() const
+{
+    std::map<std::string, std::string> result;
+    for (const auto& recording : recordings()) {
+        std::string status;
+        try {
+            status = InboxWriter::readFrontmatter(inbox() / (recording.id + ".md")).vdJobStatus.value_or("");
+        } catch (const std::exception&) {
+        }
+        result[recording.id] = status;
+    }
+    return result;
+}
+
+bool CaptureAgentHarness::allDone() const
+{
+    for (const auto& [id, status] : statuses()) {
+        if (status != "done") {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool CaptureAgentHarness::waitUntilAllDone(double seconds) const
+{
+    return eventually([&] { return allDone(); }, seconds);
+}
+
+std::vector<fs::path> CaptureAgentHarness::leftovers(const fs::path& folder)
+{
+    std::vector<fs::path> found;
+    std::error_code error;
+    for (auto it = fs::recursive_directory_iterator(folder, error); !error && it != fs::recursive_directory_iterator();
+         it.increment(error)) {
+        std::string name = it->path().filename().string();
+        if (isAtomicWriteLeftover(name) || name.find(".quillet-tmp-") != std::string::npos) {
+            found.push_back(it->path());
+        }
+    }
+    return found;
+}
+
+void CaptureAgentHarness::expectConsistent(bool requireDone) const
+{
+    auto expected = recordings();
+    std::set<std::string> expectedNotes;
+    std::set<std::string> expectedCopies;
+    for (const auto& recording : expected) {
+        expectedNotes.insert(recording.id + ".md");
+        expectedCopies.insert(recording.id + ".m4a");
+    }
+
+    // Exactly the expected notes and copies: nothing for history, no suffixed second capture.
+    std::set<std::string> notes;
+    std::error_code error;
+    for (const auto& entry : fs::directory_iterator(inbox(), error)) {
+        if (entry.is_regular_file() && entry.path().extension() == ".md") {
+            notes.insert(entry.path().filename().string());
+        }
+    }
+    EXPECT_EQ(notes, expectedNotes);
+    std::set<std::string> copies;
+    for (const auto& entry : fs::directory_iterator(inbox() / ".audio", error)) {
+        if (!entry.path().filename().string().starts_with('.')) {
+            copies.insert(entry.path().filename().string());
+        }
+    }
+    EXPECT_EQ(copies, expectedCopies);
+
+    std::map<std::string, std::string> keys;
+    {
+        std::lock_guard guard(lock_);
+        keys = keyOfId_;
+    }
+    for (const auto& recording : expected) {
+        auto note = inbox() / (recording.id + ".md");
+        auto copy = inbox() / ".audio" / (recording.id + ".m4a");
+        EXPECT_TRUE(readFile(copy) == recording.bytes) << "the audio copy of " << recording.name << " differs";
+        try {
+            auto frontmatter = InboxWriter::readFrontmatter(note);
+            EXPECT_EQ(frontmatter.id, recording.id);
+            EXPECT_EQ(frontmatter.audioPath, "_inbox/.audio/" + recording.id + ".m4a");
+            if (requireDone) {
+                EXPECT_EQ(frontmatter.vdJobStatus, "done") << recording.id;
+                EXPECT_EQ(frontmatter.externalId, keys[recording.id]) << recording.id;
+                EXPECT_NE(InboxWriter::readBody(note).find(transcriptOf(recording.id)), std::string::npos)
+                    << recording.id;
+            }
+        } catch (const std::exception& failure) {
+            ADD_FAILURE() << "the note of " << recording.name << " does not read: " << failure.what();
+        }
+    }
+
+    auto stateText = readWholeFile(Paths::stateFile());
+    auto state = stateText ? CaptureStateStore::decode(*stateText) : std::nullopt;
+    if (!state) {
+        ADD_FAILURE() << "state.json does not parse";
+    } else {
+        const auto& seen = state->seenByFolder[std::string(CaptureStateStore::voiceMemosFolderId)];
+        // A folder that was empty at the first start has nothing to index and no marker.
+        if (!history_.empty()) {
+            EXPECT_TRUE(seen.contains(CaptureStateStore::indexedMarker));
+        }
+        for (const auto& recording : expected) {
+            auto entry = seen.find(recording.name);
+            if (entry == seen.end()) {
+                ADD_FAILURE() << recording.name << " is not in the seen set";
+            } else {
+                EXPECT_EQ(entry->second.canonicalId, recording.id);
+            }
+        }
+        for (const auto& old : history_) {
+            EXPECT_TRUE(seen.contains(old.name)) << old.name << " (history) is not in the seen set";
+        }
+    }
+
+    auto intakeText = readWholeFile(stateFolder() / "intake.json");
+    if (intakeText) {
+        auto intake = nlohmann::json::parse(*intakeText, nullptr, false);
+        EXPECT_TRUE(intake.is_object() && intake["pending"].is_array()) << *intakeText;
+        if (requireDone && intake.is_object()) {
+            EXPECT_TRUE(intake["pending"].empty()) << "the intake journal still holds " << intake["pending"].dump();
+        }
+    }
+
+    for (const auto& folder : {vault(), stateFolder()}) {
+        for (const auto& leftover : leftovers(folder)) {
+            ADD_FAILURE() << "temporary file left behind: " << leftover;
+        }
+    }
+}
+
+} // namespace quillet::test

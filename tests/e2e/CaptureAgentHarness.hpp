@@ -1,0 +1,166 @@
+#pragma once
+
+#include "tests/support/FakeVeldane.hpp"
+#include "tests/support/Scratch.hpp"
+
+#include <atomic>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace quillet::test {
+
+/// A scratch user of the capture agent, for the end-to-end tests that crash it or feed it
+/// faults: a scratch home with a Voice Memos folder, a vault, settings with uploads on, a
+/// token in the credentials file, and a fake Veldane service that plays a whole capture's
+/// life (upload, a few "processing" answers, "completed", a transcript). Recordings are the
+/// fixture with a unique free box appended, so every copy can be told apart. The built
+/// `quillet-capture run` is started and stopped as a child process whose output goes to a
+/// file in the home folder. The fixture runs on the test's thread; the service answers on
+/// its own threads.
+class CaptureAgentHarness {
+public:
+    using Answer = FakeVeldane::Answer;
+    using Request = FakeVeldane::Request;
+
+    /// One recording dropped into the Voice Memos folder.
+    struct Recording {
+        std::string name;   // "20240301 080000.m4a"
+        std::string id;     // "240301-080000"
+        std::string bytes;
+    };
+
+    /// Service timing, in seconds; each answer draws from its range.
+    struct Pace {
+        double uploadMin = 0, uploadMax = 0;
+        double statusMin = 0, statusMax = 0;
+        double sourceMin = 0, sourceMax = 0;
+        int processingPolls = 2;  // "processing" answers before "completed"
+    };
+
+    /// A fault to play instead of the normal answer, or nothing. Called under no lock, on the
+    /// service's threads.
+    using Fault = std::function<std::optional<Answer>(const Request&)>;
+
+    static constexpr const char* kToken = "tok_harness_0123456789abcdefghijklmnop";
+
+    /// A fresh user; `seed` drives every random choice of the service.
+    explicit CaptureAgentHarness(unsigned seed);
+    ~CaptureAgentHarness();
+
+    CaptureAgentHarness(const CaptureAgentHarness&) = delete;
+    CaptureAgentHarness& operator=(const CaptureAgentHarness&) = delete;
+
+    const std::filesystem::path& home() const { return home_.path(); }
+    std::filesystem::path vault() const { return home_.path() / "vault"; }
+    std::filesystem::path inbox() const { return vault() / "_inbox"; }
+    const std::filesystem::path& memos() const { return memos_; }
+    std::filesystem::path stateFolder() const;
+    FakeVeldane& service() { return service_; }
+
+    void setPace(const Pace& pace);
+    void setFault(Fault fault);
+    /// Sets the agent's poll interval (the test-only variable of `run`); 0 keeps the default.
+    void setPollInterval(double seconds) { pollInterval_ = seconds; }
+
+    /// A recording's name, id and bytes for the number `index` (names are a minute apart).
+    static Recording makeRecording(int index);
+
+    /// Writes a recording under a hidden name and renames it in, so it appears whole.
+    /// `padding` bytes more in its free box make it larger.
+    Recording drop(int index, std::size_t padding = 0);
+    /// The same into another folder (one that will become the Voice Memos folder).
+    Recording dropInto(const std::filesystem::path& folder, int index, std::size_t padding = 0);
+    /// Writes a recording in small pieces over about `seconds`, on a thread of its own (the
+    /// guards must wait for it). `waitForWriters` joins these threads.
+    Recording dropSlowly(int index, double seconds, std::size_t padding = 0);
+    void waitForWriters();
+    /// A recording that is already there when the agent first starts (history, never captured).
+    Recording dropHistory(int index);
+
+    /// Starts `quillet-capture run`. At most one agent runs at a time.
+    void start();
+    /// Starts it and waits until its coordinator has started (its first index done), at most
+    /// `seconds`; false when it did not.
+    bool startAndWait(double seconds = 20);
+    /// True while the started agent has not ended.
+    bool running();
+    /// SIGKILL, and waits for the end.
+    void kill();
+    /// SIGTERM, and waits for the end (killed after 20 s). Returns the exit status.
+    int stop();
+    /// Runs the built program to its end with the harness's environment.
+    ProcessResult runCommand(const std::vector<std::string>& arguments, double timeoutSeconds = 120);
+
+    /// Everything the agents wrote to standard output and error.
+    std::string agentOutput() const;
+    /// The messages of the log file (time stamps removed).
+    std::vector<std::string> logMessages() const;
+
+    /// True once the Voice Memos folder's first index is in the state file.
+    bool indexed() const;
+
+    /// The recordings dropped so far (history excluded), in drop order.
+    std::vector<Recording> recordings() const;
+    const std::vector<Recording>& history() const { return history_; }
+
+    /// The job status of each recording's note ("" when the note is missing or unreadable).
+    std::map<std::string, std::string> statuses() const;
+    /// True when every recording's note says "done".
+    bool allDone() const;
+    /// Waits until every recording is done, at most `seconds`.
+    bool waitUntilAllDone(double seconds) const;
+
+    /// The leftover temporary files anywhere under `folder`.
+    static std::vector<std::filesystem::path> leftovers(const std::filesystem::path& folder);
+
+    /// The transcript the service hands out for `id`.
+    static std::string transcriptOf(const std::string& id);
+
+    /// How many uploads are being answered right now, and how many were answered in all.
+    int uploadsInFlight() const { return uploadsInFlight_.load(); }
+    int uploadCount() const;
+
+    /// Checks, with gtest expectations, the promise of the agent: every recording has exactly
+    /// one note, which parses, and one audio copy equal to the recording; no other notes or
+    /// copies exist (history is never captured, no id gets a suffix); the state file and the
+    /// intake journal parse and hold every recording as seen; no temporary file is left in the
+    /// vault or the state folder. With `requireDone`, every note is "done" and holds its
+    /// transcript.
+    void expectConsistent(bool requireDone) const;
+
+private:
+    Recording filled(int index, std::size_t padding) const;
+    Answer answer(const Request& request);
+    Answer upload(const Request& request);
+    double draw(double low, double high);
+    std::map<std::string, std::optional<std::string>> environment() const;
+
+    ScratchHome home_;
+    FakeVeldane service_;
+    std::filesystem::path memos_;
+    std::string fixture_;
+    double pollInterval_ = 0;
+
+    mutable std::mutex lock_;
+    std::mt19937 random_;
+    Pace pace_;
+    Fault fault_;
+    std::map<std::string, std::string> keyOfId_;
+    std::map<std::string, int> statusPolls_;
+    std::map<std::string, int> uploadsOfId_;
+    std::vector<Recording> recordings_;
+    std::vector<Recording> history_;
+    std::atomic<int> uploadsInFlight_{0};
+
+    std::vector<std::thread> writers_;
+    int pid_ = -1;
+};
+
+} // namespace quillet::test

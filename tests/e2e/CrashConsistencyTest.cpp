@@ -1,0 +1,159 @@
+#include "tests/e2e/CaptureAgentHarness.hpp"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <map>
+#include <random>
+#include <string>
+#include <thread>
+
+namespace quillet {
+namespace {
+
+namespace fs = std::filesystem;
+using test::CaptureAgentHarness;
+
+int environmentNumber(const char* name, int fallback)
+{
+    const char* value = std::getenv(name);
+    return value != nullptr && *value != '\0' ? std::atoi(value) : fallback;
+}
+
+// Where the agent was when it was killed, judged by its last log message of that run.
+std::string phaseOf(const std::string& message)
+{
+    static const std::pair<const char*, const char*> kPhases[] = {
+        {"transcript written", "after a transcript"},
+        {"is done in VD", "fetching a transcript"},
+        {"uploaded; cache_key", "polling"},
+        {"already in VD library", "polling"},
+        {"resumed (polling", "polling"},
+        {"resumed (uploading again)", "uploading"},
+        {"new file --", "handing over / copying / uploading"},
+        {"has no note yet", "recovering the intake"},
+        {"deferring", "guarding"},
+        {"resuming", "resuming"},
+        {"coordinator started", "waiting for the first tick / guarding"},
+        {"initial index complete", "indexing"},
+        {"capture pipeline: started", "starting"},
+        {"run ", "starting"},
+    };
+    for (const auto& [text, phase] : kPhases) {
+        if (message.find(text) != std::string::npos) {
+            return phase;
+        }
+    }
+    return "other";
+}
+
+// Kills the agent with SIGKILL at random moments while recordings arrive, restarts it each
+// time, and then lets a last run finish everything. Whatever the moments, every recording must
+// end with exactly one note and one identical audio copy, transcribed, with no temporary file
+// left and every file of the program still readable. The number of kills is
+// QUILLET_CRASH_KILLS (a handful in the ordinary suite; scripts/crash-test runs 200), the
+// random seed QUILLET_CRASH_SEED (printed, so a failing run can be repeated).
+TEST(CrashConsistency, EveryRecordingIsCapturedOnceWhereverTheAgentIsKilled)
+{
+    const int kills = environmentNumber("QUILLET_CRASH_KILLS", 8);
+    const unsigned seed = static_cast<unsigned>(environmentNumber("QUILLET_CRASH_SEED", std::random_device{}()));
+    std::printf("[ crash    ] %d kills, seed %u\n", kills, seed);
+    std::mt19937 random(seed);
+    auto chance = [&](double p) { return std::uniform_real_distribution<double>(0, 1)(random) < p; };
+    auto uniform = [&](double low, double high) { return std::uniform_real_distribution<double>(low, high)(random); };
+
+    CaptureAgentHarness agent(seed);
+    // Slow answers, so that kills land while an upload or a transcript is on the wire.
+    agent.setPace({.uploadMin = 0.2, .uploadMax = 1.5, .statusMin = 0, .statusMax = 0.3, .sourceMin = 0,
+                   .sourceMax = 0.8, .processingPolls = 2});
+    agent.setPollInterval(3);
+    for (int i = 0; i < 3; ++i) {
+        agent.dropHistory(i);
+    }
+
+    int next = 100;
+    std::map<std::string, int> phases;
+    int midUpload = 0;
+    int leftoverKills = 0;
+    std::size_t logSeen = 0;
+    const auto started = std::chrono::steady_clock::now();
+
+    for (int kill = 0; kill < kills; ++kill) {
+        // New recordings arrive only after the first index; before it they would be history.
+        bool indexed = agent.indexed();
+        if (indexed && (chance(0.5) || kill == 1)) {
+            int batch = 1 + static_cast<int>(random() % 3);
+            for (int i = 0; i < batch; ++i) {
+                // Some are large, so that copies take long enough for kills to land in them.
+                std::size_t padding = chance(0.3) ? 2u << 20 : 0;
+                if (chance(0.25)) {
+                    agent.dropSlowly(next++, uniform(1, 4), padding);
+                } else {
+                    agent.drop(next++, padding);
+                }
+            }
+        }
+        agent.start();
+        // Early kills hit the start (index, intake recovery, resume); later ones anything,
+        // up to a first tick with its guards, uploads and a few status polls.
+        double delay = !indexed || chance(0.2) ? uniform(0, 0.25) : uniform(0.25, 9);
+        if (indexed && chance(0.3)) {
+            // A recording that arrives while the agent runs.
+            double first = uniform(0, delay);
+            std::this_thread::sleep_for(std::chrono::duration<double>(first));
+            agent.drop(next++);
+            delay -= first;
+        }
+        std::this_thread::sleep_for(std::chrono::duration<double>(delay));
+        bool uploading = agent.uploadsInFlight() > 0;
+        agent.kill();
+        midUpload += uploading ? 1 : 0;
+
+        auto messages = agent.logMessages();
+        std::string last = messages.size() > logSeen ? messages.back() : "";
+        logSeen = messages.size();
+        std::string phase = uploading ? "uploading (request on the wire)" : phaseOf(last);
+        ++phases[phase == "other" ? "other <" + last.substr(0, 100) + ">" : phase];
+        // The recorded upload bodies are not needed and would pile up.
+        agent.service().reset();
+        if (!CaptureAgentHarness::leftovers(agent.vault()).empty() ||
+            !CaptureAgentHarness::leftovers(agent.stateFolder()).empty()) {
+            ++leftoverKills;
+        }
+    }
+    agent.waitForWriters();
+    if (agent.recordings().empty()) {
+        agent.drop(next++);
+    }
+    const double killing = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+
+    // The last run is left alone until everything is done.
+    agent.start();
+    const double budget = 60 + 3.0 * static_cast<double>(agent.recordings().size());
+    bool done = agent.waitUntilAllDone(budget);
+    EXPECT_EQ(agent.stop(), 0);
+    const double total = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+
+    std::printf("[ crash    ] %d kills in %.0f s, %zu recordings, %d uploads, %.0f s in all\n", kills, killing,
+                agent.recordings().size(), agent.uploadCount(), total);
+    std::printf("[ crash    ] kills with an upload on the wire: %d; kills that left a temporary file: %d\n", midUpload,
+                leftoverKills);
+    for (const auto& [phase, count] : phases) {
+        std::printf("[ crash    ]   killed while %s: %d\n", phase.c_str(), count);
+    }
+    if (!done) {
+        for (const auto& [id, status] : agent.statuses()) {
+            if (status != "done") {
+                ADD_FAILURE() << id << " ended as \"" << status << "\"";
+            }
+        }
+        ADD_FAILURE() << "not every capture was done after " << budget << " s; agent output:\n"
+                      << agent.agentOutput().substr(agent.agentOutput().size() > 20000 ? agent.agentOutput().size() - 20000 : 0);
+    }
+    agent.expectConsistent(true);
+}
+
+} // namespace
+} // namespace quillet

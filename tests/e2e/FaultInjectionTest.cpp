@@ -1,0 +1,432 @@
+#include "tests/e2e/CaptureAgentHarness.hpp"
+
+#include "quillet_capture/config/Keychain.hpp"
+#include "quillet_capture/pipeline/CapturePipeline.hpp"
+#include "quillet_capture/pipeline/CaptureRetry.hpp"
+#include "quillet_capture/platform/Paths.hpp"
+#include "quillet_capture/runtime/Tasks.hpp"
+
+#include "tests/support/FakeClock.hpp"
+#include "tests/support/LogLines.hpp"
+
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+#include <future>
+#include <memory>
+#include <random>
+
+namespace quillet {
+namespace {
+
+namespace fs = std::filesystem;
+using test::CaptureAgentHarness;
+using Answer = test::FakeVeldane::Answer;
+using Request = test::FakeVeldane::Request;
+
+void pause(double seconds)
+{
+    std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
+}
+
+bool logHas(const CaptureAgentHarness& agent, const std::string& text)
+{
+    auto messages = agent.logMessages();
+    return std::any_of(messages.begin(), messages.end(),
+                       [&](const std::string& message) { return message.find(text) != std::string::npos; });
+}
+
+long logCount(const CaptureAgentHarness& agent, const std::string& text)
+{
+    auto messages = agent.logMessages();
+    return std::count_if(messages.begin(), messages.end(),
+                         [&](const std::string& message) { return message.find(text) != std::string::npos; });
+}
+
+// Runs `task` on the utility pool and waits for it, and then for the capture tasks it started.
+void await(CapturePipeline& pipeline, asio::awaitable<void> task)
+{
+    std::promise<void> done;
+    runtime::spawn(
+        [](asio::awaitable<void> task, std::promise<void>& done) -> asio::awaitable<void> {
+            co_await std::move(task);
+            done.set_value();
+        }(std::move(task), done));
+    ASSERT_EQ(done.get_future().wait_for(std::chrono::seconds(60)), std::future_status::ready);
+    ASSERT_TRUE(pipeline.waitUntilIdle(std::chrono::seconds(60)));
+}
+
+// The retry batch over the harness's vault, run in this process as `retry` runs it.
+void retryEverything(CaptureAgentHarness& agent)
+{
+    test::FakeClock clock;
+    CapturePipeline pipeline(
+        CapturePipeline::Environment{
+            [&] { return agent.vault(); },
+            [] { return true; },
+            [] { return std::vector<WatchedFolder>{WatchedFolder::voiceMemos(true)}; },
+            [&] { return agent.service().baseURL(); },
+            {},
+            &clock,
+        },
+        nullptr);
+    CaptureRetry retry(pipeline, [&] { return agent.inbox(); }, clock);
+    await(pipeline, retry.run({}));
+}
+
+// Every recording has a note that is done or that the retry batch takes up.
+void expectDoneOrRetryable(const CaptureAgentHarness& agent)
+{
+    for (const auto& recording : agent.recordings()) {
+        try {
+            auto note = InboxWriter::readFrontmatter(agent.inbox() / (recording.id + ".md"));
+            EXPECT_TRUE(note.vdJobStatus == "done" || CaptureRetry::isRetryable(note))
+                << recording.id << " ended as \"" << note.vdJobStatus.value_or("") << "\" with cache key \""
+                << note.externalId.value_or("") << "\"";
+        } catch (const std::exception& error) {
+            ADD_FAILURE() << recording.id << " has no readable note: " << error.what();
+        }
+    }
+}
+
+bool everyNoteSettled(const CaptureAgentHarness& agent)
+{
+    for (const auto& recording : agent.recordings()) {
+        try {
+            auto note = InboxWriter::readFrontmatter(agent.inbox() / (recording.id + ".md"));
+            if (note.vdJobStatus != "done" && !CaptureRetry::isRetryable(note)) {
+                return false;
+            }
+        } catch (const std::exception&) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// The service's faults, drawn at random while `on`: server errors, connections cut after the
+// headers or half-way through the body, garbage with a 200, answers of the wrong shape, plan
+// refusals, runs of "not found" for a key, and stalls of a few seconds.
+struct RandomFaults {
+    std::mutex lock;
+    std::mt19937 random;
+    std::atomic<bool> on{true};
+    std::map<std::string, int> notFoundLeft;
+    std::map<std::string, int> played;
+    std::vector<int> deck;
+
+    explicit RandomFaults(unsigned seed) : random(seed) {}
+
+    // Kinds come from a shuffled deck, so that a handful of faults already holds every kind.
+    int nextKind()
+    {
+        if (deck.empty()) {
+            deck = {0, 1, 2, 3, 4, 5, 6, 7, 8};
+            std::shuffle(deck.begin(), deck.end(), random);
+        }
+        int kind = deck.back();
+        deck.pop_back();
+        return kind;
+    }
+
+    std::optional<Answer> play(const Request& request)
+    {
+        if (!on) {
+            return std::nullopt;
+        }
+        std::unique_lock guard(lock);
+        if (auto left = notFoundLeft.find(request.endpoint); left != notFoundLeft.end() && left->second > 0) {
+            --left->second;
+            ++played["404 storm"];
+            return Answer::json(R"({"error":"not_found"})", 404);
+        }
+        if (std::uniform_real_distribution<double>(0, 1)(random) < 0.4) {
+            return std::nullopt;
+        }
+        int kind = nextKind();
+        Answer answer;
+        switch (kind) {
+        case 0:
+            answer = Answer::text("upstream exploded", 500);
+            ++played["500"];
+            break;
+        case 1:
+            answer = Answer::json(R"({"error":"busy"})", 503);
+            ++played["503"];
+            break;
+        case 2:
+            answer = Answer::json(R"({"status":"queued","cache_key":"never-seen"})");
+            answer.cut = test::FakeVeldane::Cut::afterHeaders;
+            ++played["reset after headers"];
+            break;
+        case 3:
+            answer = Answer::json(R"({"status":"queued","cache_key":"never-seen-either"})");
+            answer.cut = test::FakeVeldane::Cut::midBody;
+            ++played["reset mid-body"];
+            break;
+        case 4:
+            answer = Answer::text("<html><body>502 Bad Gateway</body></html>", 200, "text/html");
+            ++played["garbage"];
+            break;
+        case 5:
+            answer = Answer::json(R"({"status":42,"cache_key":[],"result":"no"})");
+            ++played["wrong shape"];
+            break;
+        case 6:
+            answer = Answer::json(R"({"error":"plan_required","plan":"pro","message":"Upgrade to transcribe"})", 402);
+            ++played["402"];
+            break;
+        case 7:
+            notFoundLeft[request.endpoint] = 2 + static_cast<int>(random() % 5);
+            answer = Answer::json(R"({"error":"not_found"})", 404);
+            ++played["404 storm"];
+            break;
+        default:
+            ++played["stall"];
+            guard.unlock();
+            // A stall well inside the agent's time-outs (a minute): the answer comes late.
+            pause(2.5);
+            return std::nullopt;
+        }
+        return answer;
+    }
+};
+
+// The service fails at random while recordings arrive. When the faults stop, a restart of the
+// agent (which resumes unfinished captures) leaves every capture done or in a state that the
+// retry batch takes up, with nothing lost; the retry batch then brings every one to "done".
+TEST(FaultInjection, ServiceFailingAtRandomLosesNothing)
+{
+    const unsigned seed = std::random_device{}();
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    CaptureAgentHarness agent(seed);
+    agent.setPace({.uploadMin = 0, .uploadMax = 0.3, .statusMin = 0, .statusMax = 0.1, .processingPolls = 1});
+    auto faults = std::make_shared<RandomFaults>(seed);
+    agent.setFault([faults](const Request& request) { return faults->play(request); });
+    agent.setPollInterval(1);
+    // Set before any capture exists, as it is on a machine where retry has been used.
+    CaptureRetry::retryWatermark();
+    agent.dropHistory(0);
+
+    ASSERT_TRUE(agent.startAndWait());
+    for (int i = 0; i < 3; ++i) {
+        agent.drop(10 + i);
+    }
+    pause(8);
+    for (int i = 0; i < 2; ++i) {
+        agent.drop(20 + i);
+    }
+    agent.dropSlowly(22, 2);
+    pause(14);
+    faults->on = false;
+    agent.waitForWriters();
+
+    agent.stop();
+    agent.start();
+    bool settled = test::eventually([&] { return everyNoteSettled(agent); }, 90);
+    EXPECT_EQ(agent.stop(), 0);
+    {
+        std::lock_guard guard(faults->lock);
+        std::string summary;
+        for (const auto& [kind, count] : faults->played) {
+            summary += " " + kind + "=" + std::to_string(count);
+        }
+        std::printf("[ faults   ] played:%s\n", summary.c_str());
+        EXPECT_GE(faults->played.size(), 6u) << "too few kinds of fault were played";
+    }
+    EXPECT_TRUE(settled) << agent.agentOutput();
+    expectDoneOrRetryable(agent);
+    agent.expectConsistent(false);
+
+    retryEverything(agent);
+    agent.expectConsistent(true);
+}
+
+// The vault's inbox becomes a file for a while, and later the whole vault becomes a file
+// (its notes' folder then lies under a file): even root cannot write there. Captures that
+// arrive meanwhile stay in the intake journal, captures being polled keep their notes'
+// status; one restart after the vault is back finishes them all.
+TEST(FaultInjection, VaultThatCannotBeWrittenForAWhileLosesNothing)
+{
+    CaptureAgentHarness agent(std::random_device{}());
+    agent.setPace({.uploadMin = 0.1, .uploadMax = 0.2, .processingPolls = 2});
+    agent.setPollInterval(1);
+    ASSERT_TRUE(agent.startAndWait());
+
+    // Two captures being polled when the inbox goes away.
+    auto first = agent.drop(0);
+    auto second = agent.drop(1);
+    ASSERT_TRUE(test::eventually(
+        [&] {
+            auto statuses = agent.statuses();
+            return statuses[first.id] == "processing" && statuses[second.id] == "processing";
+        },
+        30));
+    fs::rename(agent.inbox(), agent.vault() / "_inbox.away");
+    test::writeFile(agent.inbox(), "not a folder");
+    auto third = agent.drop(2);
+    auto fourth = agent.drop(3);
+    EXPECT_TRUE(test::eventually(
+        [&] {
+            return logHas(agent, "copyAudio failed for " + fourth.id) &&
+                   logHas(agent, "fetch transcript failed for " + first.id) &&
+                   logHas(agent, "fetch transcript failed for " + second.id);
+        },
+        30))
+        << agent.agentOutput();
+    EXPECT_TRUE(logHas(agent, "copyAudio failed for " + third.id));
+    fs::remove(agent.inbox());
+    fs::rename(agent.vault() / "_inbox.away", agent.inbox());
+
+    // Then the vault itself is a file.
+    fs::rename(agent.vault(), agent.home() / "vault.away");
+    test::writeFile(agent.vault(), "not a folder either");
+    auto fifth = agent.drop(4);
+    EXPECT_TRUE(test::eventually([&] { return logHas(agent, "copyAudio failed for " + fifth.id); }, 20));
+    fs::remove(agent.vault());
+    fs::rename(agent.home() / "vault.away", agent.vault());
+
+    agent.stop();
+    agent.start();
+    bool done = agent.waitUntilAllDone(60);
+    EXPECT_EQ(agent.stop(), 0);
+    EXPECT_TRUE(done) << agent.agentOutput();
+    EXPECT_EQ(logCount(agent, "was handed over but has no note yet; capturing it again"), 3);
+    agent.expectConsistent(true);
+}
+
+// The Voice Memos folder goes away (an unmounted or re-synced volume) and comes back, once as
+// the same folder holding recordings made meanwhile and once as a new empty folder that
+// fills later. Every recording is captured once.
+TEST(FaultInjection, WatchedFolderThatDisappearsAndComesBackLosesNothing)
+{
+    CaptureAgentHarness agent(std::random_device{}());
+    agent.setPace({.processingPolls = 0});
+    agent.setPollInterval(1);
+    agent.dropHistory(0);
+    ASSERT_TRUE(agent.startAndWait());
+    agent.drop(1);
+    ASSERT_TRUE(agent.waitUntilAllDone(30)) << agent.agentOutput();
+
+    auto away = agent.home() / "memos.away";
+    fs::rename(agent.memos(), away);
+    EXPECT_TRUE(test::eventually([&] { return logHas(agent, "access -> Voice Memos folder not found"); }, 10));
+    agent.dropInto(away, 2);
+    agent.dropInto(away, 3);
+    pause(1.5);
+    fs::rename(away, agent.memos());
+    ASSERT_TRUE(agent.waitUntilAllDone(40)) << agent.agentOutput();
+
+    fs::remove_all(agent.memos());
+    pause(1.5);
+    fs::create_directories(agent.memos());
+    pause(1.5);
+    agent.drop(4);
+    ASSERT_TRUE(agent.waitUntilAllDone(30)) << agent.agentOutput();
+    EXPECT_EQ(agent.stop(), 0);
+    EXPECT_GE(logCount(agent, "access -> Voice Memos folder not found"), 2);
+    agent.expectConsistent(true);
+}
+
+// The state file turns to garbage, and later into a folder, which no write can replace; the
+// intake journal turns to garbage too. The agent starts afresh each time: what is in the
+// folder then is history and is not captured again, and what arrives while it runs is
+// captured once.
+TEST(FaultInjection, StateFileThatCannotBeReadLosesNothing)
+{
+    CaptureAgentHarness agent(std::random_device{}());
+    agent.setPace({.processingPolls = 0});
+    agent.setPollInterval(1);
+    auto state = Paths::stateFile();
+    agent.dropHistory(0);
+    int next = 1;
+    auto captureOneMore = [&] {
+        ASSERT_TRUE(agent.startAndWait());
+        agent.drop(next++);
+        ASSERT_TRUE(agent.waitUntilAllDone(30)) << agent.agentOutput();
+        EXPECT_EQ(agent.stop(), 0);
+    };
+
+    captureOneMore();
+    test::writeFile(state, "{\"version\": 2, \"seenByFolder\": {\"voice-memos\": [");
+    test::writeFile(agent.stateFolder() / "intake.json", "\x01garbage");
+    captureOneMore();
+    EXPECT_EQ(logCount(agent, "initial index complete"), 2);
+
+    fs::remove(state);
+    fs::create_directories(state / "not-a-file");
+    captureOneMore();
+    captureOneMore();
+    EXPECT_TRUE(logHas(agent, "state persist failed")) << agent.agentOutput();
+    fs::remove_all(state);
+    captureOneMore();
+
+    agent.expectConsistent(true);
+}
+
+// Stalls past the time-outs, in the pipeline with short time-outs (the agent's own are a
+// minute for a request and fifteen for an upload): an upload that times out leaves
+// "upload_failed", a status that times out is waited out, a transcript that times out leaves
+// the note for the next resume, which finishes it.
+TEST(FaultInjection, StallsPastTheTimeOutsLeaveCapturesThatAreTakenUpAgain)
+{
+    test::ScratchHome home;
+    test::FakeVeldane fake;
+    test::FakeClock clock;
+    setenv("QUILLET_TOKEN_STORE", "file", 1);
+    ASSERT_TRUE(Keychain::setDeviceToken(std::string("tok_stall_0123456789abcdef")));
+    auto vault = home.path() / "vault";
+    auto recordings = home.path() / "Recordings";
+    test::writeFile(recordings / "20240131 142530.m4a", "audio");
+    VeldaneTimeouts timeouts;
+    timeouts.request = 1;
+    timeouts.upload = 1;
+    CapturePipeline pipeline(
+        CapturePipeline::Environment{
+            [&] { return vault; },
+            [] { return true; },
+            [] { return std::vector<WatchedFolder>{WatchedFolder::voiceMemos(true)}; },
+            [&] { return fake.baseURL(); },
+            {},
+            &clock,
+            timeouts,
+        },
+        nullptr);
+    const std::string id = "240131-142530";
+    auto stalled = [](std::string body) {
+        auto answer = Answer::json(std::move(body));
+        answer.delaySeconds = 3;
+        return answer;
+    };
+    fake.enqueue("POST", "sources", stalled(R"({"status":"queued","cache_key":"k1"})"));
+    fake.enqueue("POST", "sources", Answer::json(R"({"status":"queued","cache_key":"k1"})"));
+    fake.enqueue("GET", "sources/k1/status", stalled(R"({"status":{"transcription":{"status":"completed"}}})"));
+    fake.route("GET", "sources/k1/status", [](const Request&) {
+        return Answer::json(R"({"status":{"transcription":{"status":"completed"}}})");
+    });
+    fake.enqueue("GET", "sources/k1", stalled("{}"));
+    fake.route("GET", "sources/k1", [](const Request&) {
+        return Answer::json(R"({"success":true,"cache_key":"k1","result":{"text":"Stalled, then said."}})");
+    });
+
+    await(pipeline, pipeline.handle({recordings / "20240131 142530.m4a", id, clock.now(), "voice-memos"}));
+    auto note = InboxWriter::readFrontmatter(vault / "_inbox" / (id + ".md"));
+    EXPECT_EQ(note.vdJobStatus, "upload_failed");
+
+    await(pipeline, pipeline.resumeUnfinished());
+    note = InboxWriter::readFrontmatter(vault / "_inbox" / (id + ".md"));
+    EXPECT_EQ(note.vdJobStatus, "completed") << "the transcript's time-out leaves the note for the next resume";
+    EXPECT_EQ(test::countLogLines("status poll error for " + id), 1);
+    EXPECT_EQ(test::countLogLines("fetch transcript failed for " + id), 1);
+
+    await(pipeline, pipeline.resumeUnfinished());
+    note = InboxWriter::readFrontmatter(vault / "_inbox" / (id + ".md"));
+    EXPECT_EQ(note.vdJobStatus, "done");
+    EXPECT_EQ(InboxWriter::readBody(vault / "_inbox" / (id + ".md")), "Stalled, then said.");
+    EXPECT_EQ(test::readFile(vault / "_inbox/.audio" / (id + ".m4a")), "audio");
+}
+
+} // namespace
+} // namespace quillet
