@@ -19,9 +19,9 @@ const std::vector<Command>& commandTable()
 {
     static const std::vector<Command> table = {
         {{"setup"}, [] { cmdSetup(args); }},
-        {{"import-existing"}, notYet},
-        {{"retry"}, notYet},
-        {{"sync"}, notYet},
+        {{"import-existing"}, [] { cmdImportExisting(args); }},
+        {{"retry"}, [] { cmdRetry(); }},
+        {{"sync"}, [] { cmdSync(); }},
         {{"pair"}, [] { cmdPair(); }},
         {{"install"}, cmdInstall},
         {{"uninstall"}, cmdUninstall},

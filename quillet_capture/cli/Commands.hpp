@@ -1,6 +1,8 @@
 #pragma once
 
+#include <chrono>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -54,5 +56,28 @@ std::string inboxSummary();
 /// Prints a warning on standard output when uploading is switched on but no device token is
 /// readable. Never stops the command. Main thread.
 void requirePairedForUpload();
+
+/// `retry`: uploads again, with the agent stopped, the captures whose upload was skipped or
+/// failed, printing each; exits 0 whatever the uploads' outcome. Ends through `fail` without
+/// settings or token. Never returns.
+[[noreturn]] void cmdRetry();
+
+/// `import-existing [--since YYYY-MM-DD]`: with the agent stopped, queues the recordings
+/// already in Voice Memos (from that day on) for the agent to capture. `arguments` is the
+/// whole command line. Exits 1 when the folder cannot be read. Never returns.
+[[noreturn]] void cmdImportExisting(const std::vector<std::string>& arguments);
+
+/// `sync`: brings the transcripts of the Veldane library that the vault lacks into its inbox,
+/// printing progress; runs as a task while the main thread runs the main loop. Exits 1 when
+/// the library cannot be listed or any item failed. Never returns.
+[[noreturn]] void cmdSync();
+
+/// The value of "--since" in `arguments` as local midnight of that day; absent without the
+/// option (or without its value). Ends the process through `fail` when it is not a date.
+std::optional<std::chrono::system_clock::time_point> parseSince(const std::vector<std::string>& arguments);
+
+/// Local midnight (current time zone) of the day written "yyyy-MM-dd" (month and day may have
+/// one digit); absent when the text is not such a day.
+std::optional<std::chrono::system_clock::time_point> parseLocalDay(const std::string& text);
 
 } // namespace quillet

@@ -44,7 +44,8 @@ std::string randomSuffix()
 
 } // namespace
 
-void writeFileAtomically(const std::filesystem::path& file, std::string_view contents, mode_t mode)
+void writeFileAtomically(const std::filesystem::path& file, std::string_view contents, mode_t mode,
+                         Durability durability)
 {
     auto folder = file.parent_path();
     if (folder.empty()) {
@@ -77,15 +78,26 @@ void writeFileAtomically(const std::filesystem::path& file, std::string_view con
         data += written;
         left -= static_cast<size_t>(written);
     }
-    if (flushToDisk(fd) != 0) {
+    if (durability == Durability::flushed && flushToDisk(fd) != 0) {
         fail("cannot flush " + temp.string());
     }
+#if defined(F_FULLFSYNC)
+    // On macOS a plain fsync only hands the data to the drive, which is cheap; the one full
+    // flush of flushFileSystem then reaches the disk for all files at once. Without it, the
+    // drive could write the rename before the data.
+    if (durability == Durability::deferred && ::fsync(fd) != 0) {
+        fail("cannot flush " + temp.string());
+    }
+#endif
     // Renamed while still open, so that its lock keeps a sweep of leftovers away until the
     // name is final; the data is on the disk already, so closing has nothing left to report.
     if (::rename(temp.c_str(), file.c_str()) != 0) {
         fail("cannot replace " + file.string());
     }
     ::close(fd);
+    if (durability == Durability::deferred) {
+        return;
+    }
     // Without flushing the folder, a power cut can lose the rename and leave the old file
     // (or none).
     int dir = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
@@ -93,6 +105,29 @@ void writeFileAtomically(const std::filesystem::path& file, std::string_view con
         flushToDisk(dir);
         ::close(dir);
     }
+}
+
+void flushFileSystem(const std::filesystem::path& folder)
+{
+    int dir = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (dir < 0) {
+        throwErrno("cannot open " + folder.string());
+    }
+#if defined(F_FULLFSYNC)
+    // The files' data is with the drive already (see writeFileAtomically); a full flush of any
+    // file empties the drive's cache, and this one also carries the folder's renames.
+    int result = flushToDisk(dir);
+#else
+    // One flush of the whole file system: its journal commits once for every file written.
+    int result = ::syncfs(dir);
+#endif
+    if (result != 0) {
+        int saved = errno;
+        ::close(dir);
+        errno = saved;
+        throwErrno("cannot flush " + folder.string());
+    }
+    ::close(dir);
 }
 
 std::optional<std::string> readWholeFile(const std::filesystem::path& file)

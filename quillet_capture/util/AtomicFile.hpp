@@ -9,11 +9,29 @@
 
 namespace quillet {
 
+/// When the bytes of writeFileAtomically reach the disk.
+enum class Durability {
+    /// Before the call returns: the new file survives a power cut from then on.
+    flushed,
+    /// Later, at the caller's flushFileSystem: readers and a crash of the process still see
+    /// the old or the new file whole, but a power cut before the flush may leave the new name
+    /// with an empty file. For many files that can be written again, where a flush per file
+    /// would cost more than the work itself.
+    deferred,
+};
+
 /// Replaces `file` with `contents` so that a reader or a crash sees either the old or the new
 /// file whole, never a mix or an empty file: write a temporary file beside it, flush it to the
-/// disk, rename it over `file`, then flush the folder. The new file gets `mode`. Throws
-/// std::system_error when any step fails; the temporary file is removed then.
-void writeFileAtomically(const std::filesystem::path& file, std::string_view contents, mode_t mode = 0644);
+/// disk, rename it over `file`, then flush the folder (with `Durability::deferred`, the flushes
+/// are left to flushFileSystem). The new file gets `mode`. Throws std::system_error when any
+/// step fails; the temporary file is removed then.
+void writeFileAtomically(const std::filesystem::path& file, std::string_view contents, mode_t mode = 0644,
+                         Durability durability = Durability::flushed);
+
+/// Makes everything written with `Durability::deferred` into `folder` durable, in one flush of
+/// the file system that holds it. Throws std::system_error when the folder cannot be opened or
+/// flushed.
+void flushFileSystem(const std::filesystem::path& folder);
 
 /// The whole contents of `file`, or nothing when it cannot be read (missing, a folder, no
 /// permission).

@@ -1,0 +1,264 @@
+#include "quillet_capture/cli/Commands.hpp"
+
+#include "quillet_capture/capture/CaptureImport.hpp"
+#include "quillet_capture/cli/Console.hpp"
+#include "quillet_capture/config/Keychain.hpp"
+#include "quillet_capture/config/Settings.hpp"
+#include "quillet_capture/pipeline/CapturePipeline.hpp"
+#include "quillet_capture/pipeline/CaptureRetry.hpp"
+#include "quillet_capture/runtime/MainLoop.hpp"
+#include "quillet_capture/runtime/Tasks.hpp"
+#include "quillet_capture/service/BackfillSync.hpp"
+#include "quillet_capture/service/VeldaneClient.hpp"
+#include "quillet_capture/vault/InboxWriter.hpp"
+
+#include <asio/executor_work_guard.hpp>
+
+#include <chrono>
+#include <cstdio>
+#include <ctime>
+#include <memory>
+#include <regex>
+
+namespace quillet {
+
+namespace {
+
+constexpr const char* kNoToken =
+    "No device token readable here. Run pair first (over SSH the keychain is locked: run this in Terminal on the Mac).";
+
+void requireSetup()
+{
+    if (Settings::shared().isFirstRun()) {
+        fail("Run setup first.");
+    }
+}
+
+void requireToken()
+{
+    if (!Keychain::hasCredentials()) {
+        fail(kNoToken);
+    }
+}
+
+// "2026-03-14 08:26:53 +0000": how a time stamp prints by default, in UTC.
+std::string defaultText(std::chrono::system_clock::time_point time)
+{
+    std::time_t seconds = std::chrono::system_clock::to_time_t(time);
+    std::tm utc{};
+    gmtime_r(&seconds, &utc);
+    char text[64];
+    std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S +0000", &utc);
+    return text;
+}
+
+std::string plural(int count, const std::string& word)
+{
+    return std::to_string(count) + " " + word + (count == 1 ? "" : "s");
+}
+
+// The retry's task: runs the retry, then tells the main loop that it is over. Everything it
+// uses comes in as parameters: the coroutine outlives this call's temporaries.
+asio::awaitable<void> retryTask(CaptureRetry* retry, std::function<void(const CaptureRetry::Progress&)> printer,
+                                bool* over)
+{
+    try {
+        co_await retry->run(std::move(printer));
+    } catch (const std::exception& error) {
+        std::string text = error.what();
+        runtime::onMain([text] { out(text); });
+    }
+    // Posted after every progress report, so the main loop prints them all before it sees
+    // the end.
+    runtime::onMain([over] { *over = true; });
+}
+
+void printRetryProgress(const CaptureRetry::Progress& progress)
+{
+    using Kind = CaptureRetry::Progress::Kind;
+    switch (progress.kind) {
+    case Kind::scanning:
+        break;
+    case Kind::uploading:
+        out("  " + std::to_string(progress.index) + "/" + std::to_string(progress.total) + "  " + progress.id);
+        break;
+    case Kind::finished: {
+        int skipped = std::max(0, progress.total - progress.succeeded - progress.failedCount);
+        out("Uploaded " + std::to_string(progress.succeeded) + ", skipped " + std::to_string(skipped) + ", failed " +
+            std::to_string(progress.failedCount) + ".");
+        break;
+    }
+    case Kind::failed:
+        // The retry reports which capture failed; why is in the log.
+        out("  upload failed: " + progress.id);
+        break;
+    }
+    std::fflush(stdout);
+}
+
+// The sync's task: runs the backfill; the printer ends the process. A run never throws, but
+// if it did the process must not wait for ever.
+asio::awaitable<void> syncTask(std::shared_ptr<BackfillSync> sync,
+                               std::function<void(const BackfillSync::Progress&)> printer)
+{
+    std::optional<std::string> escaped;
+    try {
+        co_await sync->run(std::move(printer));
+    } catch (const std::exception& error) {
+        escaped = error.what();
+    }
+    if (escaped) {
+        std::string text = *escaped;
+        runtime::onMain([text] { fail("Sync failed: " + text); });
+    }
+}
+
+} // namespace
+
+std::optional<std::chrono::system_clock::time_point> parseSince(const std::vector<std::string>& arguments)
+{
+    auto value = option("--since", arguments);
+    if (!value) {
+        return std::nullopt;
+    }
+    auto day = parseLocalDay(*value);
+    if (!day) {
+        fail("--since wants a date like 2026-09-01");
+    }
+    return day;
+}
+
+std::optional<std::chrono::system_clock::time_point> parseLocalDay(const std::string& text)
+{
+    static const std::regex pattern(R"(^(\d{1,4})-(\d{1,2})-(\d{1,2})$)");
+    std::smatch match;
+    if (!std::regex_match(text, match, pattern)) {
+        return std::nullopt;
+    }
+    int year = std::stoi(match[1]);
+    int month = std::stoi(match[2]);
+    int day = std::stoi(match[3]);
+    if (month < 1 || month > 12 || day < 1 || day > 31) {
+        return std::nullopt;
+    }
+    tzset();
+    std::tm wanted{};
+    wanted.tm_year = year - 1900;
+    wanted.tm_mon = month - 1;
+    wanted.tm_mday = day;
+    wanted.tm_isdst = -1;
+    std::tm probe = wanted;
+    std::time_t seconds = std::mktime(&probe);
+    // mktime moves 31 April to 1 May; such a day does not exist.
+    if (probe.tm_year != wanted.tm_year || probe.tm_mon != wanted.tm_mon || probe.tm_mday != wanted.tm_mday) {
+        return std::nullopt;
+    }
+    return std::chrono::system_clock::from_time_t(seconds);
+}
+
+void cmdRetry()
+{
+    requireSetup();
+    requireToken();
+
+    auto pending = CaptureRetry::pendingIds();
+    if (pending.empty()) {
+        out("Nothing to upload: every capture since " + defaultText(CaptureRetry::retryWatermark()) +
+            " is transcribed or in progress.");
+        runtime::exitProcess(0);
+    }
+    out("Uploading " + plural(static_cast<int>(pending.size()), "capture") + "...");
+    std::fflush(stdout);
+
+    withAgentStopped([] {
+        CaptureRetry retry(CapturePipeline::shared(), [] { return Settings::shared().inboxURL(); });
+        bool over = false;
+        runtime::spawn(retryTask(&retry, printRetryProgress, &over), "retry");
+        // The main loop turns in short slices while the task runs, so that the progress
+        // reports, which arrive on it, are printed as they come.
+        auto& loop = runtime::mainContext();
+        auto keepTurning = asio::make_work_guard(loop);
+        while (!over) {
+            loop.restart();
+            loop.run_one_for(std::chrono::milliseconds(200));
+        }
+    });
+    out("The capture agent polls them to their transcripts. Follow progress with: quillet-capture status");
+    runtime::exitProcess(0);
+}
+
+void cmdImportExisting(const std::vector<std::string>& arguments)
+{
+    requireSetup();
+    auto since = parseSince(arguments);
+
+    std::optional<CaptureImport::Result> result;
+    withAgentStopped([&result, &since] {
+        try {
+            result = CaptureImport::queueExisting(since);
+        } catch (const CaptureImport::Failure& failure) {
+            out("Cannot read " + failure.path() + ": " + failure.reason() +
+                ". If it says permission, grant Full Disk Access to this Terminal (to run this command) and to "
+                "quillet-capture (for the agent).");
+        } catch (const std::exception& error) {
+            out(error.what());
+        }
+    });
+    if (!result) {
+        runtime::exitProcess(1);
+    }
+    if (result->picked < 1) {
+        out("No recordings to send in " + result->folderPath + ".");
+    } else {
+        out("Queued " + plural(result->picked, "recording") + " from " + result->folderPath + ".");
+        requirePairedForUpload();
+        out("The capture agent picks them up within about 30 seconds and uploads them one at a time.");
+        out("Follow progress with: quillet-capture status");
+    }
+    runtime::exitProcess(0);
+}
+
+void cmdSync()
+{
+    requireSetup();
+    requireToken();
+
+    auto& settings = Settings::shared();
+    auto sync = std::make_shared<BackfillSync>(VeldaneClient(settings.veldaneBaseURL()),
+                                               InboxWriter(settings.vaultURL()));
+    std::string inbox = sync->inboxWriter().inboxDirectory().string();
+    auto lastPrinted = std::make_shared<int>(-1);
+    auto printer = [inbox, lastPrinted](const BackfillSync::Progress& progress) {
+        using Kind = BackfillSync::Progress::Kind;
+        switch (progress.kind) {
+        case Kind::listing:
+            out("Listing your Veldane library...");
+            break;
+        case Kind::syncing:
+            if (progress.total <= 0) {
+                break;
+            }
+            if (progress.done == 0 && *lastPrinted == -1) {
+                out(std::to_string(progress.total) + " to bring down.");
+            }
+            if (progress.done == progress.total || progress.done / 10 != *lastPrinted / 10) {
+                out("  " + std::to_string(progress.done) + "/" + std::to_string(progress.total));
+                *lastPrinted = progress.done;
+            }
+            break;
+        case Kind::finished:
+            out("Done: " + std::to_string(progress.written) + " written to " + inbox + ", " +
+                std::to_string(progress.alreadyThere) + " already there, " + std::to_string(progress.failed) +
+                " failed.");
+            runtime::exitProcess(progress.failed > 0 ? 1 : 0);
+        case Kind::failed:
+            out("Sync failed: " + progress.text);
+            runtime::exitProcess(1);
+        }
+        std::fflush(stdout);
+    };
+    runtime::spawn(syncTask(sync, printer), "sync");
+    runtime::runMainLoop();
+}
+
+} // namespace quillet

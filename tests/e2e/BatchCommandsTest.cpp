@@ -1,0 +1,583 @@
+#include "quillet_capture/cli/Commands.hpp"
+#include "quillet_capture/config/Keychain.hpp"
+#include "quillet_capture/pipeline/CapturePipeline.hpp"
+#include "quillet_capture/pipeline/CaptureRetry.hpp"
+#include "quillet_capture/pipeline/CaptureStateStore.hpp"
+#include "quillet_capture/platform/Paths.hpp"
+#include "quillet_capture/platform/UserDefaults.hpp"
+#include "quillet_capture/runtime/MainLoop.hpp"
+#include "quillet_capture/runtime/Tasks.hpp"
+#include "quillet_capture/vault/InboxWriter.hpp"
+
+#include "tests/support/FakeClock.hpp"
+#include "tests/support/FakeVeldane.hpp"
+#include "tests/support/LogLines.hpp"
+#include "tests/support/Scratch.hpp"
+#include "tests/support/SettingsFile.hpp"
+
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+
+#include <future>
+#include <sstream>
+#include <thread>
+
+namespace quillet {
+namespace {
+
+namespace fs = std::filesystem;
+using test::FakeVeldane;
+using Answer = FakeVeldane::Answer;
+using nlohmann::json;
+using Lines = std::vector<std::string>;
+using TimePoint = std::chrono::system_clock::time_point;
+
+constexpr const char* kToken = "tok_batch_0123456789";
+constexpr const char* kNoToken =
+    "No device token readable here. Run pair first (over SSH the keychain is locked: run this in Terminal on the "
+    "Mac).\n";
+
+Lines splitLines(const std::string& text)
+{
+    Lines lines;
+    std::istringstream stream(text);
+    for (std::string line; std::getline(stream, line);) {
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+TimePoint at(std::int64_t seconds)
+{
+    return TimePoint(std::chrono::seconds(seconds));
+}
+
+// The batch commands run as a user would: the built program, a scratch home whose settings
+// point at a vault and at the fake service, a token in the credentials file, and a fake
+// `systemctl` first in PATH that records its calls (every call succeeds, so the agent counts
+// as loaded).
+struct BatchCommandsTest : ::testing::Test {
+    test::ScratchHome home;
+    test::ScratchDir bin;
+    FakeVeldane fake;
+    fs::path vault = home.path() / "vault";
+    fs::path inbox = vault / "_inbox";
+    fs::path unit = home.path() / ".config/systemd/user/se.Brannick.quillet.capture.service";
+    std::string unitName = "se.Brannick.quillet.capture.service";
+    fs::path voiceMemos = Paths::voiceMemosCandidates().front();
+
+    BatchCommandsTest()
+    {
+        test::writeFile(bin.path() / "systemctl", "#!/bin/sh\n"
+                                                  "printf '%s\\n' \"$*\" >> \"$(dirname \"$0\")/calls\"\n");
+        fs::permissions(bin.path() / "systemctl", fs::perms::owner_all);
+        test::writeSettings([this](AppSettings& s) {
+            s.vaultPath = vault.string();
+            s.veldaneBaseURL = fake.baseURL();
+            s.captureVeldaneEnabled = true;
+        });
+        setenv("QUILLET_TOKEN_STORE", "file", 1);
+        EXPECT_TRUE(Keychain::setDeviceToken(std::string(kToken)));
+    }
+
+    // The agent manager is the systemd one only on Linux; elsewhere these commands would talk
+    // to the real launchd.
+    bool agentIsFake() const { return Paths::current() == Platform::linux; }
+
+    test::ProcessResult run(const Lines& arguments, double timeoutSeconds = 60)
+    {
+        const char* system = std::getenv("PATH");
+        return test::runProcess(test::programPath(), arguments,
+                                {{"PATH", bin.path().string() + ":" + (system ? system : "/usr/bin:/bin")},
+                                 {"QUILLET_TOKEN_STORE", "file"},
+                                 {"TZ", "UTC"}},
+                                timeoutSeconds);
+    }
+
+    Lines calls() const { return test::readLines(bin.path() / "calls"); }
+
+    Lines stoppedAndRestarted() const
+    {
+        return {"--user is-active --quiet " + unitName, "--user disable --now " + unitName, "--user daemon-reload",
+                "--user enable --now " + unitName};
+    }
+
+    void install() { test::writeFile(unit, "[Service]\n"); }
+
+    void recordings(const Lines& names)
+    {
+        for (const auto& name : names) {
+            test::writeFile(voiceMemos / name, "audio of " + name);
+        }
+    }
+
+    // A capture in the vault with its audio copy, in the job status `status`.
+    void capture(const std::string& id, const std::string& status, bool withAudio = true)
+    {
+        InboxWriter writer(vault);
+        auto note = InboxWriter::Frontmatter::forCapture(id, std::chrono::system_clock::now());
+        note.vdJobStatus = status;
+        writer.writeStub(note);
+        if (withAudio) {
+            test::writeFile(writer.audioURL(id), "audio of " + id);
+        }
+    }
+
+    static const std::string& notInstalled()
+    {
+        static const std::string line = "The capture agent is not installed. Run: quillet-capture install\n";
+        return line;
+    }
+};
+
+// import-existing
+
+TEST_F(BatchCommandsTest, ImportSinceADayQueuesThoseRecordingsWithTheAgentStopped)
+{
+    if (!agentIsFake()) {
+        GTEST_SKIP() << "the agent manager is faked only on Linux";
+    }
+    install();
+    recordings({"20240131 235959.m4a", "20240201 000000.m4a", "20240305 101500-AB12.m4a", "Interview.m4a"});
+    {
+        CaptureStateStore store(Paths::stateFile(), Paths::legacyWatcherFile());
+        store.markIndexed({{"20240131 235959.m4a", "240131-235959"},
+                           {"20240201 000000.m4a", "240201-000000"},
+                           {"Interview.m4a", ""}});
+    }
+
+    auto result = run({"import-existing", "--since", "2024-02-01"});
+    EXPECT_EQ(result.status, 0) << result.errors;
+    EXPECT_EQ(result.output, "Queued 2 recordings from " + voiceMemos.string() +
+                                 ".\n"
+                                 "The capture agent picks them up within about 30 seconds and uploads them one at a "
+                                 "time.\n"
+                                 "Follow progress with: quillet-capture status\n");
+    EXPECT_EQ(calls(), stoppedAndRestarted());
+
+    CaptureStateStore store(Paths::stateFile(), Paths::legacyWatcherFile());
+    EXPECT_TRUE(store.hasSeen("20240131 235959.m4a"));
+    EXPECT_FALSE(store.hasSeen("20240201 000000.m4a"));
+    EXPECT_TRUE(store.hasSeen("Interview.m4a"));
+    EXPECT_TRUE(store.hasSeen(CaptureStateStore::indexedMarker));
+    EXPECT_EQ(test::countLogLines("[quillet] capture import: 2 recordings from " + voiceMemos.string() +
+                                  " queued (1 were marked seen)"),
+              1);
+}
+
+TEST_F(BatchCommandsTest, ImportWithoutADateTakesEverythingAndWarnsWhenNotPaired)
+{
+    if (!agentIsFake()) {
+        GTEST_SKIP() << "the agent manager is faked only on Linux";
+    }
+    recordings({"20240131 235959.m4a", "Interview.m4a"});
+    ASSERT_TRUE(Keychain::setDeviceToken(std::nullopt));
+
+    // "--since" without a value sets no limit.
+    auto result = run({"import-existing", "--since"});
+    EXPECT_EQ(result.status, 0) << result.errors;
+    EXPECT_EQ(result.output, notInstalled() + "Queued 2 recordings from " + voiceMemos.string() +
+                                 ".\n"
+                                 "No device token readable here: either this Mac is not paired (run pair first), or "
+                                 "the keychain is locked because this runs over SSH (the agent can still read it).\n"
+                                 "The capture agent picks them up within about 30 seconds and uploads them one at a "
+                                 "time.\n"
+                                 "Follow progress with: quillet-capture status\n");
+    // Not installed: stopped when loaded, and not started again.
+    EXPECT_EQ(calls(), (Lines{"--user is-active --quiet " + unitName, "--user disable --now " + unitName}));
+
+    // One recording: singular. Nothing from that day on: said so, still status 0.
+    fs::remove(voiceMemos / "Interview.m4a");
+    EXPECT_EQ(splitLines(run({"import-existing"}).output)[1],
+              "Queued 1 recording from " + voiceMemos.string() + ".");
+    result = run({"import-existing", "--since", "2025-01-01"});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.output, notInstalled() + "No recordings to send in " + voiceMemos.string() + ".\n");
+}
+
+TEST_F(BatchCommandsTest, ImportRefusesBadInputBeforeTouchingTheAgent)
+{
+    if (!agentIsFake()) {
+        GTEST_SKIP() << "the agent manager is faked only on Linux";
+    }
+    install();
+    recordings({"20240131 235959.m4a"});
+    for (const char* since : {"2026-13-40", "yesterday", "2026-02-30"}) {
+        auto result = run({"import-existing", "--since", since});
+        EXPECT_EQ(result.status, 1) << since;
+        EXPECT_EQ(result.output, "");
+        EXPECT_EQ(result.errors, "--since wants a date like 2026-09-01\n");
+    }
+    EXPECT_TRUE(calls().empty());
+
+    fs::remove(Paths::settingsFile());
+    auto result = run({"import-existing"});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.errors, "Run setup first.\n");
+    EXPECT_TRUE(calls().empty());
+}
+
+TEST_F(BatchCommandsTest, ImportFromAMissingFolderExplainsAndRestartsTheAgent)
+{
+    if (!agentIsFake()) {
+        GTEST_SKIP() << "the agent manager is faked only on Linux";
+    }
+    install();
+    auto result = run({"import-existing"});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.output, "Cannot read " + voiceMemos.string() +
+                                 ": No such file or directory. If it says permission, grant Full Disk Access to this "
+                                 "Terminal (to run this command) and to quillet-capture (for the agent).\n");
+    EXPECT_EQ(calls(), stoppedAndRestarted());
+    EXPECT_EQ(test::countLogLines("capture import:"), 0);
+}
+
+// retry
+
+TEST_F(BatchCommandsTest, RetryWithNothingPendingNamesTheWatermarkAndLeavesTheAgentAlone)
+{
+    UserDefaults::setDate(CaptureRetry::watermarkKey, at(1773476813));  // 2026-03-14 08:26:53 UTC
+    capture("261101-090000", "done");
+    capture("261101-100000", "upload_failed", /*withAudio=*/false);
+    auto result = run({"retry"});
+    EXPECT_EQ(result.status, 0) << result.errors;
+    EXPECT_EQ(result.output,
+              "Nothing to upload: every capture since 2026-03-14 08:26:53 +0000 is transcribed or in progress.\n");
+    EXPECT_TRUE(calls().empty());
+    EXPECT_TRUE(fake.requests().empty());
+}
+
+TEST_F(BatchCommandsTest, RetryUploadsOnePendingCapture)
+{
+    if (!agentIsFake()) {
+        GTEST_SKIP() << "the agent manager is faked only on Linux";
+    }
+    UserDefaults::setDate(CaptureRetry::watermarkKey, at(1577836800));
+    capture("261101-090000", "upload_failed");
+    capture("261101-100000", "done");
+    fake.enqueue("POST", "sources", Answer::json(R"({"status":"ok","cache_key":"ck-1"})"));
+
+    auto result = run({"retry"});
+    EXPECT_EQ(result.status, 0) << result.errors;
+    EXPECT_EQ(result.output, "Uploading 1 capture...\n"
+                             "  1/1  261101-090000\n"
+                             "Uploaded 1, skipped 0, failed 0.\n" +
+                                 notInstalled() +
+                                 "The capture agent polls them to their transcripts. Follow progress with: "
+                                 "quillet-capture status\n");
+    EXPECT_EQ(calls(), (Lines{"--user is-active --quiet " + unitName, "--user disable --now " + unitName}));
+    EXPECT_EQ(fake.requests("POST", "sources").size(), 1u);
+    auto note = InboxWriter::readFrontmatter(inbox / "261101-090000.md");
+    EXPECT_EQ(note.externalId, "ck-1");
+}
+
+TEST_F(BatchCommandsTest, RetryGoesThroughThreeCapturesOneAtATimeAndReportsAFailure)
+{
+    if (!agentIsFake()) {
+        GTEST_SKIP() << "the agent manager is faked only on Linux";
+    }
+    install();
+    UserDefaults::setDate(CaptureRetry::watermarkKey, at(1577836800));
+    capture("261101-090000", "skipped");
+    capture("261101-100000", "poll_timeout");
+    capture("261101-110000", "queued");
+    fake.enqueue("POST", "sources", Answer::json(R"({"status":"ok","cache_key":"ck-1"})"));
+    fake.enqueue("POST", "sources", Answer::json("storage full", 507));
+    fake.enqueue("POST", "sources", Answer::json(R"({"status":"ok","cache_key":"ck-3"})"));
+
+    auto result = run({"retry"}, 120);
+    EXPECT_EQ(result.status, 0) << result.errors;
+    auto lines = splitLines(result.output);
+    ASSERT_EQ(lines.size(), 7u) << result.output;
+    EXPECT_EQ(lines[0], "Uploading 3 captures...");
+    // Captures go in the order of the inbox listing, which the file system decides.
+    std::set<std::string> ids;
+    std::string second;
+    for (int position = 1; position <= 3; ++position) {
+        std::string line = lines[static_cast<size_t>(position < 3 ? position : position + 1)];
+        std::string prefix = "  " + std::to_string(position) + "/3  ";
+        ASSERT_TRUE(line.starts_with(prefix)) << line;
+        ids.insert(line.substr(prefix.size()));
+        if (position == 2) {
+            second = line.substr(prefix.size());
+        }
+    }
+    EXPECT_EQ(ids, (std::set<std::string>{"261101-090000", "261101-100000", "261101-110000"}));
+    EXPECT_EQ(lines[3], "  upload failed: " + second);
+    EXPECT_EQ(lines[5], "Uploaded 2, skipped 0, failed 1.");
+    EXPECT_EQ(lines[6], "The capture agent polls them to their transcripts. Follow progress with: quillet-capture "
+                        "status");
+    EXPECT_EQ(calls(), stoppedAndRestarted());
+
+    auto uploads = fake.requests("POST", "sources");
+    ASSERT_EQ(uploads.size(), 3u);
+    for (size_t i = 1; i < uploads.size(); ++i) {
+        EXPECT_GE(std::chrono::duration<double>(uploads[i].arrived - uploads[i - 1].arrived).count(), 1.9);
+    }
+    EXPECT_EQ(InboxWriter::readFrontmatter(inbox / (second + ".md")).vdJobStatus, "upload_failed");
+}
+
+TEST_F(BatchCommandsTest, RetryAndSyncNeedSetupAndAToken)
+{
+    for (const char* command : {"retry", "sync"}) {
+        ASSERT_TRUE(Keychain::setDeviceToken(std::nullopt));
+        auto result = run({command});
+        EXPECT_EQ(result.status, 1) << command;
+        EXPECT_EQ(result.output, "");
+        EXPECT_EQ(result.errors, kNoToken);
+
+        fs::remove(Paths::settingsFile());
+        result = run({command});
+        EXPECT_EQ(result.status, 1);
+        EXPECT_EQ(result.errors, "Run setup first.\n");
+        test::writeSettings([this](AppSettings& s) {
+            s.vaultPath = vault.string();
+            s.veldaneBaseURL = fake.baseURL();
+        });
+    }
+    EXPECT_TRUE(calls().empty());
+    EXPECT_TRUE(fake.requests().empty());
+}
+
+// sync
+
+struct SyncCommandTest : BatchCommandsTest {
+    json library = json::array();
+    std::set<std::string> failing;
+
+    SyncCommandTest()
+    {
+        fake.route("GET", "sources", [this](const FakeVeldane::Request& request) {
+            // Pages of ten.
+            std::size_t page = request.queryItem("before") ? std::stoul(*request.queryItem("before")) : 0;
+            json files = json::array();
+            for (std::size_t i = page * 10; i < library.size() && i < page * 10 + 10; ++i) {
+                files.push_back(library[i]);
+            }
+            bool more = (page + 1) * 10 < library.size();
+            json body = {{"files", files}, {"count", files.size()}, {"has_more", more}};
+            if (more) {
+                body["next_cursor"] = std::to_string(page + 1);
+            }
+            return Answer::json(body.dump());
+        });
+        fake.fallback([this](const FakeVeldane::Request& request) {
+            std::string key = request.endpoint.substr(std::string("sources/").size());
+            if (failing.contains(key)) {
+                return Answer::json("boom", 500);
+            }
+            return Answer::json(
+                json{{"success", true}, {"cache_key", key}, {"result", {{"text", "Transcript of " + key}}}}.dump());
+        });
+    }
+
+    void add(int count, bool deleted = false)
+    {
+        for (int i = 0; i < count; ++i) {
+            int n = static_cast<int>(library.size());
+            library.push_back({{"cache_key", "src-" + std::to_string(n)},
+                               {"created_at", 1714555800.0 + 3600.0 * n},
+                               {"is_deleted", deleted}});
+        }
+    }
+
+    Lines fetched() const
+    {
+        Lines keys;
+        for (const auto& request : fake.requests()) {
+            if (request.endpoint.starts_with("sources/")) {
+                keys.push_back(request.endpoint.substr(8));
+            }
+        }
+        return keys;
+    }
+
+    std::size_t noteCount() const
+    {
+        std::size_t count = 0;
+        for (const auto& entry : fs::directory_iterator(inbox)) {
+            count += entry.path().extension() == ".md";
+        }
+        return count;
+    }
+};
+
+TEST_F(SyncCommandTest, BringsDownTwentyFiveItemsOnceAndNeverFetchesDeletedOnes)
+{
+    add(25);
+    add(2, /*deleted=*/true);
+    // A note without frontmatter sits in the inbox already.
+    test::writeFile(inbox / "README.md", "Notes from the library land here.\n");
+
+    auto result = run({"sync"});
+    EXPECT_EQ(result.status, 0) << result.errors;
+    EXPECT_EQ(result.output, "Listing your Veldane library...\n"
+                             "25 to bring down.\n"
+                             "  10/25\n"
+                             "  20/25\n"
+                             "  25/25\n"
+                             "Done: 25 written to " +
+                                 inbox.string() + ", 0 already there, 0 failed.\n");
+    auto keys = fetched();
+    EXPECT_EQ(keys.size(), 25u);
+    EXPECT_EQ(std::count(keys.begin(), keys.end(), "src-25") + std::count(keys.begin(), keys.end(), "src-26"), 0);
+    EXPECT_EQ(noteCount(), 26u);
+    EXPECT_EQ(InboxWriter::readFrontmatter(inbox / "240501-093000.md").externalId, "src-0");
+    EXPECT_EQ(InboxWriter::readFrontmatter(inbox / "240502-093000.md").externalId, "src-24");
+    EXPECT_EQ(test::countLogLines("[quillet] BackfillSync: total_remote=27 already_local=0 to_fetch=25"), 1);
+    // The agent keeps running through a sync.
+    EXPECT_TRUE(calls().empty());
+
+    fake.reset();
+    result = run({"sync"});
+    EXPECT_EQ(result.status, 0) << result.errors;
+    EXPECT_EQ(result.output, "Listing your Veldane library...\n"
+                             "Done: 0 written to " +
+                                 inbox.string() + ", 25 already there, 0 failed.\n");
+    EXPECT_TRUE(fetched().empty());
+    EXPECT_EQ(noteCount(), 26u);
+}
+
+TEST_F(SyncCommandTest, FailedItemsEndWithStatusOneAfterTheDoneLine)
+{
+    add(3);
+    failing = {"src-1"};
+    auto result = run({"sync"});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.output, "Listing your Veldane library...\n"
+                             "3 to bring down.\n"
+                             "  3/3\n"
+                             "Done: 2 written to " +
+                                 inbox.string() + ", 0 already there, 1 failed.\n");
+    EXPECT_EQ(fetched(), (Lines{"src-0", "src-1", "src-2"}));
+    EXPECT_EQ(test::countLogLines("[quillet] BackfillSync: failed cache_key=src-1 err=VD request failed (500): boom"),
+              1);
+}
+
+TEST_F(SyncCommandTest, AListingThatFailsHalfWayWritesNothing)
+{
+    add(25);
+    fake.enqueue("GET", "sources",
+                 Answer::json(json{{"files", json::array({library[0]})}, {"has_more", true}, {"count", 1},
+                                   {"next_cursor", "1"}}
+                                  .dump()));
+    fake.enqueue("GET", "sources", Answer::json(R"({"detail":"try later"})", 503));
+    auto result = run({"sync"});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.output, "Listing your Veldane library...\n"
+                             "Sync failed: VD request failed (503): {\"detail\":\"try later\"}\n");
+    EXPECT_TRUE(fetched().empty());
+    EXPECT_FALSE(fs::exists(inbox / "240501-093000.md"));
+}
+
+// The retry run in virtual time: one upload at a time, with the fixed gap after each.
+
+TEST(RetryRunTest, UploadsOneAtATimeWithTheGapBetween)
+{
+    test::ScratchHome home;
+    FakeVeldane fake;
+    test::FakeClock clock;
+    fs::path vault = home.path() / "vault";
+    setenv("QUILLET_TOKEN_STORE", "file", 1);
+    ASSERT_TRUE(Keychain::setDeviceToken(std::string(kToken)));
+    UserDefaults::setDate(CaptureRetry::watermarkKey, at(1577836800));
+
+    std::vector<TimePoint> uploadedAt;
+    std::mutex lock;
+    int uploads = 0;
+    fake.route("POST", "sources", [&](const FakeVeldane::Request&) {
+        std::lock_guard guard(lock);
+        uploadedAt.push_back(clock.now());
+        return Answer::json(json{{"status", "ok"}, {"cache_key", "ck-" + std::to_string(++uploads)}}.dump());
+    });
+    fake.fallback([](const FakeVeldane::Request& request) {
+        if (request.endpoint.ends_with("/status")) {
+            return Answer::json(R"({"status":{"transcription":{"status":"completed"}}})");
+        }
+        std::string key = request.endpoint.substr(8);
+        return Answer::json(json{{"success", true}, {"cache_key", key}, {"result", {{"text", "words"}}}}.dump());
+    });
+
+    InboxWriter writer(vault);
+    for (const char* id : {"261101-090000", "261101-100000", "261101-110000"}) {
+        auto note = InboxWriter::Frontmatter::forCapture(id, std::chrono::system_clock::now());
+        note.vdJobStatus = "upload_failed";
+        writer.writeStub(note);
+        test::writeFile(writer.audioURL(id), "audio");
+    }
+    CapturePipeline::Environment environment{
+        [&vault] { return vault; },
+        [] { return true; },
+        [] { return std::vector<WatchedFolder>{}; },
+        [&fake] { return fake.baseURL(); },
+        [](const std::string&, const fs::path&) {},
+        &clock,
+    };
+    CapturePipeline pipeline(std::move(environment), nullptr);
+    CaptureRetry retry(pipeline, [&writer] { return writer.inboxDirectory(); }, clock);
+
+    std::vector<CaptureRetry::Progress> reports;
+    std::promise<void> done;
+    runtime::spawn(
+        [](CaptureRetry& retry, std::vector<CaptureRetry::Progress>& reports,
+           std::promise<void>& done) -> asio::awaitable<void> {
+            auto record = [&reports](const CaptureRetry::Progress& progress) { reports.push_back(progress); };
+            co_await retry.run(std::move(record));
+            done.set_value();
+        }(retry, reports, done));
+    ASSERT_EQ(done.get_future().wait_for(std::chrono::seconds(30)), std::future_status::ready);
+    ASSERT_TRUE(pipeline.waitUntilIdle(std::chrono::seconds(30)));
+    auto& loop = runtime::mainContext();
+    loop.restart();
+    loop.poll();
+
+    // A 2-second wait follows each upload, before the next one starts.
+    auto waits = clock.waits();
+    EXPECT_EQ(std::count(waits.begin(), waits.end(), CaptureRetry::gapBetweenUploads), 3);
+    ASSERT_EQ(uploadedAt.size(), 3u);
+    for (size_t i = 1; i < uploadedAt.size(); ++i) {
+        EXPECT_GE(uploadedAt[i] - uploadedAt[i - 1], std::chrono::seconds(2));
+    }
+    EXPECT_EQ(fake.maxConcurrent("sources"), 1u);
+
+    ASSERT_EQ(reports.size(), 5u);
+    EXPECT_EQ(reports.front().kind, CaptureRetry::Progress::Kind::scanning);
+    for (int i = 1; i <= 3; ++i) {
+        EXPECT_EQ(reports[static_cast<size_t>(i)].kind, CaptureRetry::Progress::Kind::uploading);
+        EXPECT_EQ(reports[static_cast<size_t>(i)].index, i);
+        EXPECT_EQ(reports[static_cast<size_t>(i)].total, 3);
+    }
+    EXPECT_EQ(reports.back().kind, CaptureRetry::Progress::Kind::finished);
+    EXPECT_EQ(reports.back().succeeded, 3);
+    EXPECT_EQ(reports.back().failedCount, 0);
+}
+
+// --since
+
+TEST(ParseLocalDayTest, AcceptsRealDaysOnly)
+{
+    std::optional<std::string> savedTZ;
+    if (const char* tz = std::getenv("TZ")) {
+        savedTZ = tz;
+    }
+    setenv("TZ", "Europe/Stockholm", 1);
+    tzset();
+    // Local midnight: 2026-09-01 00:00 in Stockholm is 2026-08-31 22:00 UTC (summer time).
+    EXPECT_EQ(parseLocalDay("2026-09-01"), at(1788213600));
+    EXPECT_EQ(parseLocalDay("2026-9-1"), parseLocalDay("2026-09-01"));
+    EXPECT_TRUE(parseLocalDay("2024-02-29"));
+    for (const char* bad : {"2026-13-40", "2026-02-29", "2026-04-31", "2026-00-10", "2026-09-00", "26-09-01x",
+                            "2026/09/01", "", "--since", "2026-09-01T00:00", " 2026-09-01", "20260901"}) {
+        EXPECT_FALSE(parseLocalDay(bad)) << bad;
+    }
+    if (savedTZ) {
+        setenv("TZ", savedTZ->c_str(), 1);
+    } else {
+        unsetenv("TZ");
+    }
+    tzset();
+}
+
+} // namespace
+} // namespace quillet
