@@ -8,6 +8,8 @@
 #include <cctype>
 #include <cerrno>
 
+#include <dirent.h>
+
 namespace quillet::CaptureAccess {
 
 namespace fs = std::filesystem;
@@ -104,35 +106,69 @@ std::string State::explanation() const
     return "";
 }
 
-State check(const fs::path& folder, const std::set<std::string>& extensions, bool enabled)
+namespace {
+
+// readdir and the bare names: the watcher lists its folders every 30 seconds, and with
+// thousands of recordings a path object per entry cost more than the listing itself.
+Listing scan(const fs::path& folder, const std::set<std::string>& extensions, bool enabled, bool keepNames)
 {
     if (!enabled) {
-        return State::notConfigured();
+        return {State::notConfigured(), {}};
     }
     std::error_code error;
     if (!fs::is_directory(folder, error)) {
-        return State::missing();
+        return {State::missing(), {}};
     }
-
-    fs::directory_iterator entry(folder, error);
-    if (error) {
-        return listingFailed(folder, error);
+    DIR* dir = ::opendir(folder.c_str());
+    if (dir == nullptr) {
+        return {listingFailed(folder, std::error_code(errno, std::generic_category())), {}};
     }
+    Listing listing{State::empty(), {}};
     std::int64_t count = 0;
-    for (; entry != fs::directory_iterator(); entry.increment(error)) {
-        std::string name = entry->path().filename().string();
-        if (name.starts_with(".")) {
+    int failure = 0;
+    for (;;) {
+        errno = 0;
+        const dirent* entry = ::readdir(dir);
+        if (entry == nullptr) {
+            failure = errno;
+            break;
+        }
+        std::string_view name(entry->d_name);
+        if (name.starts_with('.')) {
             continue;
         }
-        std::string extension = entry->path().extension().string();
-        if (extension.size() > 1 && extensions.contains(lowerCased(extension.substr(1)))) {
+        auto dot = name.rfind('.');
+        if (dot == std::string_view::npos || dot + 1 == name.size()) {
+            continue;
+        }
+        if (extensions.contains(lowerCased(std::string(name.substr(dot + 1))))) {
             ++count;
+            if (keepNames) {
+                listing.names.emplace_back(name);
+            }
         }
     }
-    if (error) {
-        return listingFailed(folder, error);
+    ::closedir(dir);
+    if (failure != 0) {
+        return {listingFailed(folder, std::error_code(failure, std::generic_category())), {}};
     }
-    return count == 0 ? State::empty() : State::ok(count);
+    if (count == 0) {
+        return {State::empty(), {}};
+    }
+    listing.state = State::ok(count);
+    return listing;
+}
+
+} // namespace
+
+State check(const fs::path& folder, const std::set<std::string>& extensions, bool enabled)
+{
+    return scan(folder, extensions, enabled, false).state;
+}
+
+Listing list(const fs::path& folder, const std::set<std::string>& extensions, bool enabled)
+{
+    return scan(folder, extensions, enabled, true);
 }
 
 fs::path voiceMemosURL()

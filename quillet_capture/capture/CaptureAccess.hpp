@@ -5,6 +5,7 @@
 #include <set>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace quillet::CaptureAccess {
 
@@ -59,6 +60,17 @@ inline const std::set<std::string> audioExtensions = {"m4a", "wav"};
 /// non-hidden entries whose lower-cased extension is in `extensions`, or `empty`. Never
 /// fails; any thread.
 State check(const std::filesystem::path& folder, const std::set<std::string>& extensions, bool enabled);
+
+/// One listing of a watched folder: its state as `check` finds it and the names of the
+/// entries it counted, in listing order (none unless the state is `ok`).
+struct Listing {
+    State state;
+    std::vector<std::string> names;
+};
+
+/// `check`, keeping the names it counted, so that a watcher takes its state and its candidate
+/// files from one listing. Same rules; never fails; any thread.
+Listing list(const std::filesystem::path& folder, const std::set<std::string>& extensions, bool enabled);
 
 /// The Voice Memos recordings folder: the first candidate that exists (the group container
 /// first, then the older application-support folder), or the first when neither exists, so

@@ -169,7 +169,9 @@ void CaptureCoordinator::tick()
     int total = 0;
     for (auto& watcher : watchers_) {
         const auto& folder = watcher.folder();
-        auto state = watcher.accessState();
+        // One listing gives the access state and the files to poll.
+        auto listed = watcher.listing();
+        const auto& state = listed.state;
         auto last = lastStates_.find(folder.id);
         if (last == lastStates_.end() || !(last->second == state)) {
             lastStates_.insert_or_assign(folder.id, state);
@@ -188,7 +190,7 @@ void CaptureCoordinator::tick()
             }
         }
         if (state.isUsable()) {
-            auto captures = watcher.poll();
+            auto captures = watcher.poll(listed);
             for (const auto& capture : captures) {
                 if (onNewCapture_) {
                     onNewCapture_(capture);

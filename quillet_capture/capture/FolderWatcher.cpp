@@ -36,37 +36,22 @@ CaptureAccess::State FolderWatcher::accessState() const
 
 std::optional<std::vector<fs::path>> FolderWatcher::candidateFiles() const
 {
-    if (!accessState().isUsable()) {
+    auto listed = listing();
+    if (!listed.state.isUsable()) {
         return std::nullopt;
     }
-    auto wanted = extensions();
+    auto root = folder_.url();
     std::vector<fs::path> files;
-    std::error_code error;
-    fs::directory_iterator it(folder_.url(), error);
-    if (error) {
-        return std::nullopt;
-    }
-    for (; it != fs::directory_iterator(); it.increment(error)) {
-        if (error) {
-            return std::nullopt;
-        }
-        const auto& file = it->path();
-        std::string name = file.filename().string();
-        if (name.starts_with('.')) {
-            continue;
-        }
-        std::string extension = file.extension().string();
-        if (extension.empty()) {
-            continue;
-        }
-        extension.erase(0, 1);
-        std::transform(extension.begin(), extension.end(), extension.begin(),
-                       [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-        if (wanted.contains(extension)) {
-            files.push_back(file);
-        }
+    files.reserve(listed.names.size());
+    for (const auto& name : listed.names) {
+        files.push_back(root / name);
     }
     return files;
+}
+
+CaptureAccess::Listing FolderWatcher::listing() const
+{
+    return CaptureAccess::list(folder_.url(), extensions(), folder_.enabled);
 }
 
 std::optional<FolderWatcher::TimePoint> FolderWatcher::startTime(const fs::path& file) const
@@ -85,15 +70,17 @@ int FolderWatcher::runInitialIndex()
     if (store_.seenCount(folder_.id) != 0) {
         return 0;
     }
-    auto candidates = candidateFiles();
-    if (!candidates) {
+    auto listed = listing();
+    if (!listed.state.isUsable()) {
         return 0;
     }
+    auto root = folder_.url();
     std::vector<CaptureStateStore::SeenName> names;
-    names.reserve(candidates->size());
-    for (const auto& file : *candidates) {
-        auto start = startTime(file);
-        names.push_back({file.filename().string(), start ? FilenameNormaliser::canonicalId(*start) : ""});
+    names.reserve(listed.names.size());
+    for (auto& name : listed.names) {
+        auto start = startTime(root / name);
+        auto id = start ? FilenameNormaliser::canonicalId(*start) : "";
+        names.push_back({std::move(name), std::move(id)});
     }
     // One write for the whole folder: a crash part-way through leaves the folder unindexed,
     // never half-indexed (which would later capture old recordings as new).
@@ -105,16 +92,21 @@ int FolderWatcher::runInitialIndex()
 
 std::vector<FolderWatcher::NewCapture> FolderWatcher::poll()
 {
+    return poll(listing());
+}
+
+std::vector<FolderWatcher::NewCapture> FolderWatcher::poll(const CaptureAccess::Listing& listed)
+{
     std::vector<NewCapture> captures;
-    auto candidates = candidateFiles();
-    if (!candidates) {
+    if (!listed.state.isUsable()) {
         return captures;
     }
-    for (const auto& file : *candidates) {
-        std::string name = file.filename().string();
+    const auto root = folder_.url();
+    for (const auto& name : listed.names) {
         if (store_.hasSeen(name, folder_.id)) {
             continue;
         }
+        const fs::path file = root / name;
         if (runGuards_) {
             auto verdict = CaptureGuards::evaluate(file, clock_.now(), probes_, clock_);
             if (verdict.kind == CaptureGuards::Verdict::Kind::defer) {

@@ -49,12 +49,19 @@ public:
     /// applied), or nothing when the folder is not usable or cannot be listed.
     std::optional<std::vector<std::filesystem::path>> candidateFiles() const;
 
+    /// One listing of the folder: its access state and the names of its candidate files, in
+    /// listing order (none unless usable). The coordinator's tick takes both from it.
+    CaptureAccess::Listing listing() const;
+
     /// On a folder the store has never seen: marks every candidate seen in one write without
     /// capturing any, logs the count and returns it. Returns 0 at once otherwise.
     int runInitialIndex();
 
     /// The new recordings of this poll, in listing order, each already marked seen.
     std::vector<NewCapture> poll();
+    /// The same over `listing`, a listing of this folder just taken; nothing when it is not
+    /// usable.
+    std::vector<NewCapture> poll(const CaptureAccess::Listing& listing);
 
 private:
     /// The extensions to take: the folder's own, or the default audio set.

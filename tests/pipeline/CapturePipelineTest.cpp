@@ -170,10 +170,10 @@ TEST_F(PipelineFixture, WithUploadsOffTheCaptureIsCopiedAndNotedOnce)
 }
 
 // The same, with uploads on, a stored token and a fake service.
-struct UploadingPipeline : PipelineFixture {
+struct PipelineWithUploads : PipelineFixture {
     FakeVeldane fake;
 
-    UploadingPipeline()
+    PipelineWithUploads()
     {
         uploads = true;
         baseURL = fake.baseURL();
@@ -250,7 +250,7 @@ struct UploadingPipeline : PipelineFixture {
     }
 };
 
-TEST_F(UploadingPipeline, NewRecordingIsUploadedPolledAndWritten)
+TEST_F(PipelineWithUploads, NewRecordingIsUploadedPolledAndWritten)
 {
     auto held = std::make_shared<FakeVeldane::Hold>();
     auto upload = Answer::json(R"({"status":"queued","cache_key":"ck_1","title":"x"})");
@@ -320,7 +320,7 @@ TEST_F(UploadingPipeline, NewRecordingIsUploadedPolledAndWritten)
     EXPECT_FALSE(pipeline->isClaimed("240131-142530"));
 }
 
-TEST_F(UploadingPipeline, CapturesFromOtherFoldersAreMarkedAsSuch)
+TEST_F(PipelineWithUploads, CapturesFromOtherFoldersAreMarkedAsSuch)
 {
     serveEverything();
     folders.push_back(WatchedFolder::generic(recordings.string(), "Phone sync"));
@@ -342,7 +342,7 @@ TEST_F(UploadingPipeline, CapturesFromOtherFoldersAreMarkedAsSuch)
     EXPECT_TRUE(frontmatter("240301-101600").tags.empty());
 }
 
-TEST_F(UploadingPipeline, TaskIdIsResolvedToItsCacheKey)
+TEST_F(PipelineWithUploads, TaskIdIsResolvedToItsCacheKey)
 {
     fake.enqueue("POST", "sources", Answer::json(R"({"status":"queued","task_id":"task-7"})"));
     fake.enqueue("GET", "sources/tasks/task-7", Answer::json(R"({"status":"pending"})"));
@@ -361,7 +361,7 @@ TEST_F(UploadingPipeline, TaskIdIsResolvedToItsCacheKey)
     EXPECT_EQ(clock.waits(), std::vector<double>{5});
 }
 
-TEST_F(UploadingPipeline, FailedUploadsLeaveTheNoteInUploadFailed)
+TEST_F(PipelineWithUploads, FailedUploadsLeaveTheNoteInUploadFailed)
 {
     fake.enqueue("POST", "sources", Answer::json(R"({"error":"quota","message":"Quota used up"})", 402));
     fake.enqueue("POST", "sources", Answer::text("boom", 500));
@@ -407,7 +407,7 @@ TEST_F(UploadingPipeline, FailedUploadsLeaveTheNoteInUploadFailed)
     EXPECT_EQ(counted.pending, 0);
 }
 
-TEST_F(UploadingPipeline, ServiceFailureAndRefusedTranscriptEndAsFailed)
+TEST_F(PipelineWithUploads, ServiceFailureAndRefusedTranscriptEndAsFailed)
 {
     fake.enqueue("POST", "sources", Answer::json(R"({"status":"queued","cache_key":"ck_f"})"));
     fake.enqueue("GET", "sources/ck_f/status", Answer::json(statusBody("processing")));
@@ -443,7 +443,7 @@ TEST_F(UploadingPipeline, ServiceFailureAndRefusedTranscriptEndAsFailed)
     EXPECT_TRUE(transcribed().empty());
 }
 
-TEST_F(UploadingPipeline, LibraryDocumentThatIsFinishedIsWrittenWithoutWaiting)
+TEST_F(PipelineWithUploads, LibraryDocumentThatIsFinishedIsWrittenWithoutWaiting)
 {
     fake.enqueue("POST", "sources", Answer::json(R"({"status":"duplicate_upload","cache_key":"DOC_9"})"));
     fake.enqueue("GET", "sources/DOC_9/status", Answer::json("{}"));
@@ -461,7 +461,7 @@ TEST_F(UploadingPipeline, LibraryDocumentThatIsFinishedIsWrittenWithoutWaiting)
     EXPECT_EQ(transcribed(), std::vector<std::string>{"240131-142530"});
 }
 
-TEST_F(UploadingPipeline, NineNotFoundAnswersAreWaitedOut)
+TEST_F(PipelineWithUploads, NineNotFoundAnswersAreWaitedOut)
 {
     fake.enqueue("POST", "sources", Answer::json(R"({"status":"queued","cache_key":"ck_1"})"));
     for (int i = 0; i < 9; ++i) {
@@ -476,7 +476,7 @@ TEST_F(UploadingPipeline, NineNotFoundAnswersAreWaitedOut)
     EXPECT_EQ(fake.requests("POST", "sources").size(), 1u);
 }
 
-TEST_F(UploadingPipeline, TenthNotFoundFollowsTheCaptureToItsNewKey)
+TEST_F(PipelineWithUploads, TenthNotFoundFollowsTheCaptureToItsNewKey)
 {
     fake.enqueue("POST", "sources", Answer::json(R"({"status":"queued","cache_key":"ck_old"})"));
     fake.route("GET", "sources/ck_old/status",
@@ -507,7 +507,7 @@ TEST_F(UploadingPipeline, TenthNotFoundFollowsTheCaptureToItsNewKey)
     EXPECT_EQ(fake.requests("POST", "sources").size(), 1u);
 }
 
-TEST_F(UploadingPipeline, TenthNotFoundWithoutAnyKeyGivesUp)
+TEST_F(PipelineWithUploads, TenthNotFoundWithoutAnyKeyGivesUp)
 {
     fake.enqueue("POST", "sources", Answer::json(R"({"status":"queued","cache_key":"ck_old"})"));
     fake.route("GET", "sources/ck_old/status",
@@ -535,7 +535,7 @@ TEST_F(UploadingPipeline, TenthNotFoundWithoutAnyKeyGivesUp)
     EXPECT_TRUE(transcribed().empty());
 }
 
-TEST_F(UploadingPipeline, PollingBacksOffWithElapsedTimeAndStopsAfterSixHours)
+TEST_F(PipelineWithUploads, PollingBacksOffWithElapsedTimeAndStopsAfterSixHours)
 {
     fake.enqueue("POST", "sources", Answer::json(R"({"status":"queued","cache_key":"ck_slow"})"));
     fake.route("GET", "sources/ck_slow/status",
@@ -557,7 +557,7 @@ TEST_F(UploadingPipeline, PollingBacksOffWithElapsedTimeAndStopsAfterSixHours)
     EXPECT_FALSE(pipeline->isClaimed("240131-142530"));
 }
 
-TEST_F(UploadingPipeline, StartResumesUnfinishedCaptures)
+TEST_F(PipelineWithUploads, StartResumesUnfinishedCaptures)
 {
     serveEverything();
     earlierCapture("240101-080000", "queued", "ck_kept");
@@ -623,7 +623,7 @@ TEST_F(UploadingPipeline, StartResumesUnfinishedCaptures)
     EXPECT_EQ(test::countLogLines("[quillet] capture pipeline: stopped"), 1);
 }
 
-TEST_F(UploadingPipeline, ResumeWithUploadsOffDoesNothing)
+TEST_F(PipelineWithUploads, ResumeWithUploadsOffDoesNothing)
 {
     uploads = false;
     earlierCapture("240101-080001", "upload_failed", std::nullopt);
@@ -632,7 +632,7 @@ TEST_F(UploadingPipeline, ResumeWithUploadsOffDoesNothing)
     EXPECT_EQ(test::countLogLines("resuming"), 0);
 }
 
-TEST_F(UploadingPipeline, SameFileReportedTwiceIsHandledOnce)
+TEST_F(PipelineWithUploads, SameFileReportedTwiceIsHandledOnce)
 {
     auto held = std::make_shared<FakeVeldane::Hold>();
     auto upload = Answer::json(R"({"status":"queued","cache_key":"ck_1"})");
@@ -667,7 +667,7 @@ TEST_F(UploadingPipeline, SameFileReportedTwiceIsHandledOnce)
     EXPECT_EQ(fake.requests("POST", "sources").size(), 1u);
 }
 
-TEST_F(UploadingPipeline, RecordingIdIsNotTakenOverByAVoiceMemo)
+TEST_F(PipelineWithUploads, RecordingIdIsNotTakenOverByAVoiceMemo)
 {
     serveEverything();
     earlierCapture("240131-142530", "done", "ck_meeting", [](InboxWriter::Frontmatter& f) {
@@ -684,7 +684,7 @@ TEST_F(UploadingPipeline, RecordingIdIsNotTakenOverByAVoiceMemo)
     EXPECT_EQ(transcribed(), std::vector<std::string>{"240131-142530_2"});
 }
 
-TEST_F(UploadingPipeline, VaultThatCannotBeWrittenEndsTheCaptureWithALogLine)
+TEST_F(PipelineWithUploads, VaultThatCannotBeWrittenEndsTheCaptureWithALogLine)
 {
     // The inbox is a file: nothing can be copied into it.
     fs::create_directories(vault);
@@ -717,7 +717,7 @@ TEST_F(UploadingPipeline, VaultThatCannotBeWrittenEndsTheCaptureWithALogLine)
     EXPECT_FALSE(pipeline->isClaimed("240131-142531"));
 }
 
-TEST(CapturePipelineStatics, RecordingMetadataAndOrigins)
+TEST(PipelineStatics, RecordingMetadataAndOrigins)
 {
     auto metadata = CapturePipeline::recordingMetadata("240501-093000", "Teams", "USB mic", "Left/Right",
                                                        Iso8601::parse("2024-05-01T09:30:00Z").value() +
