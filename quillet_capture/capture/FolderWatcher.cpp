@@ -1,5 +1,6 @@
 #include "quillet_capture/capture/FolderWatcher.hpp"
 
+#include "quillet_capture/capture/CollisionResolver.hpp"
 #include "quillet_capture/capture/FilenameNormaliser.hpp"
 #include "quillet_capture/config/Log.hpp"
 #include "quillet_capture/pipeline/CaptureIntake.hpp"
@@ -125,7 +126,12 @@ std::vector<FolderWatcher::NewCapture> FolderWatcher::poll(const CaptureAccess::
             store_.markSeen(name, "", folder_.id, clock_.now());
             continue;
         }
-        std::string id = FilenameNormaliser::canonicalId(*start);
+        // Two recordings of one second (Voice Memos' "-hex" twins, or files that a sync dates
+        // by their arrival) would share an id, and the second would never get a copy and a
+        // note of its own: an id that the seen set gives another file takes a suffix.
+        std::string id = CollisionResolver::resolve(
+            FilenameNormaliser::canonicalId(*start),
+            [&](const std::string& candidate) { return !store_.holdsCanonicalId(candidate); });
         // Journal first: once the file counts as seen, only the journal remembers it until
         // the pipeline has written its note.
         if (intake_ != nullptr) {

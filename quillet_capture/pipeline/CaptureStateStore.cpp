@@ -702,6 +702,22 @@ std::size_t CaptureStateStore::seenCount(std::string_view folderId) const
     return folder == state_.seenByFolder.end() ? 0 : folder->second.size();
 }
 
+bool CaptureStateStore::holdsCanonicalId(std::string_view canonicalId) const
+{
+    if (canonicalId.empty()) {
+        return false;
+    }
+    std::lock_guard guard(queue_);
+    for (const auto& [folderId, folder] : state_.seenByFolder) {
+        for (const auto& [name, entry] : folder) {
+            if (entry.canonicalId == canonicalId) {
+                return true;
+            }
+        }
+    }
+    return false;
+}
+
 std::size_t CaptureStateStore::seenCount() const
 {
     std::lock_guard guard(queue_);

@@ -136,6 +136,9 @@ public:
     /// The number of entries in all folders' sets.
     std::size_t seenCount() const;
 
+    /// True when an entry of any folder's set carries `canonicalId` (never for "").
+    bool holdsCanonicalId(std::string_view canonicalId) const;
+
     /// A copy of the current state.
     State state() const;
 

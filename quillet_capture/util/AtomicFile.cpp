@@ -61,8 +61,10 @@ void writeFileAtomically(const std::filesystem::path& file, std::string_view con
         errno = saved;
         throwErrno(what);
     };
-    // The umask may have narrowed the mode; owner-only files must stay exactly as asked.
-    if (::fchmod(fd, mode) != 0) {
+    // An owner-only file must stay exactly as asked, whatever odd umask is set. Any wider mode
+    // is left as the umask made it: a user whose umask keeps files private (077) keeps notes
+    // and transcripts private too.
+    if ((mode & 077) == 0 && ::fchmod(fd, mode) != 0) {
         fail("cannot set the mode of " + temp.string());
     }
     const char* data = contents.data();

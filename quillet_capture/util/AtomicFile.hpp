@@ -23,8 +23,9 @@ enum class Durability {
 /// Replaces `file` with `contents` so that a reader or a crash sees either the old or the new
 /// file whole, never a mix or an empty file: write a temporary file beside it, flush it to the
 /// disk, rename it over `file`, then flush the folder (with `Durability::deferred`, the flushes
-/// are left to flushFileSystem). The new file gets `mode`. Throws std::system_error when any
-/// step fails; the temporary file is removed then.
+/// are left to flushFileSystem). The new file gets `mode`: exactly when it is owner-only (no
+/// group or other bits), else narrowed by the umask. Throws std::system_error when any step
+/// fails; the temporary file is removed then.
 void writeFileAtomically(const std::filesystem::path& file, std::string_view contents, mode_t mode = 0644,
                          Durability durability = Durability::flushed);
 

@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <charconv>
 #include <system_error>
+#include <vector>
 
 namespace quillet {
 
@@ -102,6 +103,43 @@ int flushToDisk(int fd)
     }
 #endif
     return ::fsync(fd);
+}
+
+// Copies the whole of `source` into `fd`, which stands for `target`.
+void copyBytes(const fs::path& source, int fd, const fs::path& target)
+{
+    int in = ::open(source.c_str(), O_RDONLY | O_CLOEXEC);
+    if (in < 0) {
+        throwErrno(errno, "cannot read " + source.string());
+    }
+    std::vector<char> buffer(1 << 20);
+    for (;;) {
+        ssize_t got = ::read(in, buffer.data(), buffer.size());
+        if (got < 0 && errno == EINTR) {
+            continue;
+        }
+        if (got < 0) {
+            int error = errno;
+            ::close(in);
+            throwErrno(error, "cannot read " + source.string());
+        }
+        if (got == 0) {
+            break;
+        }
+        for (ssize_t done = 0; done < got;) {
+            ssize_t put = ::write(fd, buffer.data() + done, static_cast<size_t>(got - done));
+            if (put < 0 && errno == EINTR) {
+                continue;
+            }
+            if (put < 0) {
+                int error = errno;
+                ::close(in);
+                throwErrno(error, "cannot write " + target.string());
+            }
+            done += put;
+        }
+    }
+    ::close(in);
 }
 
 bool isBlank(char c)
@@ -371,14 +409,16 @@ fs::path InboxWriter::copyAudio(const fs::path& source, std::string_view id) con
     // A dot name and the marker of atomic-write leftovers, so that listings skip the file and
     // the sweep at the agent's start removes it if the process dies before it is renamed; it
     // stays locked against that sweep while `temporary.fd` is open.
-    auto temporary = createTemporaryFile(destination, 0600);
+    // The copy gets the mode the umask gives new files, not the source's: a private umask
+    // keeps the recordings in the vault private.
+    auto temporary = createTemporaryFile(destination, 0644);
     const auto& temp = temporary.path;
     auto discard = [&] {
         fs::remove(temp, ignored);
         ::close(temporary.fd);
     };
     try {
-        fs::copy_file(source, temp, fs::copy_options::overwrite_existing);
+        copyBytes(source, temporary.fd, temp);
         if (flushToDisk(temporary.fd) != 0) {
             throwErrno(errno, "cannot flush " + temp.string());
         }

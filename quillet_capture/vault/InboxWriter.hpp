@@ -102,8 +102,9 @@ public:
     /// Ensures the folders, then copies `source` to the capture's audio copy and returns its
     /// path. A copy already there is kept as it is (never overwritten, even by a concurrent
     /// copy). The bytes go to a hidden temporary file first and are flushed to disk before
-    /// they get the final name, so a crash never leaves a partial copy under that name.
-    /// Throws std::system_error.
+    /// they get the final name, so a crash never leaves a partial copy under that name. The
+    /// copy gets the mode the umask gives new files (0644 under the usual umask), not the
+    /// source's. Throws std::system_error.
     std::filesystem::path copyAudio(const std::filesystem::path& source, std::string_view id) const;
 
     /// Ensures the folders and writes the note of `frontmatter` with an empty body.

@@ -68,13 +68,7 @@ CaptureAgentHarness::CaptureAgentHarness(unsigned seed)
     fs::create_directories(memos_);
     fs::create_directories(vault());
     fixture_ = readFile(fs::path(QUILLET_SOURCE_DIR) / "tests/fixtures/short-1500ms.m4a");
-    writeSettings([&](AppSettings& settings) {
-        settings.vaultPath = vault().string();
-        settings.captureVoiceMemosEnabled = true;
-        settings.captureVeldaneEnabled = true;
-        settings.veldaneBaseURL = service_.baseURL();
-        settings.keepVoiceMemosRunning = false;
-    });
+    editSettings({});
     setenv("QUILLET_TOKEN_STORE", "file", 1);
     if (!Keychain::setDeviceToken(std::string(kToken))) {
         ADD_FAILURE() << "cannot store the token";
@@ -88,6 +82,20 @@ CaptureAgentHarness::~CaptureAgentHarness()
         kill();
     }
     waitForWriters();
+}
+
+void CaptureAgentHarness::editSettings(const std::function<void(AppSettings&)>& edit)
+{
+    writeSettings([&](AppSettings& settings) {
+        settings.vaultPath = vault().string();
+        settings.captureVoiceMemosEnabled = true;
+        settings.captureVeldaneEnabled = true;
+        settings.veldaneBaseURL = service_.baseURL();
+        settings.keepVoiceMemosRunning = false;
+        if (edit) {
+            edit(settings);
+        }
+    });
 }
 
 fs::path CaptureAgentHarness::stateFolder() const

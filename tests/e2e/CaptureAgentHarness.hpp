@@ -1,5 +1,7 @@
 #pragma once
 
+#include "quillet_capture/config/AppSettings.hpp"
+
 #include "tests/support/FakeVeldane.hpp"
 #include "tests/support/Scratch.hpp"
 
@@ -63,6 +65,10 @@ public:
     const std::filesystem::path& memos() const { return memos_; }
     std::filesystem::path stateFolder() const;
     FakeVeldane& service() { return service_; }
+
+    /// Rewrites the settings: the harness's own, changed by `edit`. Takes effect at the next
+    /// start of the agent.
+    void editSettings(const std::function<void(AppSettings&)>& edit);
 
     void setPace(const Pace& pace);
     void setFault(Fault fault);

@@ -1,5 +1,11 @@
 #include "tests/e2e/CaptureAgentHarness.hpp"
 
+#include "quillet_capture/capture/FilenameNormaliser.hpp"
+#include "quillet_capture/pipeline/CaptureStateStore.hpp"
+#include "quillet_capture/platform/Paths.hpp"
+#include "quillet_capture/util/AtomicFile.hpp"
+#include "quillet_capture/vault/InboxWriter.hpp"
+
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -7,6 +13,7 @@
 #include <cstdlib>
 #include <map>
 #include <random>
+#include <set>
 #include <string>
 #include <thread>
 
@@ -153,6 +160,88 @@ TEST(CrashConsistency, EveryRecordingIsCapturedOnceWhereverTheAgentIsKilled)
                       << agent.agentOutput().substr(agent.agentOutput().size() > 20000 ? agent.agentOutput().size() - 20000 : 0);
     }
     agent.expectConsistent(true);
+}
+
+// Two recordings that begin in the same second get one canonical id: Voice Memos names the
+// second with a hex suffix, and a sync that dates files by their arrival gives a whole batch
+// one second. Each must still be captured on its own, with its own copy, note and transcript.
+TEST(CrashConsistency, RecordingsOfTheSameSecondAreEachCapturedOnce)
+{
+    CaptureAgentHarness agent(7);
+    auto synced = agent.home() / "Synced";
+    fs::create_directories(synced);
+    agent.editSettings([&](AppSettings& settings) {
+        settings.watchedFoldersRaw =
+            std::vector<WatchedFolder>{WatchedFolder::voiceMemos(true), WatchedFolder::generic(synced.string())};
+    });
+    agent.setPollInterval(1);
+    agent.setPace({.processingPolls = 0});
+    agent.dropHistory(0);
+    ASSERT_TRUE(agent.startAndWait());
+
+    const std::string fixture = test::readFile(fs::path(QUILLET_SOURCE_DIR) / "tests/fixtures/short-1500ms.m4a");
+    std::set<std::string> contents;
+    auto put = [&](const fs::path& file, fs::file_time_type modified = {}) {
+        std::string bytes = fixture + "recording " + file.filename().string();
+        contents.insert(bytes);
+        test::writeFile(file.parent_path() / ("." + file.filename().string()), bytes);
+        if (modified != fs::file_time_type{}) {
+            fs::last_write_time(file.parent_path() / ("." + file.filename().string()), modified);
+        }
+        fs::rename(file.parent_path() / ("." + file.filename().string()), file);
+    };
+    put(agent.memos() / "20240301 090000.m4a");
+    put(agent.memos() / "20240301 090000-3F2A9C1B.m4a");
+    auto arrival = std::chrono::time_point_cast<std::chrono::seconds>(fs::file_time_type::clock::now()) -
+                   std::chrono::hours(1);
+    put(synced / "talk one.m4a", arrival);
+    put(synced / "talk two.m4a", arrival);
+    put(synced / "talk three.wav", arrival);
+
+    auto notes = [&] {
+        std::set<std::string> ids;
+        std::error_code error;
+        for (const auto& entry : fs::directory_iterator(agent.inbox(), error)) {
+            if (entry.path().extension() == ".md") {
+                ids.insert(entry.path().stem().string());
+            }
+        }
+        return ids;
+    };
+    auto allDone = [&] {
+        auto ids = notes();
+        return ids.size() == 5 && std::all_of(ids.begin(), ids.end(), [&](const std::string& id) {
+                   try {
+                       return InboxWriter::readFrontmatter(agent.inbox() / (id + ".md")).vdJobStatus == "done";
+                   } catch (const std::exception&) {
+                       return false;
+                   }
+               });
+    };
+    bool done = test::eventually(allDone, 60);
+    EXPECT_EQ(agent.stop(), 0);
+    ASSERT_TRUE(done) << agent.agentOutput();
+
+    auto ids = notes();
+    EXPECT_TRUE(ids.contains("240301-090000") && ids.contains("240301-090000_2")) << ::testing::PrintToString(ids);
+    std::set<std::string> copies;
+    for (const auto& id : ids) {
+        copies.insert(test::readFile(agent.inbox() / ".audio" / (id + ".m4a")));
+        EXPECT_NE(InboxWriter::readBody(agent.inbox() / (id + ".md")).find(CaptureAgentHarness::transcriptOf(id)),
+                  std::string::npos);
+    }
+    EXPECT_EQ(copies, contents) << "every recording has its own copy";
+    auto state = CaptureStateStore::decode(*readWholeFile(Paths::stateFile()));
+    ASSERT_TRUE(state);
+    std::set<std::string> seenIds;
+    for (const auto& [folder, entries] : state->seenByFolder) {
+        for (const auto& [name, entry] : entries) {
+            if (!name.starts_with('.') && name != "20240301 080000.m4a") {
+                EXPECT_TRUE(seenIds.insert(entry.canonicalId).second) << name << " shares " << entry.canonicalId;
+            }
+        }
+    }
+    EXPECT_EQ(seenIds, ids);
 }
 
 } // namespace
