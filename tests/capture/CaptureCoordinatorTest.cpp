@@ -32,7 +32,7 @@ struct CoordinatorFixture : ::testing::Test {
                 [this](const CaptureAccess::State& state) { accessReports.push_back(state); },
                 [this](int count) { pollReports.push_back(count); },
             },
-            clock, probes, firstTick, std::chrono::hours(1));
+            clock, probes, firstTick, std::chrono::seconds(30));
     }
 
     void tick()
