@@ -7,10 +7,14 @@
 #include "quillet_capture/runtime/Tasks.hpp"
 #include "quillet_capture/util/AtomicFile.hpp"
 
+#include <asio/co_spawn.hpp>
+#include <asio/use_awaitable.hpp>
+
 #include <algorithm>
 #include <cmath>
 #include <filesystem>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <system_error>
 #include <vector>
@@ -42,6 +46,104 @@ std::optional<BackfillSync::TimePoint> usableTime(const std::optional<double>& s
 std::string describe(const std::exception& error)
 {
     return error.what();
+}
+
+// Hands the run's reports to the caller's callback on the main loop, in order. Reports that
+// arrive while earlier ones still wait for the main loop join them, so that a run of thousands
+// of items does not wake the main thread thousands of times when it is busy.
+class Reports : public std::enable_shared_from_this<Reports> {
+public:
+    explicit Reports(std::function<void(const BackfillSync::Progress&)> callback) : callback_(std::move(callback)) {}
+
+    // Any thread.
+    void add(BackfillSync::Progress progress)
+    {
+        if (!callback_) {
+            return;
+        }
+        std::lock_guard guard(lock_);
+        waiting_.push_back(std::move(progress));
+        if (!posted_) {
+            posted_ = true;
+            runtime::onMain([self = shared_from_this()] { self->deliver(); });
+        }
+    }
+
+private:
+    void deliver()
+    {
+        std::vector<BackfillSync::Progress> ready;
+        {
+            std::lock_guard guard(lock_);
+            ready.swap(waiting_);
+            posted_ = false;
+        }
+        for (const auto& progress : ready) {
+            callback_(progress);
+        }
+    }
+
+    std::function<void(const BackfillSync::Progress&)> callback_;
+    std::mutex lock_;
+    std::vector<BackfillSync::Progress> waiting_;
+    bool posted_ = false;
+};
+
+// The items of a run to fetch, and what became of them.
+struct Batch {
+    std::vector<const SourceMetadata*> items;
+    int total = 0;
+    bool cancelled = false;
+    // Counted on the note queue; read by the run once the queue has drained.
+    int written = 0;
+    int failed = 0;
+    int handled = 0;
+};
+
+// Fetches the batch's items one after another. Each note is written on the queue `notes`
+// while the next item is fetched, so that the service and the disk do not wait for each
+// other; the queue takes the items in order, one at a time, and counts and reports each once
+// its note is written or has failed. At most kFetchedAhead items wait for it, so that a slow
+// disk never holds many transcripts in memory.
+asio::awaitable<void> fetchAll(BackfillSync* sync, VeldaneClient* client, Batch* batch, runtime::SerialQueue* notes,
+                               std::function<void(BackfillSync::Progress)> report)
+{
+    int fetched = 0;
+    for (const SourceMetadata* item : batch->items) {
+        if (sync->isCancelled.load()) {
+            batch->cancelled = true;
+            break;
+        }
+        std::optional<VeldaneClient::SourceDetail> detail;
+        std::optional<std::string> failure;
+        try {
+            std::string key = item->cache_key;
+            detail = co_await client->source(std::move(key));
+        } catch (const std::exception& error) {
+            failure = describe(error);
+        }
+        notes->async([sync, batch, report, item, detail = std::move(detail), failure = std::move(failure)]() mutable {
+            if (detail) {
+                try {
+                    sync->writeBackfilledItem(*detail, *item);
+                } catch (const std::exception& error) {
+                    failure = describe(error);
+                }
+            }
+            if (failure) {
+                rlog("[quillet] BackfillSync: failed cache_key=%@ err=%@", item->cache_key, *failure);
+                ++batch->failed;
+            } else {
+                ++batch->written;
+            }
+            ++batch->handled;
+            report(BackfillSync::Progress::syncing(batch->handled, batch->total));
+        });
+        if (++fetched % kFetchedAhead == 0) {
+            auto catchUp = [notes] { notes->drain(); };
+            co_await runtime::blocking(std::move(catchUp));
+        }
+    }
 }
 
 } // namespace
@@ -93,14 +195,8 @@ BackfillSync::BackfillSync(VeldaneClient client, InboxWriter inboxWriter, runtim
 #endif
 asio::awaitable<void> BackfillSync::run(std::function<void(const Progress&)> progress)
 {
-    // One shared callback for every report, so that a callback that keeps state sees all of
-    // them, in order, on the main loop.
-    auto callback = std::make_shared<std::function<void(const Progress&)>>(std::move(progress));
-    auto report = [callback](Progress value) {
-        if (*callback) {
-            runtime::onMain([callback, value = std::move(value)] { (*callback)(value); });
-        }
-    };
+    auto reports = std::make_shared<Reports>(std::move(progress));
+    auto report = [reports](Progress value) { reports->add(std::move(value)); };
 
     report(Progress::listing());
     std::vector<SourceMetadata> listed;
@@ -142,60 +238,20 @@ asio::awaitable<void> BackfillSync::run(std::function<void(const Progress&)> pro
     rlog("[quillet] BackfillSync: total_remote=%d already_local=%d to_fetch=%d", listed.size(), alreadyThere, total);
     report(Progress::syncing(0, total));
 
-    // Each note is written on a queue of its own while the next item is fetched, so that the
-    // service and the disk do not wait for each other. The queue takes the items in order, one
-    // at a time, and counts and reports each once its note is written or has failed. At most
-    // kFetchedAhead items wait for it, so that a slow disk never holds many transcripts in
-    // memory.
-    struct Tally {
-        int written = 0;
-        int failed = 0;
-        int handled = 0;
-    };
-    Tally tally;
+    Batch batch;
+    batch.items = std::move(toFetch);
+    batch.total = total;
     runtime::SerialQueue notes("quillet.backfill.notes");
-    bool cancelled = false;
-    int fetched = 0;
-    for (const SourceMetadata* item : toFetch) {
-        if (isCancelled.load()) {
-            cancelled = true;
-            break;
-        }
-        std::optional<VeldaneClient::SourceDetail> detail;
-        std::optional<std::string> failure;
-        try {
-            std::string key = item->cache_key;
-            detail = co_await client_.source(std::move(key));
-        } catch (const std::exception& error) {
-            failure = describe(error);
-        }
-        notes.async([this, &tally, report, total, item, detail = std::move(detail),
-                     failure = std::move(failure)]() mutable {
-            if (detail) {
-                try {
-                    writeBackfilledItem(*detail, *item);
-                } catch (const std::exception& error) {
-                    failure = describe(error);
-                }
-            }
-            if (failure) {
-                rlog("[quillet] BackfillSync: failed cache_key=%@ err=%@", item->cache_key, *failure);
-                ++tally.failed;
-            } else {
-                ++tally.written;
-            }
-            ++tally.handled;
-            report(Progress::syncing(tally.handled, total));
-        });
-        if (++fetched % kFetchedAhead == 0) {
-            auto catchUp = [&notes] { notes.drain(); };
-            co_await runtime::blocking(std::move(catchUp));
-        }
-    }
+    // The loop runs on the blocking pool: each request is a blocking call there, and the loop
+    // carries on on the thread that made it instead of waking a thread of its own per item.
+    auto loop = fetchAll(this, &client_, &batch, &notes, report);
+    auto pool = runtime::blockingPool().get_executor();
+    auto looping = asio::co_spawn(pool, std::move(loop), asio::use_awaitable);
+    co_await std::move(looping);
 
-    auto finish = [this, &notes, &tally]() -> std::optional<std::string> {
+    auto finish = [this, &notes, &batch]() -> std::optional<std::string> {
         notes.drain();
-        if (tally.written == 0) {
+        if (batch.written == 0) {
             return std::nullopt;
         }
         try {
@@ -209,10 +265,10 @@ asio::awaitable<void> BackfillSync::run(std::function<void(const Progress&)> pro
     if (flushFailure) {
         rlog("[quillet] BackfillSync: could not flush the notes to disk: %@", *flushFailure);
     }
-    if (cancelled) {
-        rlog("[quillet] BackfillSync: cancelled at %d/%d", tally.handled, total);
+    if (batch.cancelled) {
+        rlog("[quillet] BackfillSync: cancelled at %d/%d", batch.handled, total);
     }
-    report(Progress::finished(tally.written, alreadyThere, tally.failed));
+    report(Progress::finished(batch.written, alreadyThere, batch.failed));
 }
 #if defined(__GNUC__) && !defined(__clang__)
 #pragma GCC diagnostic pop
@@ -282,10 +338,20 @@ void BackfillSync::writeBackfilledItem(const VeldaneClient::SourceDetail& detail
     }
 
     std::string text = InboxWriter::renderMarkdown(frontmatter, *body);
-    inboxWriter_.ensureDirectories();
+    auto note = inboxWriter_.inboxDirectory() / (id + ".md");
     // A flush per note would cost more than fetching it; the run flushes once at its end, and
     // a note lost to a power cut before that is fetched again by the next run.
-    writeFileAtomically(inboxWriter_.inboxDirectory() / (id + ".md"), text, 0644, Durability::deferred);
+    try {
+        writeFileAtomically(note, text, 0644, Durability::deferred);
+    } catch (const std::system_error& error) {
+        // The folders are made only when they are missing: asking for them before every note
+        // would cost a third of the note's own write.
+        if (error.code() != std::errc::no_such_file_or_directory) {
+            throw;
+        }
+        inboxWriter_.ensureDirectories();
+        writeFileAtomically(note, text, 0644, Durability::deferred);
+    }
 }
 
 std::string BackfillSync::uniqueID(const std::string& base) const

@@ -468,7 +468,10 @@ TEST_F(SyncCommandTest, AListingThatFailsHalfWayWritesNothing)
     EXPECT_EQ(result.output, "Listing your Veldane library...\n"
                              "Sync failed: VD request failed (503): {\"detail\":\"try later\"}\n");
     EXPECT_TRUE(fetched().empty());
-    EXPECT_FALSE(fs::exists(inbox / "240501-093000.md"));
+    EXPECT_FALSE(fs::exists(inbox));
+    EXPECT_EQ(test::countLogLines(
+                  "[quillet] BackfillSync: listAllSources failed: VD request failed (503): {\"detail\":\"try later\"}"),
+              1);
 }
 
 // The retry run in virtual time: one upload at a time, with the fixed gap after each.

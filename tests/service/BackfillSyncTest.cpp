@@ -294,27 +294,6 @@ TEST_F(BackfillSyncTest, AnInboxThatCannotBeWrittenFailsEveryItem)
     EXPECT_EQ(test::readFile(inbox), "not a folder");
 }
 
-TEST_F(BackfillSyncTest, AListingThatFailsHalfWayEndsTheRunWithoutWriting)
-{
-    for (int i = 0; i < 5; ++i) {
-        add("k" + std::to_string(i), {{"created_at", 1714555800.0 + i}});
-    }
-    fake.enqueue("GET", "sources", Answer::json(json{{"files", json::array({library[0], library[1]})},
-                                                    {"count", 2},
-                                                    {"has_more", true},
-                                                    {"next_cursor", "1"}}
-                                                    .dump()));
-    fake.enqueue("GET", "sources", Answer::json("maintenance", 503));
-
-    auto reports = run();
-    EXPECT_EQ(reports, (std::vector<Progress>{Progress::listing(),
-                                              Progress::failure("VD request failed (503): maintenance")}));
-    EXPECT_TRUE(detailRequests().empty());
-    EXPECT_FALSE(fs::exists(inbox));
-    EXPECT_EQ(test::countLogLines("[quillet] BackfillSync: listAllSources failed: VD request failed (503): maintenance"),
-              1);
-}
-
 TEST_F(BackfillSyncTest, CancellingStopsBeforeTheNextItem)
 {
     for (int i = 0; i < 4; ++i) {

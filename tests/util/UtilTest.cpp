@@ -50,6 +50,27 @@ TEST(AtomicFile, FailureThrowsAndKeepsTheOldFile)
     EXPECT_EQ(entries, 2);
 }
 
+TEST(AtomicFile, DeferredWritesAreAtomicAndFlushedTogether)
+{
+    test::ScratchDir dir;
+    auto file = dir.path() / "note.md";
+    writeFileAtomically(file, "first", 0644, Durability::deferred);
+    writeFileAtomically(file, "second", 0600, Durability::deferred);
+    EXPECT_EQ(readWholeFile(file), "second");
+    struct stat info {};
+    ASSERT_EQ(::stat(file.c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 0777, 0600u);
+    EXPECT_THROW(writeFileAtomically(dir.path() / "missing-folder" / "x", "data", 0644, Durability::deferred),
+                 std::system_error);
+    EXPECT_NO_THROW(flushFileSystem(dir.path()));
+    EXPECT_THROW(flushFileSystem(dir.path() / "missing-folder"), std::system_error);
+    int entries = 0;
+    for ([[maybe_unused]] const auto& entry : fs::directory_iterator(dir.path())) {
+        ++entries;
+    }
+    EXPECT_EQ(entries, 1);
+}
+
 TEST(AtomicFile, ReadingWhatIsNotARegularFileGivesNothing)
 {
     test::ScratchDir dir;
