@@ -8,9 +8,11 @@
 #include "quillet_capture/runtime/MainLoop.hpp"
 #include "quillet_capture/util/Iso8601.hpp"
 
+#include <asio/error.hpp>
 #include <asio/this_coro.hpp>
 
 #include <mutex>
+#include <system_error>
 
 namespace quillet {
 
@@ -117,6 +119,12 @@ asio::awaitable<void> CaptureRetry::run(std::function<void(const Progress&)> onP
     if (isRunning_.exchange(true)) {
         co_return;
     }
+    // Cleared on every way out, so that a run ended by cancellation or an error does not
+    // refuse every run after it.
+    struct Running {
+        std::atomic<bool>& flag;
+        ~Running() { flag = false; }
+    } running{isRunning_};
     auto report = [&onProgress](Progress progress) {
         if (onProgress) {
             runtime::onMain([onProgress, progress] { onProgress(progress); });
@@ -156,10 +164,18 @@ asio::awaitable<void> CaptureRetry::run(std::function<void(const Progress&)> onP
             ++failed;
             report({Progress::Kind::failed, index + 1, total, id, succeeded, failed});
         }
-        co_await clock_.wait(std::chrono::duration<double>(gapBetweenUploads));
+        std::chrono::duration<double> gap(gapBetweenUploads);
+        try {
+            co_await clock_.wait(gap);
+        } catch (const std::system_error& error) {
+            // Cancelled while pausing: the run ends as when the cancellation is seen above.
+            if (error.code() != asio::error::operation_aborted) {
+                throw;
+            }
+            break;
+        }
     }
     report({Progress::Kind::finished, total, total, "", succeeded, failed});
-    isRunning_ = false;
 }
 
 } // namespace quillet

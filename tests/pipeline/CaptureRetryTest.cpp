@@ -13,7 +13,11 @@
 #include "quillet_capture/runtime/Tasks.hpp"
 #include "quillet_capture/util/Iso8601.hpp"
 
+#include <asio/bind_cancellation_slot.hpp>
+#include <asio/cancellation_signal.hpp>
 #include <asio/co_spawn.hpp>
+#include <asio/post.hpp>
+#include <asio/strand.hpp>
 #include <asio/use_future.hpp>
 
 #include <gtest/gtest.h>
@@ -316,6 +320,39 @@ TEST_F(CaptureRetryTest, SecondRunIsRefusedAndHandledIdsAreSkipped)
     EXPECT_FALSE(missing.get());
     EXPECT_EQ(test::countLogLines("[quillet] capture retry: no local audio for 240201-100001; skipping"), 1);
     EXPECT_EQ(fake.requests("POST", "sources").size(), 2u);
+}
+
+TEST_F(CaptureRetryTest, CancelledRunStopsAndLeavesTheNextRunFree)
+{
+    setWatermark(std::chrono::system_clock::now() - 1h);
+    capture("240201-100000", "skipped");
+    capture("240201-100001", "skipped");
+    // The pause between uploads is real here: the run is cancelled while it waits.
+    CaptureRetry batch(*pipeline, [this] { return inbox.inboxDirectory(); }, runtime::systemClock());
+    auto strand = asio::make_strand(runtime::utilityExecutor());
+    asio::cancellation_signal cancel;
+    auto report = [this](const Progress& step) { progress.push_back(step); };
+    auto running = asio::co_spawn(strand, batch.run(report), asio::bind_cancellation_slot(cancel.slot(), asio::use_future));
+    ASSERT_TRUE(test::eventually([] { return test::countLogLines("uploaded; cache_key=") == 1; }));
+    asio::post(strand, [&cancel] { cancel.emit(asio::cancellation_type::terminal); });
+    ASSERT_EQ(running.wait_for(10s), std::future_status::ready);
+    EXPECT_NO_THROW(running.get());
+    ASSERT_TRUE(pipeline->waitUntilIdle(20s));
+    deliverProgress();
+    EXPECT_FALSE(batch.isRunning());
+    EXPECT_EQ(fake.requests("POST", "sources").size(), 1u);
+    EXPECT_EQ(kinds(), (std::vector<Progress::Kind>{Progress::Kind::scanning, Progress::Kind::uploading,
+                                                    Progress::Kind::finished}));
+
+    // The next run takes what is left.
+    progress.clear();
+    auto next = asio::co_spawn(strand, batch.run(report), asio::use_future);
+    ASSERT_EQ(next.wait_for(10s), std::future_status::ready);
+    ASSERT_TRUE(pipeline->waitUntilIdle(20s));
+    deliverProgress();
+    EXPECT_EQ(fake.requests("POST", "sources").size(), 2u);
+    EXPECT_EQ(progress.back().kind, Progress::Kind::finished);
+    EXPECT_EQ(progress.back().succeeded, 1);
 }
 
 } // namespace

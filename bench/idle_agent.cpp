@@ -1,0 +1,113 @@
+// The agent at rest: the built program's `run` in a scratch home whose Voice Memos folder holds
+// 1,000 old recordings (indexed at the start, never captured) and nothing new arrives. After
+// 60 seconds its resident memory and threads are read from /proc/<pid>/status, and its CPU
+// time over that minute from /proc/<pid>/stat. Baseline: the peak memory of the same program
+// running `version` (the libraries and start-up alone).
+// Budget: at most 8 MB resident and at most 8 threads; the CPU time is printed.
+//
+// Usage: bench_idle_agent [seconds]   (default 60)
+
+#include "bench/BenchSupport.hpp"
+
+#include "quillet_capture/config/AppSettings.hpp"
+#include "quillet_capture/platform/Paths.hpp"
+
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/resource.h>
+
+#include <thread>
+
+extern char** environ;
+
+using namespace quillet;
+namespace fs = std::filesystem;
+
+namespace {
+
+pid_t spawnProgram(const char* argument)
+{
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
+    posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
+    char* argv[] = {const_cast<char*>(QUILLET_CAPTURE_BINARY), const_cast<char*>(argument), nullptr};
+    pid_t pid = 0;
+    bench::check(posix_spawn(&pid, QUILLET_CAPTURE_BINARY, &actions, nullptr, argv, environ) == 0, "posix_spawn");
+    posix_spawn_file_actions_destroy(&actions);
+    return pid;
+}
+
+bool logHas(const std::string& text)
+{
+    std::ifstream in(Paths::logFile());
+    std::string contents((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    return contents.find(text) != std::string::npos;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    int seconds = argc > 1 ? std::max(5, std::atoi(argv[1])) : 60;
+    auto home = bench::scratchHome("quillet-bench-idle");
+    fs::path memos = Paths::voiceMemosCandidates().at(0);
+    fs::create_directories(memos);
+    for (int i = 0; i < 1000; ++i) {
+        char name[32];
+        std::snprintf(name, sizeof name, "20240101 %02d%02d%02d.m4a", i / 3600, i / 60 % 60, i % 60);
+        std::ofstream(memos / name) << "recording " << i;
+    }
+    auto settings = AppSettings::defaults();
+    settings.vaultPath = (home / "vault").string();
+    settings.vaultName = "vault";
+    settings.captureVoiceMemosEnabled = true;
+    settings.captureVeldaneEnabled = false;
+    settings.keepVoiceMemosRunning = false;
+    settings.watchedFoldersRaw = std::vector{WatchedFolder::voiceMemos(true)};
+    fs::create_directories(Paths::settingsFile().parent_path());
+    std::ofstream(Paths::settingsFile()) << settings.toJSON().dump(2);
+
+    // Baseline: `version`, to its end.
+    pid_t version = spawnProgram("version");
+    int status = 0;
+    rusage usage{};
+    bench::check(::wait4(version, &status, 0, &usage) == version, "wait4");
+    double versionPeak = static_cast<double>(usage.ru_maxrss) / 1024.0;
+
+    pid_t agent = spawnProgram("run");
+    std::string pid = std::to_string(agent);
+    for (int i = 0; i < 100 && !logHas("initial index complete (1000 existing files marked seen)"); ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    bench::check(logHas("initial index complete (1000 existing files marked seen)"), "agent indexed the folder");
+    double cpuStart = bench::cpuSeconds(pid);
+    double runStart = bench::scheduledSeconds(pid);
+    std::this_thread::sleep_for(std::chrono::seconds(seconds));
+    double cpuEnd = bench::cpuSeconds(pid);
+    double runEnd = bench::scheduledSeconds(pid);
+    auto proc = bench::procStatus(pid);
+    double pss = bench::rollupMebibytes(pid, "Pss");
+    ::kill(agent, SIGTERM);
+    ::waitpid(agent, &status, 0);
+
+    double rss = bench::mebibytes(proc, "VmRSS");
+    double peak = bench::mebibytes(proc, "VmHWM");
+    int threads = bench::threads(proc);
+    std::printf("idle agent after %d s, 1,000 files watched: resident %.1f MiB (peak %.1f MiB), `version` peak %.1f "
+                "MiB, ratio %.2f (budget at most 8 MiB) %s\n",
+                seconds, rss, peak, versionPeak, rss / versionPeak, bench::verdict(rss <= 8.0));
+    std::printf("  of which anonymous (the program's own) %.1f MiB, file-backed (mapped libraries and program) %.1f "
+                "MiB; proportional share %.1f MiB\n",
+                bench::mebibytes(proc, "RssAnon"), bench::mebibytes(proc, "RssFile"), pss);
+    std::printf("idle agent threads %d, `version` 1, ratio %.2f (budget at most 8) %s\n", threads,
+                static_cast<double>(threads), bench::verdict(threads <= 8));
+    std::printf("idle agent CPU over %d s: %.1f ms scheduled (%.4f%% of one core), %.2f s in clock ticks; exit status "
+                "after SIGTERM %d\n",
+                seconds, (runEnd - runStart) * 1000, 100.0 * (runEnd - runStart) / seconds, cpuEnd - cpuStart,
+                WIFEXITED(status) ? WEXITSTATUS(status) : -1);
+
+    std::error_code ignored;
+    fs::remove_all(home, ignored);
+    return 0;
+}
