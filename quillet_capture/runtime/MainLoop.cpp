@@ -5,6 +5,7 @@
 #include <asio/signal_set.hpp>
 
 #include <csignal>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -93,13 +94,18 @@ void addExitHook(std::function<void()> hook)
 
 void exitProcess(int status)
 {
-    std::vector<std::function<void()>> hooks;
-    {
-        auto& all = exitHooks();
-        std::lock_guard guard(all.lock);
-        hooks = all.hooks;
-    }
-    for (auto& hook : hooks) {
+    // One hook at a time is copied out and run without the lock, and each copy is gone before
+    // _Exit: a copy of the whole list would be left behind, unreachable, as a leak.
+    auto& all = exitHooks();
+    for (std::size_t i = 0;; ++i) {
+        std::function<void()> hook;
+        {
+            std::lock_guard guard(all.lock);
+            if (i >= all.hooks.size()) {
+                break;
+            }
+            hook = all.hooks[i];
+        }
         hook();
     }
     std::fflush(stdout);
