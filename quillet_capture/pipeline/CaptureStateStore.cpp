@@ -185,6 +185,27 @@ void appendStringBody(std::string& out, std::string_view text)
     out.append(text.data() + plainStart, size - plainStart);
 }
 
+// A name as the file keeps it: each byte that is not part of UTF-8 becomes U+FFFD. The store
+// looks names up and keeps them in this form, so that the state read at the next start still
+// knows a file whose name is not UTF-8 (it would be captured again otherwise).
+std::string storedName(std::string_view name)
+{
+    std::string out;
+    out.reserve(name.size());
+    for (size_t i = 0; i < name.size();) {
+        if (static_cast<unsigned char>(name[i]) < 0x80) {
+            out += name[i++];
+        } else if (size_t length = validSequence(name.substr(i)); length > 0) {
+            out.append(name.substr(i, length));
+            i += length;
+        } else {
+            out += "\xEF\xBF\xBD";
+            ++i;
+        }
+    }
+    return out;
+}
+
 void appendString(std::string& out, std::string_view text)
 {
     out += '"';
@@ -652,7 +673,7 @@ bool CaptureStateStore::hasSeen(std::string_view name, std::string_view folderId
 {
     std::lock_guard guard(queue_);
     auto folder = state_.seenByFolder.find(folderId);
-    return folder != state_.seenByFolder.end() && folder->second.contains(name);
+    return folder != state_.seenByFolder.end() && folder->second.contains(storedName(name));
 }
 
 void CaptureStateStore::markSeen(std::string_view name, std::string_view canonicalId, std::string_view folderId,
@@ -661,8 +682,9 @@ void CaptureStateStore::markSeen(std::string_view name, std::string_view canonic
     auto firstSeen = stamp(at);
     std::lock_guard guard(queue_);
     auto& set = state_.seenByFolder[std::string(folderId)];
-    set.insert_or_assign(std::string(name), State::SeenEntry{firstSeen, std::string(canonicalId)});
-    encoded_.entrySet(state_, folderId, name);
+    auto stored = storedName(name);
+    set.insert_or_assign(stored, State::SeenEntry{firstSeen, std::string(canonicalId)});
+    encoded_.entrySet(state_, folderId, stored);
     persistLocked();
 }
 
@@ -673,7 +695,7 @@ void CaptureStateStore::markIndexed(std::vector<SeenName> files, std::string_vie
     std::lock_guard guard(queue_);
     auto& set = state_.seenByFolder[std::string(folderId)];
     for (auto& file : files) {
-        set.insert_or_assign(std::move(file.name), State::SeenEntry{firstSeen, std::move(file.canonicalId)});
+        set.insert_or_assign(storedName(file.name), State::SeenEntry{firstSeen, std::move(file.canonicalId)});
     }
     set.insert_or_assign(std::string(indexedMarker), State::SeenEntry{firstSeen, ""});
     encoded_.folderChanged(state_, folderId);
@@ -687,7 +709,7 @@ std::size_t CaptureStateStore::forget(const std::vector<std::string>& names, std
     auto& set = state_.seenByFolder[std::string(folderId)];
     std::size_t removed = 0;
     for (const auto& name : names) {
-        removed += set.erase(name);
+        removed += set.erase(storedName(name));
     }
     set.insert_or_assign(std::string(indexedMarker), State::SeenEntry{now, ""});
     encoded_.folderChanged(state_, folderId);

@@ -3,6 +3,10 @@
 #include "quillet_capture/config/Log.hpp"
 #include "quillet_capture/util/AtomicFile.hpp"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <system_error>
 
 namespace quillet {
@@ -46,6 +50,14 @@ void AgentManager::install(const std::string& executable, const Print& print)
     Paths::Layout where = layout();
     std::error_code ignored;
     fs::create_directories(where.logFolder, ignored);
+    // The agent's output carries every log line, like the log, which is owner-only; the
+    // service manager would create the file readable by everyone, and keeps the mode of one
+    // that exists.
+    int output = ::open(where.agentOutputFile.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+    if (output >= 0) {
+        ::fchmod(output, 0600);
+        ::close(output);
+    }
 
     std::string text = definition(executable);
     try {

@@ -533,8 +533,8 @@ void CaptureAgentHarness::expectConsistent(bool requireDone) const
             EXPECT_EQ(frontmatter.id, recording.id);
             EXPECT_EQ(frontmatter.audioPath, "_inbox/.audio/" + recording.id + ".m4a");
             if (requireDone) {
-                EXPECT_EQ(frontmatter.vdJobStatus, "done") << recording.id;
-                EXPECT_EQ(frontmatter.externalId, keys[recording.id]) << recording.id;
+                EXPECT_EQ(frontmatter.vdJobStatus.value_or(""), "done") << recording.id;
+                EXPECT_EQ(frontmatter.externalId.value_or(""), keys[recording.id]) << recording.id;
                 EXPECT_NE(InboxWriter::readBody(note).find(transcriptOf(recording.id)), std::string::npos)
                     << recording.id;
             }

@@ -95,6 +95,8 @@ public:
     /// Starts it and waits until its coordinator has started (its first index done), at most
     /// `seconds`; false when it did not.
     bool startAndWait(double seconds = 20);
+    /// The process id of the running agent (-1 when none runs).
+    int pid() const { return pid_; }
     /// True while the started agent has not ended.
     bool running();
     /// SIGKILL, and waits for the end.
@@ -149,7 +151,9 @@ private:
     std::map<std::string, std::optional<std::string>> environment() const;
 
     ScratchHome home_;
-    FakeVeldane service_;
+    // Connections wait up to 2 s for their request: the default, about 10 ms, makes a loaded
+    // machine's slow request an empty reply, a fault the tests did not ask for.
+    FakeVeldane service_{FakeVeldane::Options{.keepAliveSeconds = 2}};
     std::filesystem::path memos_;
     std::string fixture_;
     double pollInterval_ = 0;

@@ -44,6 +44,7 @@ std::string phaseOf(const std::string& message)
         {"deferring", "guarding"},
         {"resuming", "resuming"},
         {"coordinator started", "waiting for the first tick / guarding"},
+        {"access ->", "listing the folder at the first tick"},
         {"initial index complete", "indexing"},
         {"capture pipeline: started", "starting"},
         {"run ", "starting"},
@@ -64,7 +65,7 @@ std::string phaseOf(const std::string& message)
 // random seed QUILLET_CRASH_SEED (printed, so a failing run can be repeated).
 TEST(CrashConsistency, EveryRecordingIsCapturedOnceWhereverTheAgentIsKilled)
 {
-    const int kills = environmentNumber("QUILLET_CRASH_KILLS", 8);
+    const int kills = environmentNumber("QUILLET_CRASH_KILLS", 6);
     const unsigned seed = static_cast<unsigned>(environmentNumber("QUILLET_CRASH_SEED", std::random_device{}()));
     std::printf("[ crash    ] %d kills, seed %u\n", kills, seed);
     std::mt19937 random(seed);
@@ -89,9 +90,11 @@ TEST(CrashConsistency, EveryRecordingIsCapturedOnceWhereverTheAgentIsKilled)
 
     for (int kill = 0; kill < kills; ++kill) {
         // New recordings arrive only after the first index; before it they would be history.
+        // The guards take 2 s per new file and an agent lives about 4 s here, so recordings
+        // arrive about as fast as a killed agent can take them in.
         bool indexed = agent.indexed();
-        if (indexed && (chance(0.5) || kill == 1)) {
-            int batch = 1 + static_cast<int>(random() % 3);
+        if (indexed && (chance(0.25) || kill == 1 || kill == 3)) {
+            int batch = 1 + static_cast<int>(random() % 2);
             for (int i = 0; i < batch; ++i) {
                 // Some are large, so that copies take long enough for kills to land in them.
                 std::size_t padding = chance(0.3) ? 2u << 20 : 0;
@@ -106,7 +109,7 @@ TEST(CrashConsistency, EveryRecordingIsCapturedOnceWhereverTheAgentIsKilled)
         // Early kills hit the start (index, intake recovery, resume); later ones anything,
         // up to a first tick with its guards, uploads and a few status polls.
         double delay = !indexed || chance(0.2) ? uniform(0, 0.25) : uniform(0.25, 9);
-        if (indexed && chance(0.3)) {
+        if (indexed && chance(0.2)) {
             // A recording that arrives while the agent runs.
             double first = uniform(0, delay);
             std::this_thread::sleep_for(std::chrono::duration<double>(first));
@@ -121,7 +124,9 @@ TEST(CrashConsistency, EveryRecordingIsCapturedOnceWhereverTheAgentIsKilled)
         auto messages = agent.logMessages();
         std::string last = messages.size() > logSeen ? messages.back() : "";
         logSeen = messages.size();
-        std::string phase = uploading ? "uploading (request on the wire)" : phaseOf(last);
+        std::string phase = uploading      ? "uploading (request on the wire)"
+                            : last.empty() ? "starting, before its first log line"
+                                           : phaseOf(last);
         ++phases[phase == "other" ? "other <" + last.substr(0, 100) + ">" : phase];
         // The recorded upload bodies are not needed and would pile up.
         agent.service().reset();

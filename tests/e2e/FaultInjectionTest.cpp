@@ -373,7 +373,7 @@ TEST(FaultInjection, StateFileThatCannotBeReadLosesNothing)
 TEST(FaultInjection, StallsPastTheTimeOutsLeaveCapturesThatAreTakenUpAgain)
 {
     test::ScratchHome home;
-    test::FakeVeldane fake;
+    test::FakeVeldane fake{test::FakeVeldane::Options{.keepAliveSeconds = 2}};
     test::FakeClock clock;
     setenv("QUILLET_TOKEN_STORE", "file", 1);
     ASSERT_TRUE(Keychain::setDeviceToken(std::string("tok_stall_0123456789abcdef")));
