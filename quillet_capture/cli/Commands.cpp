@@ -5,16 +5,6 @@
 
 namespace quillet {
 
-namespace {
-
-// Commands whose machinery has not landed yet show the usage, like an unknown word.
-void notYet()
-{
-    usage();
-}
-
-} // namespace
-
 const std::vector<Command>& commandTable()
 {
     static const std::vector<Command> table = {

@@ -130,7 +130,7 @@ asio::awaitable<void> CaptureRetry::run(std::function<void(const Progress&)> onP
             runtime::onMain([onProgress, progress] { onProgress(progress); });
         }
     };
-    report({Progress::Kind::scanning});
+    report({.kind = Progress::Kind::scanning});
 
     auto inbox = inbox_();
     auto pending = ids(inbox, isRetryable, retryWatermark());

@@ -38,7 +38,7 @@ struct UploadTest : test::ServiceFixture {
 TEST_F(UploadTest, TheBodyIsByteExactWithEveryField)
 {
     fake.enqueue("POST", "sources", Answer::json(R"({"status":"queued","task_id":"t-1"})", 202));
-    std::string bytes("\x00\x01\xFFaudio\r\n--", 11);
+    std::string bytes("\x00\x01\xFF" "audio\r\n--", 12);
     auto file = audio("Memo 1.M4A", bytes);
     auto result = await(client.uploadAudio(file, "voice_memo", std::string("sv"), {"capture", "voice memo"},
                                            {{"device", "Mac"}, {"app", "quillet"}}));
