@@ -31,7 +31,7 @@ public:
         Kind kind;
         int index = 0;       // 1-based position of the current id (uploading, failed)
         int total = 0;       // ids of the run (from uploading on)
-        std::string id;      // the current id (uploading, failed)
+        std::string id = {}; // the current id (uploading, failed)
         int succeeded = 0;   // uploads accepted so far
         int failedCount = 0; // uploads that failed so far
     };
