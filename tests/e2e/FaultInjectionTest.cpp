@@ -220,6 +220,16 @@ TEST(FaultInjection, ServiceFailingAtRandomLosesNothing)
     }
     agent.dropSlowly(22, 2);
     pause(14);
+    // Few requests may have met few kinds of fault: more recordings until six kinds have
+    // been played (or a minute has passed, which the check below then reports).
+    auto kindsPlayed = [&] {
+        std::lock_guard guard(faults->lock);
+        return faults->played.size();
+    };
+    for (int extra = 0; extra < 15 && kindsPlayed() < 6; ++extra) {
+        agent.drop(30 + extra);
+        pause(4);
+    }
     faults->on = false;
     agent.waitForWriters();
 
