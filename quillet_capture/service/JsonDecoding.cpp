@@ -7,7 +7,8 @@ namespace quillet {
 
 namespace {
 
-using nlohmann::json;
+using simdjson::dom::element;
+using simdjson::dom::element_type;
 
 std::string localizedText(DecodeError::Kind kind)
 {
@@ -53,125 +54,209 @@ std::string DecodeError::debugDescription() const
 
 namespace JsonDecoding {
 
-json parse(std::string_view body)
+namespace {
+
+// The names a JSON value's kinds go by in the debug descriptions.
+const char* typeName(element value)
 {
-    try {
-        return json::parse(body.begin(), body.end());
-    } catch (const json::exception& error) {
-        throw DecodeError(DecodeError::Kind::dataCorrupted, "",
-                          std::string("The given data was not valid JSON. ") + error.what());
+    switch (value.type()) {
+    case element_type::ARRAY:
+        return "array";
+    case element_type::OBJECT:
+        return "object";
+    case element_type::INT64:
+    case element_type::UINT64:
+    case element_type::DOUBLE:
+        return "number";
+    case element_type::STRING:
+        return "string";
+    case element_type::BOOL:
+        return "boolean";
+    case element_type::NULL_VALUE:
+        break;
+    }
+    return "null";
+}
+
+std::optional<std::int64_t> wholeNumber(element value)
+{
+    switch (value.type()) {
+    case element_type::INT64:
+        return std::int64_t(value.get_int64());
+    case element_type::UINT64: {
+        std::uint64_t number = value.get_uint64();
+        if (number > static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max())) {
+            return std::nullopt;
+        }
+        return static_cast<std::int64_t>(number);
+    }
+    case element_type::DOUBLE: {
+        double number = value.get_double();
+        // 2^63 itself does not fit; every double below it that is whole does.
+        if (std::isfinite(number) && std::trunc(number) == number && number >= -9.223372036854775808e18 &&
+            number < 9.223372036854775808e18) {
+            return static_cast<std::int64_t>(number);
+        }
+        return std::nullopt;
+    }
+    default:
+        return std::nullopt;
     }
 }
 
-Object::Object(const json& value, std::string path) : value_(&value), path_(std::move(path))
+bool isNumber(element value)
 {
-    if (!value.is_object()) {
-        throw DecodeError(DecodeError::Kind::typeMismatch, path_,
-                          std::string("Expected to decode a dictionary but found ") + value.type_name() + ".");
+    auto type = value.type();
+    return type == element_type::INT64 || type == element_type::UINT64 || type == element_type::DOUBLE;
+}
+
+std::string text(element value)
+{
+    std::string_view view = value.get_string();
+    return std::string(view);
+}
+
+} // namespace
+
+// One parser per thread is kept for the next answer, unless a large answer grew it: answers
+// are small, and an idle agent should not hold megabytes for a rare large one.
+constexpr std::size_t kKeptParserCapacity = 256 * 1024;
+thread_local std::unique_ptr<simdjson::dom::parser> spareParser;
+
+Document::Document(std::string_view body)
+    : parser_(spareParser ? std::move(spareParser) : std::make_unique<simdjson::dom::parser>())
+{
+    // The parser copies the body into a padded buffer of its own.
+    auto error = parser_->parse(body.data(), body.size(), true).get(root_);
+    if (error) {
+        throw DecodeError(DecodeError::Kind::dataCorrupted, "",
+                          std::string("The given data was not valid JSON. ") + simdjson::error_message(error));
     }
+}
+
+Document::~Document()
+{
+    if (parser_ && parser_->capacity() <= kKeptParserCapacity) {
+        spareParser = std::move(parser_);
+    }
+}
+
+Document parse(std::string_view body)
+{
+    return Document(body);
+}
+
+Object::Object(const Document& document) : Object(document.root(), std::make_shared<const std::string>())
+{
+}
+
+Object::Object(element value, std::shared_ptr<const std::string> path, std::optional<std::size_t> index)
+    : path_(std::move(path)), index_(index)
+{
+    simdjson::dom::object object;
+    if (value.get(object)) {
+        throw DecodeError(DecodeError::Kind::typeMismatch, this->path(),
+                          std::string("Expected to decode a dictionary but found ") + typeName(value) + ".");
+    }
+    fields_.reserve(object.size());
+    for (auto field : object) {
+        fields_.emplace_back(field.key, field.value);
+    }
+}
+
+std::string Object::path() const
+{
+    if (!index_) {
+        return *path_;
+    }
+    return *path_ + ", Index " + std::to_string(*index_);
 }
 
 std::string Object::pathTo(std::string_view key) const
 {
     std::string quoted = "\"" + std::string(key) + "\"";
-    return path_.empty() ? quoted : path_ + ", " + quoted;
+    auto path = this->path();
+    return path.empty() ? quoted : path + ", " + quoted;
 }
 
-void Object::mismatch(std::string_view key, const char* expected, const json& found) const
+void Object::mismatch(std::string_view key, const char* expected, element found) const
 {
     throw DecodeError(DecodeError::Kind::typeMismatch, pathTo(key),
-                      std::string("Expected to decode ") + expected + " but found " + found.type_name() + ".");
+                      std::string("Expected to decode ") + expected + " but found " + typeName(found) + ".");
 }
 
-const json* Object::find(const char* key, bool required) const
+std::optional<element> Object::find(const char* key, bool required) const
 {
-    auto found = value_->find(key);
-    if (found == value_->end()) {
+    std::optional<element> found;
+    std::string_view wanted(key);
+    for (auto field = fields_.rbegin(); field != fields_.rend(); ++field) {
+        if (field->first == wanted) {
+            found = field->second;
+            break;
+        }
+    }
+    if (!found) {
         if (required) {
-            throw DecodeError(DecodeError::Kind::keyNotFound, path_,
+            throw DecodeError(DecodeError::Kind::keyNotFound, path(),
                               std::string("No value associated with key \\\"") + key + "\\\".");
         }
-        return nullptr;
+        return std::nullopt;
     }
     if (found->is_null()) {
         if (required) {
             throw DecodeError(DecodeError::Kind::valueNotFound, pathTo(key),
                               "Expected a value but found null instead.");
         }
-        return nullptr;
+        return std::nullopt;
     }
-    return &*found;
+    return found;
 }
-
-namespace {
-
-std::optional<std::int64_t> wholeNumber(const json& value)
-{
-    if (value.is_number_integer()) {
-        if (value.is_number_unsigned() &&
-            value.get<std::uint64_t>() > static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max())) {
-            return std::nullopt;
-        }
-        return value.get<std::int64_t>();
-    }
-    if (value.is_number_float()) {
-        double number = value.get<double>();
-        // 2^63 itself does not fit; every double below it that is whole does.
-        if (std::isfinite(number) && std::trunc(number) == number && number >= -9.223372036854775808e18 &&
-            number < 9.223372036854775808e18) {
-            return static_cast<std::int64_t>(number);
-        }
-    }
-    return std::nullopt;
-}
-
-} // namespace
 
 std::string Object::requiredString(const char* key) const
 {
-    const json* value = find(key, true);
+    auto value = find(key, true);
     if (!value->is_string()) {
         mismatch(key, "String", *value);
     }
-    return value->get<std::string>();
+    return text(*value);
 }
 
 std::optional<std::string> Object::optionalString(const char* key) const
 {
-    const json* value = find(key, false);
-    if (value == nullptr) {
+    auto value = find(key, false);
+    if (!value) {
         return std::nullopt;
     }
     if (!value->is_string()) {
         mismatch(key, "String", *value);
     }
-    return value->get<std::string>();
+    return text(*value);
 }
 
 bool Object::requiredBool(const char* key) const
 {
-    const json* value = find(key, true);
-    if (!value->is_boolean()) {
+    auto value = find(key, true);
+    if (!value->is_bool()) {
         mismatch(key, "Bool", *value);
     }
-    return value->get<bool>();
+    return bool(value->get_bool());
 }
 
 std::optional<bool> Object::optionalBool(const char* key) const
 {
-    const json* value = find(key, false);
-    if (value == nullptr) {
+    auto value = find(key, false);
+    if (!value) {
         return std::nullopt;
     }
-    if (!value->is_boolean()) {
+    if (!value->is_bool()) {
         mismatch(key, "Bool", *value);
     }
-    return value->get<bool>();
+    return bool(value->get_bool());
 }
 
 std::int64_t Object::requiredInt(const char* key) const
 {
-    const json* value = find(key, true);
+    auto value = find(key, true);
     auto number = wholeNumber(*value);
     if (!number) {
         mismatch(key, "Int", *value);
@@ -181,8 +266,8 @@ std::int64_t Object::requiredInt(const char* key) const
 
 std::optional<std::int64_t> Object::optionalInt(const char* key) const
 {
-    const json* value = find(key, false);
-    if (value == nullptr) {
+    auto value = find(key, false);
+    if (!value) {
         return std::nullopt;
     }
     auto number = wholeNumber(*value);
@@ -194,69 +279,73 @@ std::optional<std::int64_t> Object::optionalInt(const char* key) const
 
 std::optional<double> Object::optionalDouble(const char* key) const
 {
-    const json* value = find(key, false);
-    if (value == nullptr) {
+    auto value = find(key, false);
+    if (!value) {
         return std::nullopt;
     }
-    if (!value->is_number()) {
+    if (!isNumber(*value)) {
         mismatch(key, "Double", *value);
     }
-    return value->get<double>();
+    // Integers too, as doubles.
+    return double(value->get_double());
 }
 
 Object Object::requiredObject(const char* key) const
 {
-    const json* value = find(key, true);
+    auto value = find(key, true);
     if (!value->is_object()) {
         mismatch(key, "a dictionary", *value);
     }
-    return Object(*value, pathTo(key));
+    return Object(*value, std::make_shared<const std::string>(pathTo(key)));
 }
 
 std::optional<Object> Object::optionalObject(const char* key) const
 {
-    const json* value = find(key, false);
-    if (value == nullptr) {
+    auto value = find(key, false);
+    if (!value) {
         return std::nullopt;
     }
     if (!value->is_object()) {
         mismatch(key, "a dictionary", *value);
     }
-    return Object(*value, pathTo(key));
+    return Object(*value, std::make_shared<const std::string>(pathTo(key)));
 }
 
 std::vector<Object> Object::requiredObjectArray(const char* key) const
 {
-    const json* value = find(key, true);
-    if (!value->is_array()) {
+    auto value = find(key, true);
+    simdjson::dom::array array;
+    if (value->get(array)) {
         mismatch(key, "an array", *value);
     }
     std::vector<Object> elements;
-    elements.reserve(value->size());
+    elements.reserve(array.size());
+    auto path = std::make_shared<const std::string>(pathTo(key));
     std::size_t index = 0;
-    for (const auto& element : *value) {
-        elements.emplace_back(element, pathTo(key) + ", Index " + std::to_string(index++));
+    for (element item : array) {
+        elements.emplace_back(item, path, index++);
     }
     return elements;
 }
 
 std::optional<std::vector<std::string>> Object::optionalStringArray(const char* key) const
 {
-    const json* value = find(key, false);
-    if (value == nullptr) {
+    auto value = find(key, false);
+    if (!value) {
         return std::nullopt;
     }
-    if (!value->is_array()) {
+    simdjson::dom::array array;
+    if (value->get(array)) {
         mismatch(key, "an array", *value);
     }
     std::vector<std::string> strings;
     std::size_t index = 0;
-    for (const auto& element : *value) {
-        if (!element.is_string()) {
+    for (element item : array) {
+        if (!item.is_string()) {
             throw DecodeError(DecodeError::Kind::typeMismatch, pathTo(key) + ", Index " + std::to_string(index),
-                              std::string("Expected to decode String but found ") + element.type_name() + ".");
+                              std::string("Expected to decode String but found ") + typeName(item) + ".");
         }
-        strings.push_back(element.get<std::string>());
+        strings.push_back(text(item));
         ++index;
     }
     return strings;

@@ -1,9 +1,10 @@
 #pragma once
 
-#include <nlohmann/json.hpp>
+#include <simdjson.h>
 
 #include <cstdint>
 #include <exception>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -42,14 +43,38 @@ private:
 /// Reading models out of JSON answers; every failure is a DecodeError.
 namespace JsonDecoding {
 
-/// Parses `body` as one JSON value; text that is not JSON (or not UTF-8) is dataCorrupted.
-nlohmann::json parse(std::string_view body);
+/// One parsed answer. Its values live in the parser it owns, so Objects read from it must not
+/// outlive it.
+class Document {
+public:
+    /// Parses `body` as one JSON value; text that is not JSON (or not UTF-8) is dataCorrupted.
+    explicit Document(std::string_view body);
+    ~Document();
+    Document(Document&&) noexcept = default;
+    Document& operator=(Document&&) noexcept = default;
+
+    simdjson::dom::element root() const { return root_; }
+
+private:
+    // The parser holds the values' tape; a pointer, so that a moved Document keeps it in place.
+    // Parsers are reused (see JsonDecoding.cpp), so that a page of a listing does not pay for
+    // fresh buffers.
+    std::unique_ptr<simdjson::dom::parser> parser_;
+    simdjson::dom::element root_;
+};
+
+/// Parses `body` as one JSON value (see Document).
+Document parse(std::string_view body);
 
 /// A JSON object being decoded, with its path from the top for error messages.
 class Object {
 public:
-    /// `value` as an object; anything else is a typeMismatch.
-    Object(const nlohmann::json& value, std::string path = "");
+    /// The document's top value as an object; anything else is a typeMismatch.
+    explicit Object(const Document& document);
+    /// `value` as an object; anything else is a typeMismatch. `path` leads to it, followed by
+    /// ", Index n" for an element of an array.
+    Object(simdjson::dom::element value, std::shared_ptr<const std::string> path,
+           std::optional<std::size_t> index = std::nullopt);
 
     std::string requiredString(const char* key) const;
     std::optional<std::string> optionalString(const char* key) const;
@@ -65,14 +90,20 @@ public:
     std::optional<std::vector<std::string>> optionalStringArray(const char* key) const;
 
 private:
-    // The value under `key`, or null when absent or null (valueNotFound/keyNotFound when
-    // `required`).
-    const nlohmann::json* find(const char* key, bool required) const;
+    // The value under `key` (the last one when a key is repeated), or nothing when absent or
+    // null (valueNotFound/keyNotFound when `required`).
+    std::optional<simdjson::dom::element> find(const char* key, bool required) const;
+    // The path to this object, and to a value under `key` in it, for error messages: built only
+    // when an error needs it, so that decoding a page of a hundred objects makes no paths.
+    std::string path() const;
     std::string pathTo(std::string_view key) const;
-    [[noreturn]] void mismatch(std::string_view key, const char* expected, const nlohmann::json& found) const;
+    [[noreturn]] void mismatch(std::string_view key, const char* expected, simdjson::dom::element found) const;
 
-    const nlohmann::json* value_;
-    std::string path_;
+    // The fields in the order written, read once: every lookup scans this short list (from the
+    // end, so that a repeated key holds its last value) instead of the parser's tape.
+    std::vector<std::pair<std::string_view, simdjson::dom::element>> fields_;
+    std::shared_ptr<const std::string> path_;
+    std::optional<std::size_t> index_;
 };
 
 } // namespace JsonDecoding

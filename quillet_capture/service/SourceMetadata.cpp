@@ -24,17 +24,43 @@ SourceMetadata decodeItem(const JsonDecoding::Object& item)
 
 } // namespace
 
+struct SourceListPage::Parsed {
+    JsonDecoding::Document document;
+    JsonDecoding::Object page;
+
+    explicit Parsed(std::string_view body) : document(body), page(document) {}
+};
+
+SourceListPage::SourceListPage(std::string_view body) : parsed_(std::make_unique<Parsed>(body))
+{
+    const auto& page = parsed_->page;
+    count_ = page.requiredInt("count");
+    hasMore_ = page.requiredBool("has_more");
+    nextCursor_ = page.optionalString("next_cursor");
+}
+
+SourceListPage::SourceListPage(SourceListPage&&) noexcept = default;
+SourceListPage::~SourceListPage() = default;
+
+std::vector<SourceMetadata> SourceListPage::files() const
+{
+    std::vector<SourceMetadata> files;
+    auto items = parsed_->page.requiredObjectArray("files");
+    files.reserve(items.size());
+    for (const auto& item : items) {
+        files.push_back(decodeItem(item));
+    }
+    return files;
+}
+
 SourceListResponse SourceListResponse::decode(std::string_view body)
 {
-    auto json = JsonDecoding::parse(body);
-    JsonDecoding::Object page(json);
+    SourceListPage page(body);
     SourceListResponse response;
-    for (const auto& item : page.requiredObjectArray("files")) {
-        response.files.push_back(decodeItem(item));
-    }
-    response.count = page.requiredInt("count");
-    response.has_more = page.requiredBool("has_more");
-    response.next_cursor = page.optionalString("next_cursor");
+    response.files = page.files();
+    response.count = page.count();
+    response.has_more = page.hasMore();
+    response.next_cursor = page.nextCursor();
     return response;
 }
 

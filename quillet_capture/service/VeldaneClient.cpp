@@ -20,6 +20,7 @@
 #include <cctype>
 #include <cstdio>
 #include <cstdlib>
+#include <future>
 #include <memory>
 
 namespace quillet {
@@ -363,26 +364,34 @@ void VeldaneClient::checkOK(const HttpTransport::Response& answer)
     throw ClientError::requestFailed(status, textOrBinary(answer.body));
 }
 
-asio::awaitable<std::string> VeldaneClient::get(std::string url) const
+HttpTransport::Request VeldaneClient::getRequest(std::string url) const
 {
     HttpTransport::Request request;
     request.method = "GET";
     request.url = std::move(url);
     request.timeout = std::chrono::duration<double>(timeouts_.request);
     request.maxResponseBytes = timeouts_.maxResponseBytes;
+    return request;
+}
+
+std::string VeldaneClient::sendGet(HttpTransport::Request request)
+{
+    auto authorization = Keychain::authorizationHeader();
+    if (!authorization) {
+        throw ClientError::missingCredentials();
+    }
+    request.headers = clientHeaders(*authorization);
+    auto answer = HttpTransport::perform(request);
+    checkOK(answer);
+    return std::move(answer.body);
+}
+
+asio::awaitable<std::string> VeldaneClient::get(std::string url) const
+{
     // The token is read and the request sent in one trip to the blocking pool: each trip
     // costs two thread wake-ups, which add up over a listing of two hundred pages.
-    auto send = [request = std::move(request)]() mutable {
-        auto authorization = Keychain::authorizationHeader();
-        if (!authorization) {
-            throw ClientError::missingCredentials();
-        }
-        request.headers = clientHeaders(*authorization);
-        return HttpTransport::perform(request);
-    };
-    auto answer = co_await runtime::blocking(std::move(send));
-    checkOK(answer);
-    co_return std::move(answer.body);
+    auto send = [request = getRequest(std::move(url))]() mutable { return sendGet(std::move(request)); };
+    co_return co_await runtime::blocking(std::move(send));
 }
 
 asio::awaitable<VeldaneClient::UploadResult> VeldaneClient::uploadAudio(std::filesystem::path fileURL,
@@ -477,30 +486,51 @@ asio::awaitable<std::optional<std::string>> VeldaneClient::cacheKey(std::string 
 
 asio::awaitable<std::vector<SourceMetadata>> VeldaneClient::listAllSources(IncludeDeleted includeDeleted)
 {
+    const bool deleted = includeDeleted == IncludeDeleted::yes;
+    // The next page is asked for as soon as this page's cursor is known, and fetched on the
+    // blocking pool while this page's files are decoded here. What it brings (or throws) is
+    // taken at the top of the next round, so errors come in the order of a page-by-page loop.
+    std::optional<std::future<std::string>> pending;
+    auto request = [&](const std::optional<std::string>& cursor) {
+        auto url = listingURL(deleted, cursor);
+        if (!url) {
+            pending.reset();
+            return;
+        }
+        std::packaged_task<std::string()> send([request = getRequest(std::move(*url))]() mutable {
+            return sendGet(std::move(request));
+        });
+        pending = send.get_future();
+        asio::post(runtime::blockingPool(), std::move(send));
+    };
+
     std::vector<SourceMetadata> items;
-    std::optional<std::string> cursor;
+    request(std::nullopt);
     // Counted down from 200 and tested before the cursor: the 200th page is always an error,
     // even when it is the last one. That bound is part of the contract.
     for (int pagesLeft = kListingPageLimit;; --pagesLeft) {
-        auto url = listingURL(includeDeleted == IncludeDeleted::yes, cursor);
-        if (!url) {
+        if (!pending) {
             throw ClientError::malformedResponse("list: could not build URL");
         }
-        auto body = co_await get(*url);
-        SourceListResponse page;
+        auto take = [answer = std::move(*pending)]() mutable { return answer.get(); };
+        pending.reset();
+        auto body = co_await runtime::blocking(std::move(take));
         try {
-            page = SourceListResponse::decode(body);
+            SourceListPage page(body);
+            auto cursor = page.hasMore() ? page.nextCursor() : std::nullopt;
+            if (cursor && pagesLeft > 1) {
+                request(cursor);
+            }
+            auto files = page.files();
+            items.insert(items.end(), std::make_move_iterator(files.begin()), std::make_move_iterator(files.end()));
+            if (pagesLeft <= 1) {
+                throw ClientError::malformedResponse("list: pagination exceeded 200 pages");
+            }
+            if (!cursor) {
+                co_return items;
+            }
         } catch (const DecodeError& error) {
             throw ClientError::malformedResponse("list: " + error.localizedDescription());
-        }
-        items.insert(items.end(), std::make_move_iterator(page.files.begin()),
-                     std::make_move_iterator(page.files.end()));
-        cursor = page.has_more ? page.next_cursor : std::nullopt;
-        if (pagesLeft <= 1) {
-            throw ClientError::malformedResponse("list: pagination exceeded 200 pages");
-        }
-        if (!cursor) {
-            co_return items;
         }
     }
 }

@@ -223,6 +223,10 @@ private:
     // The authenticated GET of every read operation: missingCredentials before anything is
     // sent, then the common headers, the request time-out, and checkOK.
     asio::awaitable<std::string> get(std::string url) const;
+    // The request of get(), sent on the calling thread.
+    static std::string sendGet(HttpTransport::Request request);
+    // The request of get() for `url`, without the time-out and size limits' defaults.
+    HttpTransport::Request getRequest(std::string url) const;
     // base + path with the listing's query items, or absent when no URL can be formed.
     std::optional<std::string> listingURL(bool includeDeleted, const std::optional<std::string>& before) const;
 
