@@ -1,20 +1,28 @@
 #include "quillet_capture/platform/AudioDuration.hpp"
 
-#include <taglib/audioproperties.h>
-#include <taglib/fileref.h>
+#include "quillet_capture/platform/LazyLibrary.hpp"
 
 namespace quillet::AudioDuration {
 
+namespace {
+
+// The TagLib module (platform/taglib/), beside the program or where the build put it.
+LazyLibrary& tagLibModule()
+{
+    static LazyLibrary module{QUILLET_TAGLIB_MODULE, "libquillet-taglib.so"};
+    return module;
+}
+
+} // namespace
+
 std::optional<double> read(const std::filesystem::path& file)
 {
-    TagLib::FileRef ref(file.c_str());
-    if (ref.isNull() || ref.audioProperties() == nullptr) {
-        return std::nullopt;
-    }
+    static const auto durationMilliseconds =
+        tagLibModule().function<long (*)(const char*)>("quillet_audio_duration_ms");
     // TagLib reports 0 both for a file it recognises by name but cannot read (a text file
     // called .wav) and for a length it could not work out. Neither is a measured duration, and
     // reading it as one would throw a real recording away as too short.
-    int milliseconds = ref.audioProperties()->lengthInMilliseconds();
+    long milliseconds = durationMilliseconds(file.c_str());
     if (milliseconds <= 0) {
         return std::nullopt;
     }
