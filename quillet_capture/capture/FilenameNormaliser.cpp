@@ -1,8 +1,13 @@
 #include "quillet_capture/capture/FilenameNormaliser.hpp"
 
+#include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
+#include <mutex>
+#include <optional>
 #include <regex>
+#include <string>
 
 namespace quillet {
 
@@ -27,6 +32,62 @@ constexpr const char* kPattern =
 // it can exhaust a thread's stack.
 constexpr size_t kMaxNameLength = 1024;
 
+struct Matched {
+    std::string digits;  // the date's eight digits and the time's six
+    std::string hexId;
+};
+
+// The pattern's common case read without the regex engine (about 1.5 us a name, which a first
+// index of ten thousand recordings paid for each): eight ASCII digits, ASCII blanks, six
+// digits, an optional "-" and hex id, ".m4a", and nothing after. A name of another form (other
+// white space, a final line terminator, no match at all) is left to the pattern, which decides.
+std::optional<Matched> matchPlain(std::string_view name)
+{
+    auto isDigit = [](char c) { return c >= '0' && c <= '9'; };
+    auto isBlank = [](char c) { return c == ' ' || c == '\t' || c == '\v' || c == '\f'; };
+    auto isHex = [&](char c) { return isDigit(c) || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F'); };
+    size_t at = 0;
+    auto digitsAt = [&](size_t count) {
+        if (name.size() < at + count) {
+            return false;
+        }
+        for (size_t i = at; i < at + count; ++i) {
+            if (!isDigit(name[i])) {
+                return false;
+            }
+        }
+        return true;
+    };
+    if (!digitsAt(8)) {
+        return std::nullopt;
+    }
+    Matched matched{std::string(name.substr(0, 8)), ""};
+    at = 8;
+    size_t blanks = at;
+    while (at < name.size() && isBlank(name[at])) {
+        ++at;
+    }
+    if (at == blanks || !digitsAt(6)) {
+        return std::nullopt;
+    }
+    matched.digits.append(name.substr(at, 6));
+    at += 6;
+    if (at < name.size() && name[at] == '-') {
+        size_t hex = ++at;
+        while (at < name.size() && isHex(name[at])) {
+            ++at;
+        }
+        if (at == hex) {
+            return std::nullopt;
+        }
+        matched.hexId = std::string(name.substr(hex, at - hex));
+    }
+    if (name.substr(at) != ".m4a") {
+        return std::nullopt;
+    }
+    return matched;
+}
+
 const std::regex& voiceMemosPattern()
 {
     // A function-local static is initialised once, thread-safely; a constant pattern that
@@ -50,38 +111,46 @@ bool sameWallClock(const std::tm& a, const std::tm& b)
            a.tm_hour == b.tm_hour && a.tm_min == b.tm_min && a.tm_sec == b.tm_sec;
 }
 
-// The instant at which the local clock of the current time zone shows `wanted`. mktime
-// silently normalises impossible fields (month 13 becomes January of the next year, a time
-// skipped by a daylight-saving change is moved an hour), so each candidate is converted back
-// and kept only if it shows exactly the wanted fields. A time shown twice (when the clocks go
-// back) is read as its later occurrence, as the date formatter of the recording app does.
+// Follows the time zone in force: tzset() reads TZ and, without it, looks at /etc/localtime
+// again (a stat on every call, which a first index of ten thousand names paid twice per name).
+// It is called again at once when TZ changes, and otherwise at most once a second, so that a
+// change of the system's zone is followed within a second.
+void refreshTimeZone()
+{
+    static std::mutex lock;
+    static bool called = false;
+    static std::optional<std::string> lastTZ;
+    static std::chrono::steady_clock::time_point lastCall;
+    const char* tz = std::getenv("TZ");
+    auto now = std::chrono::steady_clock::now();
+    std::lock_guard guard(lock);
+    bool changed = tz == nullptr ? lastTZ.has_value() : (!lastTZ || *lastTZ != tz);
+    if (!called || changed || now - lastCall >= std::chrono::seconds(1)) {
+        tzset();
+        called = true;
+        lastCall = now;
+        lastTZ = tz == nullptr ? std::nullopt : std::optional<std::string>(tz);
+    }
+}
+
+// The instant at which the local clock of the current time zone shows `wanted`. The fields
+// read as UTC give a guess; the zone's offsets a day either side of it (one of which is the
+// offset in force at the instant, as no zone changes its offset twice in two days) give the
+// candidates, and each is kept only if the local clock shows exactly the wanted fields there.
+// That rejects impossible fields (a 30 February, a time skipped when the clocks go forward),
+// which a plain conversion would silently move. A time shown twice (when the clocks go back)
+// is read as its later occurrence, as the date formatter of the recording app does.
 std::optional<std::time_t> instantOfLocalTime(const std::tm& wanted)
 {
-    // Where the zone's offset is the same a day before and a day after, the wall-clock time
-    // names exactly one instant, and mktime's own guess is it. The probes below with a fixed
-    // daylight-saving flag are kept for times near a change: given a flag that the zone does not
-    // use at that date, glibc's mktime searches years of time for it (about 100 us per name,
-    // which a first index of a folder of ten thousand recordings paid for each one).
-    {
-        std::tm probe = wanted;
-        probe.tm_isdst = -1;
-        std::time_t candidate = std::mktime(&probe);
-        std::tm back{};
-        std::tm before{};
-        std::tm after{};
-        std::time_t dayBefore = candidate - 86400;
-        std::time_t dayAfter = candidate + 86400;
-        if (localtime_r(&candidate, &back) != nullptr && sameWallClock(back, wanted) &&
-            localtime_r(&dayBefore, &before) != nullptr && localtime_r(&dayAfter, &after) != nullptr &&
-            before.tm_gmtoff == back.tm_gmtoff && after.tm_gmtoff == back.tm_gmtoff) {
-            return candidate;
-        }
-    }
+    std::tm fields = wanted;
+    std::time_t asUtc = timegm(&fields);
     std::optional<std::time_t> found;
-    for (int isDst : {-1, 0, 1}) {
-        std::tm probe = wanted;
-        probe.tm_isdst = isDst;
-        std::time_t candidate = std::mktime(&probe);
+    for (std::time_t probe : {asUtc - 86400, asUtc, asUtc + 86400}) {
+        std::tm there{};
+        if (localtime_r(&probe, &there) == nullptr) {
+            continue;
+        }
+        std::time_t candidate = asUtc - there.tm_gmtoff;
         std::tm back{};
         if (localtime_r(&candidate, &back) == nullptr || !sameWallClock(back, wanted)) {
             continue;
@@ -106,8 +175,7 @@ std::optional<TimePoint> timePointOf(std::time_t seconds)
 
 std::string formatCanonicalId(TimePoint time)
 {
-    // Read TZ afresh, so that the id follows the time zone in force at the moment of the call.
-    tzset();
+    refreshTimeZone();
     std::time_t seconds = std::chrono::floor<std::chrono::seconds>(time).time_since_epoch().count();
     std::tm local{};
     if (localtime_r(&seconds, &local) == nullptr) {
@@ -129,13 +197,17 @@ std::optional<Parsed> parse(std::string_view name)
     if (name.size() > kMaxNameLength) {
         return std::nullopt;
     }
-    std::match_results<std::string_view::const_iterator> match;
-    if (!std::regex_search(name.begin(), name.end(), match, voiceMemosPattern()) || match.size() != 4 ||
-        !match[1].matched || !match[2].matched) {
-        return std::nullopt;
+    auto plain = matchPlain(name);
+    if (!plain) {
+        std::match_results<std::string_view::const_iterator> match;
+        if (!std::regex_search(name.begin(), name.end(), match, voiceMemosPattern()) || match.size() != 4 ||
+            !match[1].matched || !match[2].matched) {
+            return std::nullopt;
+        }
+        plain = Matched{match[1].str() + match[2].str(), match[3].matched ? match[3].str() : std::string()};
     }
-    std::string digits = match[1].str() + match[2].str();
-    std::string hexId = match[3].matched ? match[3].str() : std::string();
+    std::string digits = std::move(plain->digits);
+    std::string hexId = std::move(plain->hexId);
 
     std::tm wanted{};
     int year = number(digits, 0, 4);
@@ -149,6 +221,7 @@ std::optional<Parsed> parse(std::string_view name)
     if (year == 0) {
         return std::nullopt;
     }
+    refreshTimeZone();
     auto seconds = instantOfLocalTime(wanted);
     if (!seconds) {
         return std::nullopt;
