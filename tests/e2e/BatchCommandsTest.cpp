@@ -17,6 +17,8 @@
 
 #include <gtest/gtest.h>
 
+#include <mutex>
+
 #include <nlohmann/json.hpp>
 
 #include <future>
@@ -343,6 +345,8 @@ TEST_F(BatchCommandsTest, RetryAndSyncNeedSetupAndAToken)
 // sync
 
 struct SyncCommandTest : BatchCommandsTest {
+    // Read by the fake service's threads, grown by the test between runs of the program.
+    std::mutex libraryLock;
     json library = json::array();
     std::set<std::string> failing;
 
@@ -351,6 +355,7 @@ struct SyncCommandTest : BatchCommandsTest {
         fake.route("GET", "sources", [this](const FakeVeldane::Request& request) {
             // Pages of ten.
             std::size_t page = request.queryItem("before") ? std::stoul(*request.queryItem("before")) : 0;
+            std::lock_guard guard(libraryLock);
             json files = json::array();
             for (std::size_t i = page * 10; i < library.size() && i < page * 10 + 10; ++i) {
                 files.push_back(library[i]);
@@ -364,6 +369,7 @@ struct SyncCommandTest : BatchCommandsTest {
         });
         fake.fallback([this](const FakeVeldane::Request& request) {
             std::string key = request.endpoint.substr(std::string("sources/").size());
+            std::lock_guard guard(libraryLock);
             if (failing.contains(key)) {
                 return Answer::json("boom", 500);
             }
@@ -374,6 +380,7 @@ struct SyncCommandTest : BatchCommandsTest {
 
     void add(int count, bool deleted = false)
     {
+        std::lock_guard guard(libraryLock);
         for (int i = 0; i < count; ++i) {
             int n = static_cast<int>(library.size());
             library.push_back({{"cache_key", "src-" + std::to_string(n)},
@@ -442,7 +449,10 @@ TEST_F(SyncCommandTest, BringsDownTwentyFiveItemsOnceAndNeverFetchesDeletedOnes)
 TEST_F(SyncCommandTest, FailedItemsEndWithStatusOneAfterTheDoneLine)
 {
     add(3);
-    failing = {"src-1"};
+    {
+        std::lock_guard guard(libraryLock);
+        failing = {"src-1"};
+    }
     auto result = run({"sync"});
     EXPECT_EQ(result.status, 1);
     EXPECT_EQ(result.output, "Listing your Veldane library...\n"
