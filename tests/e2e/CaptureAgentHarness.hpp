@@ -151,9 +151,6 @@ private:
     std::map<std::string, std::optional<std::string>> environment() const;
 
     ScratchHome home_;
-    // Connections wait up to 2 s for their request: the default, about 10 ms, makes a loaded
-    // machine's slow request an empty reply, a fault the tests did not ask for.
-    FakeVeldane service_{FakeVeldane::Options{.keepAliveSeconds = 2}};
     std::filesystem::path memos_;
     std::string fixture_;
     double pollInterval_ = 0;
@@ -171,6 +168,12 @@ private:
 
     std::vector<std::thread> writers_;
     int pid_ = -1;
+
+    // Last, so that it is stopped first: a request of a killed agent may still be answered,
+    // and its answer reads the maps above. Connections wait up to 2 s for their request: the
+    // default, about 10 ms, makes a loaded machine's slow request an empty reply, a fault the
+    // tests did not ask for.
+    FakeVeldane service_{FakeVeldane::Options{.keepAliveSeconds = 2}};
 };
 
 } // namespace quillet::test
