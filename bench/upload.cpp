@@ -253,7 +253,7 @@ int main(int argc, char** argv)
     std::printf("upload %ld MiB: quillet %.0f MiB/s, curl --data-binary (%ld MiB) %.0f MiB/s, ratio %.2f "
                 "(budget >= 0.80) %s\n",
                 mebibytes, ourRate, curlMebibytes, curlRate, ratio, ratio >= 0.8 ? "PASS" : "FAIL");
-    std::printf("upload %ld MiB: quillet peak resident %.1f MiB (curl --data-binary %.1f MiB), budget <= 32 MB %s\n",
+    std::printf("upload %ld MiB: quillet peak resident %.1f MiB (curl --data-binary %.1f MiB) (budget <= 32 MB) %s\n",
                 mebibytes, peakMB, curlPeak / 1024.0, peak * 1024.0 <= 32e6 ? "PASS" : "FAIL");
     return 0;
 }
