@@ -35,6 +35,11 @@ inline void check(bool condition, const char* what)
 /// `body` parsed as JSON, or absent when it is not JSON.
 inline std::optional<json> parsed(std::string_view body)
 {
+    // JSON text cannot hold a raw NUL byte (it is not white space, and inside strings control
+    // characters must be escaped); nlohmann/json stops reading at one as if the text ended there.
+    if (body.find('\0') != std::string_view::npos) {
+        return std::nullopt;
+    }
     json value = json::parse(body.begin(), body.end(), nullptr, false);
     if (value.is_discarded()) {
         return std::nullopt;

@@ -63,8 +63,11 @@ TEST(JsonDecoding, EachFailureHasItsKindAndThePathToTheValue)
 
 TEST(JsonDecoding, TextThatIsNotJsonIsCorruptedData)
 {
-    for (std::string_view body : {"", "<html>502</html>", R"({"files": [)", R"({"count": 1} trailing)",
-                                  "{\"files\": [], \"count\": 1, \"has_more\": false, \"x\": \"\xff\"}"}) {
+    using namespace std::string_view_literals;
+    for (std::string_view body : {""sv, "<html>502</html>"sv, R"({"files": [)"sv, R"({"count": 1} trailing)"sv,
+                                  // A NUL byte does not end the text (the fuzzer's finds).
+                                  "{}\0\0\0"sv, "1\0\0"sv,
+                                  "{\"files\": [], \"count\": 1, \"has_more\": false, \"x\": \"\xff\"}"sv}) {
         EXPECT_EQ(failure(body).first, Kind::dataCorrupted) << body;
     }
     try {
