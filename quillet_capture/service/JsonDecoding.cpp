@@ -123,11 +123,69 @@ std::string text(element value)
 constexpr std::size_t kKeptParserCapacity = 256 * 1024;
 thread_local std::unique_ptr<simdjson::dom::parser> spareParser;
 
+// `body` with every integer literal too long for 64 bits written as a decimal (a ".0" added).
+// simdjson keeps integers in 64 bits and refuses a text with a longer one (a number error, as
+// for a malformed number, which the rewriting leaves as it is), though JSON allows it
+// and a plain decoder reads as a double; the text rewritten so reads the same way.
+std::string withLongIntegersAsDecimals(std::string_view body)
+{
+    auto fits = [](std::string_view digits, bool negative) {
+        std::string_view limit = negative ? "9223372036854775808" : "18446744073709551615";
+        return digits.size() < limit.size() || (digits.size() == limit.size() && digits <= limit);
+    };
+    std::string out;
+    out.reserve(body.size() + 16);
+    bool inString = false;
+    for (size_t i = 0; i < body.size();) {
+        char c = body[i];
+        if (inString) {
+            out += c;
+            if (c == '\\' && i + 1 < body.size()) {
+                out += body[i + 1];
+                i += 2;
+                continue;
+            }
+            inString = c != '"';
+            ++i;
+            continue;
+        }
+        if (c == '"') {
+            inString = true;
+            out += c;
+            ++i;
+            continue;
+        }
+        if (c == '-' || (c >= '0' && c <= '9')) {
+            size_t end = i;
+            while (end < body.size() && std::string_view("0123456789+-.eE").find(body[end]) != std::string_view::npos) {
+                ++end;
+            }
+            std::string_view number = body.substr(i, end - i);
+            out.append(number);
+            bool negative = number.front() == '-';
+            std::string_view digits = number.substr(negative ? 1 : 0);
+            if (!digits.empty() && digits.find_first_not_of("0123456789") == std::string_view::npos &&
+                !fits(digits, negative)) {
+                out += ".0";
+            }
+            i = end;
+            continue;
+        }
+        out += c;
+        ++i;
+    }
+    return out;
+}
+
 Document::Document(std::string_view body)
     : parser_(spareParser ? std::move(spareParser) : std::make_unique<simdjson::dom::parser>())
 {
     // The parser copies the body into a padded buffer of its own.
     auto error = parser_->parse(body.data(), body.size(), true).get(root_);
+    if (error == simdjson::NUMBER_ERROR) {
+        auto rewritten = withLongIntegersAsDecimals(body);
+        error = parser_->parse(rewritten.data(), rewritten.size(), true).get(root_);
+    }
     if (error) {
         throw DecodeError(DecodeError::Kind::dataCorrupted, "",
                           std::string("The given data was not valid JSON. ") + simdjson::error_message(error));

@@ -57,6 +57,14 @@ TEST(JsonDecoding, EachFailureHasItsKindAndThePathToTheValue)
     EXPECT_EQ(failure(R"({"files": [], "count": 9223372036854775808, "has_more": false})").first, Kind::typeMismatch)
         << "one past the largest 64-bit integer";
     EXPECT_EQ(failure(R"({"files": [], "count": 1, "has_more": "yes"})").first, Kind::typeMismatch);
+    // Integers longer than 64 bits are JSON (read as doubles), so a wrong type, not corrupted data.
+    EXPECT_EQ(failure(R"({"files": [], "count": 55555555555555555555555555, "has_more": false})").first,
+              Kind::typeMismatch);
+    auto page = SourceListResponse::decode(
+        R"({"files": [{"cache_key": "k\"1", "duration": -123456789012345678901234}], "count": 1, )"
+        R"("has_more": false})");
+    EXPECT_EQ(page.files.at(0).cache_key, "k\"1");
+    EXPECT_EQ(page.files.at(0).duration, -123456789012345678901234.0);
     EXPECT_EQ(failure(R"([])").second,
               R"(typeMismatch(codingPath: [], debugDescription: "Expected to decode a dictionary but found array."))");
 }
