@@ -2,14 +2,23 @@
 
 #include "quillet_capture/platform/LazyLibrary.hpp"
 
+#include <string>
+#include <system_error>
+
 namespace quillet::AudioDuration {
 
 namespace {
 
-// The TagLib module (platform/taglib/), beside the program or where the build put it.
+// The TagLib module (platform/taglib/): where the build put it, beside the program, or on the
+// library path.
 LazyLibrary& tagLibModule()
 {
-    static LazyLibrary module{QUILLET_TAGLIB_MODULE, "libquillet-taglib.so"};
+    static const std::string besideProgram = [] {
+        std::error_code error;
+        auto program = std::filesystem::read_symlink("/proc/self/exe", error);
+        return (program.parent_path() / "libquillet-taglib.so").string();
+    }();
+    static LazyLibrary module{QUILLET_TAGLIB_MODULE, besideProgram.c_str(), "libquillet-taglib.so"};
     return module;
 }
 
