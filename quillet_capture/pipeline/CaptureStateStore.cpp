@@ -708,11 +708,8 @@ void CaptureStateStore::markIndexed(std::vector<SeenName> files, std::string_vie
     auto firstSeen = stamp(at);
     std::lock_guard guard(queue_);
     auto& set = state_.seenByFolder[std::string(folderId)];
-    // In name order, each after the last: a set that was empty (a first index) grows at its end
-    // instead of being searched ten thousand times.
-    std::sort(files.begin(), files.end(), [](const SeenName& a, const SeenName& b) { return a.name < b.name; });
     for (auto& file : files) {
-        set.insert_or_assign(set.end(), keyOf(std::move(file.name)), State::SeenEntry{firstSeen, std::move(file.canonicalId)});
+        set.insert_or_assign(keyOf(std::move(file.name)), State::SeenEntry{firstSeen, std::move(file.canonicalId)});
     }
     set.insert_or_assign(std::string(indexedMarker), State::SeenEntry{firstSeen, ""});
     encoded_.folderChanged(state_, folderId);
