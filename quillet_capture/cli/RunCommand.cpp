@@ -45,6 +45,13 @@ void applyTestPollInterval()
 
 void cmdRun()
 {
+    // First: a stop that arrives while the agent starts (reading settings, the token) is held
+    // until the event loop runs and ends the process cleanly, instead of killing it.
+    runtime::handleSignal(SIGTERM, [] {
+        rlog("[quillet] capture-cli: stopping (SIGTERM)");
+        runtime::exitProcess(0);
+    });
+
     rlog("[quillet] capture-cli: run %@ (%@, " + System::osName() + " %@)", toolVersion, System::hostName(),
          System::osVersion());
 
@@ -62,11 +69,6 @@ void cmdRun()
         rlog("[quillet] capture-cli: upload is on but this Mac is not paired -- run pair. Capturing to the vault "
              "only until then.");
     }
-
-    runtime::handleSignal(SIGTERM, [] {
-        rlog("[quillet] capture-cli: stopping (SIGTERM)");
-        runtime::exitProcess(0);
-    });
 
     // A capture task must never take the agent down; what escapes one is logged.
     runtime::setTaskFailureHandler([](const std::string& name, std::exception_ptr error) {

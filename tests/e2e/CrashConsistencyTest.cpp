@@ -141,8 +141,9 @@ TEST(CrashConsistency, EveryRecordingIsCapturedOnceWhereverTheAgentIsKilled)
     }
     const double killing = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
 
-    // The last run is left alone until everything is done.
-    agent.start();
+    // The last run is left alone until everything is done. Waiting for its start keeps the
+    // final stop from landing while the process is still being loaded, before it can handle it.
+    ASSERT_TRUE(agent.startAndWait());
     const double budget = 60 + 3.0 * static_cast<double>(agent.recordings().size());
     bool done = agent.waitUntilAllDone(budget);
     EXPECT_EQ(agent.stop(), 0);
