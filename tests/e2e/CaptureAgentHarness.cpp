@@ -331,6 +331,7 @@ std::map<std::string, std::optional<std::string>> CaptureAgentHarness::environme
 void CaptureAgentHarness::start()
 {
     ASSERT_LT(pid_, 0) << "an agent is already running";
+    runsBefore_ = runsLogged();
     auto output = home() / "agent-output.log";
     auto environment = this->environment();
     std::string program = programPath();
@@ -397,6 +398,12 @@ int CaptureAgentHarness::stop()
     if (pid_ <= 0) {
         return -1;
     }
+    // The agent arms its SIGTERM handler before its first log line; a stop sent earlier, while
+    // the process is still being loaded, would end it with the default action.
+    auto armed = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (runsLogged() <= runsBefore_ && std::chrono::steady_clock::now() < armed) {
+        sleepFor(0.02);
+    }
     ::kill(pid_, SIGTERM);
     int status = 0;
     auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
@@ -420,6 +427,14 @@ ProcessResult CaptureAgentHarness::runCommand(const std::vector<std::string>& ar
 std::string CaptureAgentHarness::agentOutput() const
 {
     return readFile(home() / "agent-output.log");
+}
+
+std::size_t CaptureAgentHarness::runsLogged() const
+{
+    auto messages = logMessages();
+    return static_cast<std::size_t>(std::count_if(messages.begin(), messages.end(), [](const std::string& message) {
+        return message.starts_with("[quillet] capture-cli: run ");
+    }));
 }
 
 std::vector<std::string> CaptureAgentHarness::logMessages() const

@@ -149,6 +149,8 @@ private:
     Answer upload(const Request& request);
     double draw(double low, double high);
     std::map<std::string, std::optional<std::string>> environment() const;
+    // How many starts of `run` the log holds.
+    std::size_t runsLogged() const;
 
     ScratchHome home_;
     std::filesystem::path memos_;
@@ -168,6 +170,7 @@ private:
 
     std::vector<std::thread> writers_;
     int pid_ = -1;
+    std::size_t runsBefore_ = 0;  // runsLogged() when the agent was last started
 
     // Last, so that it is stopped first: a request of a killed agent may still be answered,
     // and its answer reads the maps above. Connections wait up to 2 s for their request: the
