@@ -55,14 +55,15 @@ CaptureAccess::Listing FolderWatcher::listing() const
     return CaptureAccess::list(folder_.url(), extensions(), folder_.enabled);
 }
 
-std::optional<FolderWatcher::TimePoint> FolderWatcher::startTime(const fs::path& file) const
+std::optional<FolderWatcher::TimePoint> FolderWatcher::startTime(const fs::path& root, const std::string& name) const
 {
     if (folder_.normaliser == WatchedFolder::Normaliser::voiceMemos) {
-        if (auto parsed = FilenameNormaliser::parse(file.filename().string())) {
+        if (auto parsed = FilenameNormaliser::parse(name)) {
             return parsed->timestamp;
         }
         return std::nullopt;
     }
+    const fs::path file = root / name;
     return probes_.modified ? probes_.modified(file) : CaptureGuards::defaultModified(file);
 }
 
@@ -79,14 +80,14 @@ int FolderWatcher::runInitialIndex()
     std::vector<CaptureStateStore::SeenName> names;
     names.reserve(listed.names.size());
     for (auto& name : listed.names) {
-        auto start = startTime(root / name);
+        auto start = startTime(root, name);
         auto id = start ? FilenameNormaliser::canonicalId(*start) : "";
         names.push_back({std::move(name), std::move(id)});
     }
     // One write for the whole folder: a crash part-way through leaves the folder unindexed,
     // never half-indexed (which would later capture old recordings as new).
-    store_.markIndexed(names, folder_.id, clock_.now());
     int count = static_cast<int>(names.size());
+    store_.markIndexed(std::move(names), folder_.id, clock_.now());
     rlog("[quillet] capture: [%@] initial index complete (%d existing files marked seen)", folder_.displayName, count);
     return count;
 }
@@ -120,7 +121,7 @@ std::vector<FolderWatcher::NewCapture> FolderWatcher::poll(const CaptureAccess::
                 continue;
             }
         }
-        auto start = startTime(file);
+        auto start = startTime(root, name);
         if (!start) {
             rlog("[quillet] capture: [%@] unparseable name, marking seen: %@", folder_.displayName, name);
             store_.markSeen(name, "", folder_.id, clock_.now());

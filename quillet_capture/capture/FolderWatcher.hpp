@@ -66,8 +66,9 @@ public:
 private:
     /// The extensions to take: the folder's own, or the default audio set.
     std::set<std::string> extensions() const;
-    /// The recording's start time: from the name for Voice Memos, else the file's date.
-    std::optional<TimePoint> startTime(const std::filesystem::path& file) const;
+    /// The start time of the recording `name` in `root`: from the name for Voice Memos, else
+    /// the file's date.
+    std::optional<TimePoint> startTime(const std::filesystem::path& root, const std::string& name) const;
 
     WatchedFolder folder_;
     CaptureStateStore& store_;

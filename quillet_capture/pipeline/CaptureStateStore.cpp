@@ -137,9 +137,11 @@ bool anyNotPlain(std::uint64_t word)
 }
 
 // The inside of a JSON string for `text`, without the quotes. Most names need no escape at
-// all; they are checked eight bytes at a time.
-void appendStringBody(std::string& out, std::string_view text)
+// all; they are checked eight bytes at a time. Returns whether `text` was UTF-8 throughout
+// (otherwise each stray byte was written as U+FFFD).
+bool appendStringBody(std::string& out, std::string_view text)
 {
+    bool utf8 = true;
     const auto* bytes = reinterpret_cast<const unsigned char*>(text.data());
     size_t size = text.size();
     size_t plainStart = 0;
@@ -166,6 +168,7 @@ void appendStringBody(std::string& out, std::string_view text)
             }
             out.append(text.data() + plainStart, i - plainStart);
             out += "\xEF\xBF\xBD";  // U+FFFD for a byte that is not UTF-8
+            utf8 = false;
             plainStart = ++i;
             continue;
         }
@@ -183,6 +186,7 @@ void appendStringBody(std::string& out, std::string_view text)
         plainStart = ++i;
     }
     out.append(text.data() + plainStart, size - plainStart);
+    return utf8;
 }
 
 bool isUtf8(std::string_view text)
@@ -321,35 +325,40 @@ const EntryPieces& piecesAt(int depth)
 }
 
 // One entry: a line break and indentation, the name, and its object (no comma).
-void appendEntry(std::string& out, std::string_view name, const State::SeenEntry& entry, int depth, DateText& dates)
+// Returns whether the name is UTF-8.
+bool appendEntry(std::string& out, std::string_view name, const State::SeenEntry& entry, int depth, DateText& dates)
 {
     const auto& pieces = piecesAt(depth);
     out += pieces.beforeName;
-    appendStringBody(out, name);
+    bool utf8 = appendStringBody(out, name);
     out += pieces.beforeId;
     appendStringBody(out, entry.canonicalId);
     out += pieces.beforeTime;
     out += dates.of(entry.firstSeen);
     out += pieces.closing;
+    return utf8;
 }
 
-void appendFolderSet(std::string& out, const State::FolderSet& set, int depth, DateText& dates)
+// Returns whether every name of the set is UTF-8.
+bool appendFolderSet(std::string& out, const State::FolderSet& set, int depth, DateText& dates)
 {
     if (set.empty()) {
         out += "{}";
-        return;
+        return true;
     }
     out += '{';
     bool first = true;
+    bool utf8 = true;
     for (const auto& [name, entry] : set) {
         if (!first) {
             out += ',';
         }
         first = false;
-        appendEntry(out, name, entry, depth, dates);
+        utf8 &= appendEntry(out, name, entry, depth, dates);
     }
     appendIndent(out, depth);
     out += '}';
+    return utf8;
 }
 
 // --- keeping the text in step ----------------------------------------------------------
@@ -371,12 +380,16 @@ const std::string kEntryEnd = "\n      }";
 // The end of a folder's set, on a line with four blanks.
 const std::string kSetEnd = "\n    }";
 
-std::string folderText(const State::FolderSet& set)
+// The text of a folder's set; `utf8` (when given) tells whether every name is UTF-8.
+std::string folderText(const State::FolderSet& set, bool* utf8 = nullptr)
 {
     std::string text;
     text.reserve(64 + set.size() * 160);
     DateText dates;
-    appendFolderSet(text, set, kFolderSetDepth, dates);
+    bool allUtf8 = appendFolderSet(text, set, kFolderSetDepth, dates);
+    if (utf8 != nullptr) {
+        *utf8 = allUtf8;
+    }
     return text;
 }
 
@@ -515,8 +528,7 @@ void CaptureStateStore::EncodedState::folderChanged(const State& state, std::str
         return;
     }
     auto& folder = folders_[std::string(folderId)];
-    folder.text = folderText(*set);
-    folder.spliceable = std::all_of(set->begin(), set->end(), [](const auto& entry) { return isUtf8(entry.first); });
+    folder.text = folderText(*set, &folder.spliceable);
 }
 
 void CaptureStateStore::EncodedState::entrySet(const State& state, std::string_view folderId, std::string_view name)
@@ -709,7 +721,19 @@ void CaptureStateStore::markIndexed(std::vector<SeenName> files, std::string_vie
     std::lock_guard guard(queue_);
     auto& set = state_.seenByFolder[std::string(folderId)];
     for (auto& file : files) {
-        set.insert_or_assign(keyOf(std::move(file.name)), State::SeenEntry{firstSeen, std::move(file.canonicalId)});
+        file.name = keyOf(std::move(file.name));
+    }
+    // In name order each entry goes in at the end of the set, with no search through it.
+    std::vector<SeenName*> byName;
+    byName.reserve(files.size());
+    for (auto& file : files) {
+        byName.push_back(&file);
+    }
+    std::sort(byName.begin(), byName.end(), [](const SeenName* a, const SeenName* b) { return a->name < b->name; });
+    auto hint = set.end();
+    for (auto* file : byName) {
+        hint = set.insert_or_assign(hint, std::move(file->name), State::SeenEntry{firstSeen, std::move(file->canonicalId)});
+        ++hint;
     }
     set.insert_or_assign(std::string(indexedMarker), State::SeenEntry{firstSeen, ""});
     encoded_.folderChanged(state_, folderId);

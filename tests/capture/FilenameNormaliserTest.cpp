@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <optional>
+#include <map>
 #include <string>
 
 namespace quillet {
@@ -141,6 +142,67 @@ TEST(FilenameNormaliser, DatesThatDoNotExistGiveNothing)
     EXPECT_EQ(parsedUtc("20240229 235959.m4a"), "2024-02-29T22:59:59Z");
     // Shown twice when the clocks went back: the later occurrence is meant.
     EXPECT_EQ(parsedUtc("20241027 023000.m4a"), "2024-10-27T01:30:00Z");
+}
+
+// Every instant of a year on a five-minute grid, against the C library's local time: the
+// canonical id is the wall clock localtime_r shows, and a name of a wall-clock time parses
+// exactly when some instant shows it, to the latest instant that does. The zones change their
+// offsets by an hour, half an hour, a quarter of an hour and a whole day.
+TEST(FilenameNormaliser, AgreesWithTheCLibraryAcrossAWholeYear)
+{
+    struct Case {
+        const char* zone;
+        int year;
+    };
+    for (auto [zoneName, year] : {Case{"Europe/Stockholm", 2024}, Case{"Australia/Lord_Howe", 2024},
+                                  Case{"Pacific/Apia", 2011}, Case{"America/St_Johns", 2024},
+                                  Case{"Asia/Kathmandu", 1986}}) {
+        TimeZone zone(zoneName);
+        std::tm first{};
+        first.tm_year = year - 1900;
+        first.tm_mday = 1;
+        const std::time_t start = timegm(&first);
+        const std::time_t end = start + 366 * 86400;
+        std::map<std::time_t, std::time_t> latestShowing;  // wall clock as UTC -> instant
+        int mismatches = 0;
+        for (std::time_t t = start - 86400; t < end + 86400 && mismatches < 5; t += 300) {
+            std::tm local{};
+            ASSERT_NE(localtime_r(&t, &local), nullptr);
+            char id[32];
+            std::strftime(id, sizeof id, "%y%m%d-%H%M%S", &local);
+            auto instant = std::chrono::system_clock::from_time_t(t);
+            if (FilenameNormaliser::canonicalId(instant) != id) {
+                ADD_FAILURE() << zoneName << ": canonical id of " << Iso8601::format(instant) << " is "
+                              << FilenameNormaliser::canonicalId(instant) << ", localtime_r shows " << id;
+                ++mismatches;
+            }
+            latestShowing[timegm(&local)] = t;
+        }
+        int skipped = 0;
+        for (std::time_t wall = start; wall < end && mismatches < 5; wall += 300) {
+            std::tm fields{};
+            gmtime_r(&wall, &fields);
+            char name[48];
+            std::strftime(name, sizeof name, "%Y%m%d %H%M%S.m4a", &fields);
+            auto parsed = FilenameNormaliser::parse(name);
+            auto shown = latestShowing.find(wall);
+            std::optional<std::time_t> expected;
+            if (shown != latestShowing.end()) {
+                expected = shown->second;
+            }
+            std::optional<std::time_t> got;
+            if (parsed) {
+                got = std::chrono::system_clock::to_time_t(parsed->timestamp);
+            }
+            skipped += expected ? 0 : 1;
+            if (got != expected) {
+                ADD_FAILURE() << zoneName << ": " << name << " parsed to " << (got ? std::to_string(*got) : "none")
+                              << ", expected " << (expected ? std::to_string(*expected) : "none");
+                ++mismatches;
+            }
+        }
+        EXPECT_GT(skipped, 0) << zoneName << " skips some wall-clock time in " << year;
+    }
 }
 
 TEST(CanonicalId, IsTheLocalWallClockTimeInThirteenCharacters)
