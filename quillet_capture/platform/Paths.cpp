@@ -1,6 +1,10 @@
 #include "quillet_capture/platform/Paths.hpp"
 
+#include <array>
 #include <cstdlib>
+#include <memory>
+#include <mutex>
+#include <string_view>
 #include <pwd.h>
 #include <unistd.h>
 
@@ -92,14 +96,53 @@ Layout layoutFor(Platform platform, const EnvLookup& env)
     return l;
 }
 
+namespace {
+
+// The layout of `platform` for the process environment now, kept for the values of the
+// variables it was made from: file locations are asked for often (the token store's, for
+// every request to the service), and making the whole layout costs some thirty paths.
+std::shared_ptr<const Layout> currentLayout(Platform platform)
+{
+    struct Made {
+        Platform platform;
+        std::array<std::optional<std::string>, 4> inputs;
+        std::shared_ptr<const Layout> layout;
+    };
+    static std::mutex lock;
+    static std::optional<Made> last;
+    std::array<std::optional<std::string>, 4> inputs{processEnv("HOME"), processEnv("XDG_CONFIG_HOME"),
+                                                      processEnv("XDG_STATE_HOME"), processEnv("XDG_DATA_HOME")};
+    std::lock_guard guard(lock);
+    if (!last || last->platform != platform || last->inputs != inputs) {
+        auto env = [&inputs](const char* name) -> std::optional<std::string> {
+            static constexpr const char* kNames[] = {"HOME", "XDG_CONFIG_HOME", "XDG_STATE_HOME", "XDG_DATA_HOME"};
+            for (std::size_t i = 0; i < inputs.size(); ++i) {
+                if (std::string_view(kNames[i]) == name) {
+                    return inputs[i];
+                }
+            }
+            return processEnv(name);
+        };
+        last = Made{platform, inputs, std::make_shared<const Layout>(layoutFor(platform, env))};
+    }
+    return last->layout;
+}
+
+std::shared_ptr<const Layout> currentLayout()
+{
+    return currentLayout(current());
+}
+
+} // namespace
+
 Layout layout()
 {
-    return layoutFor(current(), processEnv);
+    return *currentLayout();
 }
 
 Layout layout(Platform platform)
 {
-    return layoutFor(platform, processEnv);
+    return *currentLayout(platform);
 }
 
 path home()
@@ -107,22 +150,22 @@ path home()
     return homeFrom(processEnv);
 }
 
-path settingsFile() { return layout().settingsFile; }
-path stateFile() { return layout().stateFile; }
-path logFolder() { return layout().logFolder; }
-path logFile() { return layout().logFile; }
-path rotatedLogFile() { return layout().rotatedLogFile; }
-path agentOutputFile() { return layout().agentOutputFile; }
-path agentDefinition() { return layout().agentDefinition; }
-path oldAgentDefinition() { return layout().oldAgentDefinition; }
-path credentialsFile() { return layout().credentialsFile; }
-path defaultsFile() { return layout().defaultsFile; }
-path recordingsRoot() { return layout().recordingsRoot; }
-path legacyWatcherFile() { return layout().legacyWatcherFile; }
-std::vector<path> voiceMemosCandidates() { return layout().voiceMemosCandidates; }
-path iCloudDrive() { return layout().iCloudDrive; }
-path documentsFolder() { return layout().documentsFolder; }
-PellamLayout pellam() { return layout().pellam; }
+path settingsFile() { return currentLayout()->settingsFile; }
+path stateFile() { return currentLayout()->stateFile; }
+path logFolder() { return currentLayout()->logFolder; }
+path logFile() { return currentLayout()->logFile; }
+path rotatedLogFile() { return currentLayout()->rotatedLogFile; }
+path agentOutputFile() { return currentLayout()->agentOutputFile; }
+path agentDefinition() { return currentLayout()->agentDefinition; }
+path oldAgentDefinition() { return currentLayout()->oldAgentDefinition; }
+path credentialsFile() { return currentLayout()->credentialsFile; }
+path defaultsFile() { return currentLayout()->defaultsFile; }
+path recordingsRoot() { return currentLayout()->recordingsRoot; }
+path legacyWatcherFile() { return currentLayout()->legacyWatcherFile; }
+std::vector<path> voiceMemosCandidates() { return currentLayout()->voiceMemosCandidates; }
+path iCloudDrive() { return currentLayout()->iCloudDrive; }
+path documentsFolder() { return currentLayout()->documentsFolder; }
+PellamLayout pellam() { return currentLayout()->pellam; }
 
 std::string expandTilde(std::string_view text)
 {

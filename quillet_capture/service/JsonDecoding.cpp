@@ -209,14 +209,20 @@ Object::Object(const Document& document) : Object(document.root(), std::make_sha
 }
 
 Object::Object(element value, std::shared_ptr<const std::string> path, std::optional<std::size_t> index)
-    : path_(std::move(path)), index_(index)
+    : path_(std::move(path))
 {
+    assign(value, index);
+}
+
+void Object::assign(element value, std::optional<std::size_t> index)
+{
+    index_ = index;
+    fields_.clear();
     simdjson::dom::object object;
     if (value.get(object)) {
         throw DecodeError(DecodeError::Kind::typeMismatch, this->path(),
                           std::string("Expected to decode a dictionary but found ") + typeName(value) + ".");
     }
-    fields_.reserve(object.size());
     for (auto field : object) {
         fields_.emplace_back(field.key, field.value);
     }
@@ -369,21 +375,24 @@ std::optional<Object> Object::optionalObject(const char* key) const
     return Object(*value, std::make_shared<const std::string>(pathTo(key)));
 }
 
-std::vector<Object> Object::requiredObjectArray(const char* key) const
+void Object::forEachObject(const char* key, const std::function<void(const Object&)>& visit) const
 {
     auto value = find(key, true);
     simdjson::dom::array array;
     if (value->get(array)) {
         mismatch(key, "an array", *value);
     }
-    std::vector<Object> elements;
-    elements.reserve(array.size());
-    auto path = std::make_shared<const std::string>(pathTo(key));
+    std::optional<Object> item;
     std::size_t index = 0;
-    for (element item : array) {
-        elements.emplace_back(item, path, index++);
+    for (element next : array) {
+        if (item) {
+            item->assign(next, index);
+        } else {
+            item.emplace(next, std::make_shared<const std::string>(pathTo(key)), index);
+        }
+        visit(*item);
+        ++index;
     }
-    return elements;
 }
 
 std::optional<std::vector<std::string>> Object::optionalStringArray(const char* key) const

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <exception>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -85,11 +86,15 @@ public:
     std::optional<double> optionalDouble(const char* key) const;
     Object requiredObject(const char* key) const;
     std::optional<Object> optionalObject(const char* key) const;
-    /// The elements of an array that must hold objects.
-    std::vector<Object> requiredObjectArray(const char* key) const;
+    /// Calls `visit` with each element of the array under `key`, which must hold objects, in
+    /// order. The Object handed over is one and the same, refilled for each element (so that a
+    /// page of a hundred objects allocates once): it is valid only during the call.
+    void forEachObject(const char* key, const std::function<void(const Object&)>& visit) const;
     std::optional<std::vector<std::string>> optionalStringArray(const char* key) const;
 
 private:
+    // Reads `value` (an object, else a typeMismatch) into this Object, keeping the path.
+    void assign(simdjson::dom::element value, std::optional<std::size_t> index);
     // The value under `key` (the last one when a key is repeated), or nothing when absent or
     // null (valueNotFound/keyNotFound when `required`).
     std::optional<simdjson::dom::element> find(const char* key, bool required) const;

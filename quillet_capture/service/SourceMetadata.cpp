@@ -2,6 +2,8 @@
 
 #include "quillet_capture/service/JsonDecoding.hpp"
 
+#include <algorithm>
+
 namespace quillet {
 
 namespace {
@@ -45,11 +47,9 @@ SourceListPage::~SourceListPage() = default;
 std::vector<SourceMetadata> SourceListPage::files() const
 {
     std::vector<SourceMetadata> files;
-    auto items = parsed_->page.requiredObjectArray("files");
-    files.reserve(items.size());
-    for (const auto& item : items) {
-        files.push_back(decodeItem(item));
-    }
+    // The page's count of files, within reason, saves growing the list item by item.
+    files.reserve(static_cast<std::size_t>(std::clamp<std::int64_t>(count_, 0, 1000)));
+    parsed_->page.forEachObject("files", [&files](const JsonDecoding::Object& item) { files.push_back(decodeItem(item)); });
     return files;
 }
 

@@ -17,10 +17,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <iterator>
 #include <cctype>
 #include <cstdio>
 #include <cstdlib>
-#include <future>
 #include <memory>
 
 namespace quillet {
@@ -486,49 +486,49 @@ asio::awaitable<std::optional<std::string>> VeldaneClient::cacheKey(std::string 
 
 asio::awaitable<std::vector<SourceMetadata>> VeldaneClient::listAllSources(IncludeDeleted includeDeleted)
 {
-    const bool deleted = includeDeleted == IncludeDeleted::yes;
-    // The next page is asked for as soon as this page's cursor is known, and fetched on the
-    // blocking pool while this page's files are decoded here. What it brings (or throws) is
-    // taken at the top of the next round, so errors come in the order of a page-by-page loop.
-    std::optional<std::future<std::string>> pending;
-    auto request = [&](const std::optional<std::string>& cursor) {
-        auto url = listingURL(deleted, cursor);
-        if (!url) {
-            pending.reset();
-            return;
-        }
-        std::packaged_task<std::string()> send([request = getRequest(std::move(*url))]() mutable {
-            return sendGet(std::move(request));
-        });
-        pending = send.get_future();
-        asio::post(runtime::blockingPool(), std::move(send));
-    };
+    // The pages are fetched and decoded one after the other on one thread of the blocking
+    // pool. A page costs about as much to fetch as to decode, and fetching the next one on
+    // another thread meanwhile cost more in hand-overs between threads than it saved, most of
+    // all on a busy machine.
+    auto listAll = [this, deleted = includeDeleted == IncludeDeleted::yes] { return listPages(deleted); };
+    co_return co_await runtime::blocking(std::move(listAll));
+}
 
-    std::vector<SourceMetadata> items;
-    request(std::nullopt);
+std::vector<SourceMetadata> VeldaneClient::listPages(bool deleted) const
+{
+    // Pages are kept apart and joined at the end, so that no item is moved more than once.
+    std::vector<std::vector<SourceMetadata>> pages;
+    auto joined = [&pages] {
+        std::size_t total = 0;
+        for (const auto& files : pages) {
+            total += files.size();
+        }
+        std::vector<SourceMetadata> items;
+        items.reserve(total);
+        for (auto& files : pages) {
+            std::move(files.begin(), files.end(), std::back_inserter(items));
+        }
+        return items;
+    };
+    std::optional<std::string> cursor;
     // Counted down from 200 and tested before the cursor: the 200th page is always an error,
     // even when it is the last one. That bound is part of the contract.
     for (int pagesLeft = kListingPageLimit;; --pagesLeft) {
-        if (!pending) {
+        auto url = listingURL(deleted, cursor);
+        if (!url) {
             throw ClientError::malformedResponse("list: could not build URL");
         }
-        auto take = [answer = std::move(*pending)]() mutable { return answer.get(); };
-        pending.reset();
-        auto body = co_await runtime::blocking(std::move(take));
+        auto body = sendGet(getRequest(std::move(*url)));
         try {
             SourceListPage page(body);
-            auto cursor = page.hasMore() ? page.nextCursor() : std::nullopt;
-            if (cursor && pagesLeft > 1) {
-                request(cursor);
-            }
-            auto files = page.files();
-            items.insert(items.end(), std::make_move_iterator(files.begin()), std::make_move_iterator(files.end()));
+            pages.push_back(page.files());
             if (pagesLeft <= 1) {
                 throw ClientError::malformedResponse("list: pagination exceeded 200 pages");
             }
-            if (!cursor) {
-                co_return items;
+            if (!page.hasMore() || !page.nextCursor()) {
+                return joined();
             }
+            cursor = page.nextCursor();
         } catch (const DecodeError& error) {
             throw ClientError::malformedResponse("list: " + error.localizedDescription());
         }

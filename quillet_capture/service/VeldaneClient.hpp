@@ -229,6 +229,8 @@ private:
     HttpTransport::Request getRequest(std::string url) const;
     // base + path with the listing's query items, or absent when no URL can be formed.
     std::optional<std::string> listingURL(bool includeDeleted, const std::optional<std::string>& before) const;
+    // Every page of the listing, fetched on the calling thread (listAllSources' work).
+    std::vector<SourceMetadata> listPages(bool includeDeleted) const;
 
     std::string baseURL_;
     runtime::Clock* clock_;
