@@ -3,6 +3,7 @@
 // token, and readings of /proc.
 #pragma once
 
+#include "bench/BenchCommon.hpp"
 #include "tests/support/FakeVeldane.hpp"
 
 #include <nlohmann/json.hpp>
@@ -27,14 +28,6 @@
 namespace bench {
 
 namespace fs = std::filesystem;
-
-inline void check(bool ok, const char* what)
-{
-    if (!ok) {
-        std::perror(what);
-        std::exit(1);
-    }
-}
 
 /// A fake service answering every upload with a fresh cache key, every status question with
 /// `statusWord`, and every source request with a short transcript. It runs in a forked child,
@@ -106,19 +99,6 @@ private:
     pid_t pid_;
     int port_;
 };
-
-/// A scratch home: $HOME points at a fresh folder and the token store is a file in it.
-inline fs::path scratchHome(const char* name)
-{
-    std::string pattern = (fs::temp_directory_path() / (std::string(name) + "-XXXXXX")).string();
-    check(::mkdtemp(pattern.data()) != nullptr, "mkdtemp");
-    ::setenv("HOME", pattern.c_str(), 1);
-    for (const char* variable : {"XDG_CONFIG_HOME", "XDG_STATE_HOME", "XDG_DATA_HOME"}) {
-        ::unsetenv(variable);
-    }
-    ::setenv("QUILLET_TOKEN_STORE", "file", 1);
-    return pattern;
-}
 
 /// The "Key: value" lines of /proc/<pid>/status ("self" for this process).
 inline std::map<std::string, std::string> procStatus(const std::string& pid = "self")
@@ -202,17 +182,6 @@ inline double threadCpuSeconds()
     timespec now{};
     ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
     return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
-}
-
-inline double median(std::vector<double> values)
-{
-    std::sort(values.begin(), values.end());
-    return values[values.size() / 2];
-}
-
-inline const char* verdict(bool pass)
-{
-    return pass ? "PASS" : "FAIL";
 }
 
 } // namespace bench

@@ -6,12 +6,12 @@
 //
 // Usage: bench_frontmatter [passes] [folder]   (defaults: 7, the system's temporary folder)
 
+#include "bench/BenchCommon.hpp"
 #include "quillet_capture/vault/InboxWriter.hpp"
 
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -28,55 +28,20 @@ namespace {
 
 constexpr int kNotes = 10'000;
 
-double median(std::vector<double> values)
-{
-    std::sort(values.begin(), values.end());
-    return values[values.size() / 2];
-}
-
-std::string note(int i, std::mt19937& random)
-{
-    char id[32];
-    std::snprintf(id, sizeof id, "24%02d%02d-%06d", 1 + i % 12, 1 + i % 28, i);
-    auto fm = InboxWriter::Frontmatter::forCapture(id, std::chrono::system_clock::now());
-    fm.status = "pending";
-    std::string body;
-    if (random() % 10 >= 3) {
-        fm.vdJobStatus = "done";
-        fm.externalId = "DOC_" + std::to_string(random());
-        fm.audioDurationSec = static_cast<int64_t>(random() % 3600);
-        fm.title = "Weekly sync: notes " + std::to_string(i);
-        fm.tags = {"voice-memo", "quillet-mac"};
-        size_t length = 2'000 + random() % 38'000;
-        static const std::string words = "and the meeting was about the plan for next quarter so we ";
-        while (body.size() < length) {
-            body += words;
-        }
-    } else {
-        fm.vdJobStatus = "queued";
-    }
-    return InboxWriter::renderMarkdown(fm, body);
-}
-
 } // namespace
 
 int main(int argc, char** argv)
 {
     int passes = argc > 1 ? std::max(3, std::atoi(argv[1])) : 7;
     fs::path parent = argc > 2 ? fs::path(argv[2]) : fs::temp_directory_path();
-    std::string pattern = (parent / "quillet-bench-notes-XXXXXX").string();
-    if (::mkdtemp(pattern.data()) == nullptr) {
-        std::perror("mkdtemp");
-        return 1;
-    }
-    fs::path folder = pattern;
+    fs::path folder = bench::scratchFolder("quillet-bench-notes", parent);
 
     std::mt19937 random(7);
     std::vector<fs::path> files;
     size_t bytes = 0;
     for (int i = 0; i < kNotes; ++i) {
         auto file = folder / (std::to_string(i) + ".md");
-        auto text = note(i, random);
+        auto text = bench::sampleNote(i, random);
         bytes += text.size();
         std::ofstream(file, std::ios::binary) << text;
         files.push_back(file);
@@ -114,14 +79,14 @@ int main(int argc, char** argv)
             frontmatter.push_back(seconds(readAll));
         }
     }
-    double f = median(frontmatter);
-    double h = median(heads);
+    double f = bench::median(frontmatter);
+    double h = bench::median(heads);
     double ratio = f / h;
     std::printf("frontmatter: %d notes (%.1f MB), %d passes (medians), checksum %zu\n", kNotes, bytes / 1e6, passes,
                 sink % 10);
     std::printf("frontmatter: readFrontmatter %.0f notes/s (%.1f ms), first 4 KiB %.0f files/s (%.1f ms), "
                 "ratio %.2f (budget 2.00) %s\n",
-                kNotes / f, f * 1e3, kNotes / h, h * 1e3, ratio, ratio <= 2.0 ? "PASS" : "FAIL");
+                kNotes / f, f * 1e3, kNotes / h, h * 1e3, ratio, bench::verdict(ratio <= 2.0));
 
     std::error_code ignored;
     fs::remove_all(folder, ignored);

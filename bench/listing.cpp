@@ -3,6 +3,7 @@
 // connection, in the same run (budget: at most 1.5x). Median of several rounds each.
 // Usage: bench_listing [rounds]
 
+#include "bench/BenchCommon.hpp"
 #include "quillet_capture/config/Keychain.hpp"
 #include "quillet_capture/runtime/Tasks.hpp"
 #include "quillet_capture/service/VeldaneClient.hpp"
@@ -72,12 +73,6 @@ struct Tokens : nlohmann::json_sax<nlohmann::json> {
     bool parse_error(std::size_t, const std::string&, const nlohmann::detail::exception&) override { return false; }
 };
 
-double median(std::vector<double> values)
-{
-    std::sort(values.begin(), values.end());
-    return values[values.size() / 2];
-}
-
 double seconds(std::chrono::steady_clock::time_point since)
 {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - since).count();
@@ -89,14 +84,7 @@ int main(int argc, char** argv)
 {
     int rounds = argc > 1 ? std::atoi(argv[1]) : 7;
     namespace fs = std::filesystem;
-    std::string home = (fs::temp_directory_path() / "quillet-bench-XXXXXX").string();
-    if (::mkdtemp(home.data()) == nullptr) {
-        std::perror("mkdtemp");
-        return 1;
-    }
-    ::setenv("HOME", home.c_str(), 1);
-    ::unsetenv("XDG_CONFIG_HOME");
-    ::setenv("QUILLET_TOKEN_STORE", "file", 1);
+    fs::path home = bench::scratchHome("quillet-bench-listing");
     quillet::Keychain::setDeviceToken(std::string("bench-token"));
 
     std::vector<std::string> pages;
@@ -207,14 +195,14 @@ int main(int argc, char** argv)
     }
     fs::remove_all(home);
 
-    double o = median(ours) * 1000;
-    double c = median(curl) * 1000;
+    double o = bench::median(ours) * 1000;
+    double c = bench::median(curl) * 1000;
     double ratio = o / c;
     std::printf("listing %d pages (%d items, %.1f MB): quillet %.0f ms, curl %.0f ms, ratio %.2f (budget <= 1.50) %s\n",
-                kPages, 100 * kPages, bytes / 1e6, o, c, ratio, ratio <= 1.5 ? "PASS" : "FAIL");
+                kPages, 100 * kPages, bytes / 1e6, o, c, ratio, bench::verdict(ratio <= 1.5));
     std::printf("  breakdown: the %d requests alone %.0f ms; decoding the pages alone %.0f ms, of which "
                 "nlohmann/json's tokenizer with nothing kept %.0f ms\n",
-                kPages, median(transport) * 1000, median(decode) * 1000, median(tokens) * 1000);
+                kPages, bench::median(transport) * 1000, bench::median(decode) * 1000, bench::median(tokens) * 1000);
     std::fflush(nullptr);
     std::_Exit(0);
 }

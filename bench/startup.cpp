@@ -1,6 +1,8 @@
 // Start-up cost of the whole process: `quillet-capture version` against `/bin/true`, each run
 // many times in alternation; prints both medians and their ratio. Budget: at most 3x.
 
+#include "bench/BenchCommon.hpp"
+
 #include <spawn.h>
 #include <sys/wait.h>
 
@@ -11,8 +13,6 @@
 #include <fcntl.h>
 #include <string>
 #include <vector>
-
-extern char** environ;
 
 namespace {
 
@@ -36,12 +36,6 @@ double runOnce(const char* program, const char* argument)
     return std::chrono::duration<double, std::micro>(elapsed).count();
 }
 
-double median(std::vector<double> values)
-{
-    std::sort(values.begin(), values.end());
-    return values[values.size() / 2];
-}
-
 } // namespace
 
 int main(int argc, char** argv)
@@ -53,10 +47,10 @@ int main(int argc, char** argv)
         baseline.push_back(runOnce("/bin/true", nullptr));
         program.push_back(runOnce(QUILLET_CAPTURE_BINARY, "version"));
     }
-    double p = median(program);
-    double b = median(baseline);
+    double p = bench::median(program);
+    double b = bench::median(baseline);
     double ratio = p / b;
     std::printf("startup: quillet-capture version median %.0f us, /bin/true median %.0f us, ratio %.2f (budget 3.00) %s\n",
-                p, b, ratio, ratio <= 3.0 ? "PASS" : "FAIL");
+                p, b, ratio, bench::verdict(ratio <= 3.0));
     return 0;
 }

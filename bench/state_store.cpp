@@ -11,6 +11,7 @@
 //
 // Usage: bench_state_store [samples] [folder]   (defaults: 25, the system's temporary folder)
 
+#include "bench/BenchCommon.hpp"
 #include "quillet_capture/pipeline/CaptureStateStore.hpp"
 #include "quillet_capture/util/AtomicFile.hpp"
 
@@ -40,34 +41,20 @@ double millisecondsOf(const std::function<void()>& work)
     return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
 }
 
-double median(std::vector<double> values)
-{
-    std::sort(values.begin(), values.end());
-    return values[values.size() / 2];
-}
-
-void check(bool ok, const char* what)
-{
-    if (!ok) {
-        std::perror(what);
-        std::exit(1);
-    }
-}
-
 // The plain way to replace a file: temporary file, write, fsync, rename; optionally the
 // folder's fsync as well.
 void plainReplace(const fs::path& file, const std::string& bytes, bool flushFolder)
 {
     auto temp = file.string() + ".tmp";
     int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    check(fd >= 0, "open");
-    check(::write(fd, bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size()), "write");
-    check(::fsync(fd) == 0, "fsync");
-    check(::close(fd) == 0, "close");
-    check(::rename(temp.c_str(), file.c_str()) == 0, "rename");
+    bench::check(fd >= 0, "open");
+    bench::check(::write(fd, bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size()), "write");
+    bench::check(::fsync(fd) == 0, "fsync");
+    bench::check(::close(fd) == 0, "close");
+    bench::check(::rename(temp.c_str(), file.c_str()) == 0, "rename");
     if (flushFolder) {
         int dir = ::open(file.parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-        check(dir >= 0 && ::fsync(dir) == 0, "fsync folder");
+        bench::check(dir >= 0 && ::fsync(dir) == 0, "fsync folder");
         ::close(dir);
     }
 }
@@ -104,7 +91,7 @@ int main(int argc, char** argv)
     int samples = argc > 1 ? std::max(3, std::atoi(argv[1])) : 25;
     fs::path parent = argc > 2 ? fs::path(argv[2]) : fs::temp_directory_path();
     std::string pattern = (parent / "quillet-bench-state-XXXXXX").string();
-    check(::mkdtemp(pattern.data()) != nullptr, "mkdtemp");
+    bench::check(::mkdtemp(pattern.data()) != nullptr, "mkdtemp");
     fs::path folder = pattern;
 
     // 1. markSeen at 10,000 entries.
@@ -121,8 +108,8 @@ int main(int argc, char** argv)
         }
         std::printf("state store: markSeen at %zu entries, file of %zu bytes, %d samples (medians)\n",
                     store.seenCount(), fs::file_size(folder / "state.json"), samples);
-        report("state store: markSeen", median(marks), "temp-write+fsync+rename", median(plain), 1.5);
-        report("state store: markSeen", median(marks), "temp-write+fsync+rename+folder fsync", median(durable), 1.5);
+        report("state store: markSeen", bench::median(marks), "temp-write+fsync+rename", bench::median(plain), 1.5);
+        report("state store: markSeen", bench::median(marks), "temp-write+fsync+rename+folder fsync", bench::median(durable), 1.5);
     }
 
     // 2. A first index of 10,000 names in one write.
@@ -139,8 +126,8 @@ int main(int argc, char** argv)
                 [&] { writeFileAtomically(folder / "persist.json", CaptureStateStore::encode(state), 0644); }));
             fs::remove(file);
         }
-        report("state store: first index of 10000 names", median(index), "one persist (encode + writeFileAtomically)",
-               median(persist), 2.0);
+        report("state store: first index of 10000 names", bench::median(index), "one persist (encode + writeFileAtomically)",
+               bench::median(persist), 2.0);
     }
 
     std::error_code ignored;

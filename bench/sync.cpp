@@ -4,6 +4,7 @@
 // connection, in the same run (budget: at most 1.5x). Median of several rounds each.
 // Usage: bench_sync [rounds] [folder for the vaults, default the temporary folder]
 
+#include "bench/BenchCommon.hpp"
 #include "quillet_capture/config/AppSettings.hpp"
 #include "quillet_capture/config/Keychain.hpp"
 #include "quillet_capture/platform/Paths.hpp"
@@ -32,8 +33,6 @@
 #include <fstream>
 #include <string>
 #include <vector>
-
-extern char** environ;
 
 namespace {
 
@@ -97,62 +96,13 @@ std::string detail(int index)
     return body.dump();
 }
 
-double median(std::vector<double> values)
-{
-    std::sort(values.begin(), values.end());
-    return values[values.size() / 2];
-}
-
-struct Timing {
-    double seconds = 0;     // wall-clock time
-    double cpuSeconds = 0;  // user and system time of the process
-    int status = 0;
-};
-
-// Runs `argv` to its end with its output sent to /dev/null.
-Timing timed(const std::vector<std::string>& arguments)
-{
-    std::vector<char*> argv;
-    for (const auto& argument : arguments) {
-        argv.push_back(const_cast<char*>(argument.c_str()));
-    }
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
-    auto start = std::chrono::steady_clock::now();
-    pid_t pid = 0;
-    if (posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ) != 0) {
-        std::perror("posix_spawn");
-        std::exit(1);
-    }
-    int status = 0;
-    struct rusage usage {};
-    wait4(pid, &status, 0, &usage);
-    double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    posix_spawn_file_actions_destroy(&actions);
-    auto cpu = [](const timeval& t) { return static_cast<double>(t.tv_sec) + t.tv_usec / 1e6; };
-    return {seconds, cpu(usage.ru_utime) + cpu(usage.ru_stime),
-            WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status)};
-}
-
 } // namespace
 
 int main(int argc, char** argv)
 {
     int rounds = argc > 1 ? std::atoi(argv[1]) : 5;
     fs::path vaults = argc > 2 ? fs::path(argv[2]) : fs::temp_directory_path();
-    std::string home = (fs::temp_directory_path() / "quillet-bench-XXXXXX").string();
-    if (::mkdtemp(home.data()) == nullptr) {
-        std::perror("mkdtemp");
-        return 1;
-    }
-    ::setenv("HOME", home.c_str(), 1);
-    for (const char* variable : {"XDG_CONFIG_HOME", "XDG_STATE_HOME", "XDG_DATA_HOME"}) {
-        ::unsetenv(variable);
-    }
-    ::setenv("QUILLET_TOKEN_STORE", "file", 1);
+    fs::path home = bench::scratchHome("quillet-bench-sync");
     quillet::Keychain::setDeviceToken(std::string("bench-token"));
 
     std::vector<std::string> pages;
@@ -184,14 +134,10 @@ int main(int argc, char** argv)
     // Each round gets a vault of its own, and the old ones are removed only at the end: on a
     // file system without a journal, ext4 skips inodes freed in the last 30 seconds when it
     // allocates new ones, so notes created right after 5,000 were deleted cost many times more.
-    std::string vaultsHome = (vaults / "quillet-bench-vaults-XXXXXX").string();
-    if (::mkdtemp(vaultsHome.data()) == nullptr) {
-        std::perror("mkdtemp");
-        return 1;
-    }
+    fs::path vaultsHome = bench::scratchFolder("quillet-bench-vaults", vaults);
     int count = 0;
     auto freshVault = [&] {
-        fs::path vault = fs::path(vaultsHome) / ("vault-" + std::to_string(count++));
+        fs::path vault = vaultsHome / ("vault-" + std::to_string(count++));
         auto settings = quillet::AppSettings::defaults();
         settings.vaultPath = vault.string();
         settings.veldaneBaseURL = fake.baseURL();
@@ -209,7 +155,7 @@ int main(int argc, char** argv)
         }
     }
     auto runCurl = [&] {
-        auto timing = timed({"/usr/bin/curl", "-s", "-f", "-H", "Authorization: Bearer bench-token", "-K",
+        auto timing = bench::spawnAndWait({"/usr/bin/curl", "-s", "-f", "-H", "Authorization: Bearer bench-token", "-K",
                              config.string()});
         if (timing.status != 0) {
             std::printf("sync: curl failed (%d)\n", timing.status);
@@ -219,7 +165,7 @@ int main(int argc, char** argv)
     };
     auto runOurs = [&] {
         fs::path vault = freshVault();
-        auto timing = timed({QUILLET_CAPTURE_BINARY, "sync"});
+        auto timing = bench::spawnAndWait({QUILLET_CAPTURE_BINARY, "sync"});
         std::size_t notes = 0;
         for (const auto& entry : fs::directory_iterator(vault / "_inbox")) {
             notes += entry.path().extension() == ".md";
@@ -280,17 +226,17 @@ int main(int argc, char** argv)
     fs::remove_all(home);
     fs::remove_all(vaultsHome);
 
-    double o = median(ours) * 1000;
-    double c = median(curl) * 1000;
+    double o = bench::median(ours) * 1000;
+    double c = bench::median(curl) * 1000;
     double ratio = o / c;
     std::printf("sync %d items (%.1f MB of details) into an empty vault in %s: quillet %.0f ms, curl %.0f ms, "
                 "ratio %.2f (budget <= 1.50) %s\n",
-                kItems, bytes / 1e6, vaults.c_str(), o, c, ratio, ratio <= 1.5 ? "PASS" : "FAIL");
-    std::printf("  processor time (user + system): quillet %.0f ms, curl %.0f ms\n", median(oursCpu) * 1000,
-                median(curlCpu) * 1000);
+                kItems, bytes / 1e6, vaults.c_str(), o, c, ratio, bench::verdict(ratio <= 1.5));
+    std::printf("  processor time (user + system): quillet %.0f ms, curl %.0f ms\n", bench::median(oursCpu) * 1000,
+                bench::median(curlCpu) * 1000);
     std::printf("  breakdown: the %d detail requests alone, in one thread through the client's transport %.0f ms, "
                 "through VeldaneClient::source %.0f ms\n",
-                kItems, median(transport) * 1000, median(viaClient) * 1000);
+                kItems, bench::median(transport) * 1000, bench::median(viaClient) * 1000);
     std::fflush(nullptr);
     std::_Exit(0);
 }

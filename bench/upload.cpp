@@ -5,6 +5,7 @@
 // file is 1 MiB shorter; throughput is compared in MiB/s. Best of several rounds each.
 // Usage: bench_upload [MiB] [rounds]
 
+#include "bench/BenchCommon.hpp"
 #include "quillet_capture/config/Keychain.hpp"
 
 #include <arpa/inet.h>
@@ -130,44 +131,6 @@ private:
     std::thread thread_;
 };
 
-struct Run {
-    double seconds = 0;
-    long peakKiB = 0;
-    int status = -1;
-};
-
-Run runChild(const std::vector<std::string>& arguments)
-{
-    std::vector<char*> argv;
-    for (const auto& argument : arguments) {
-        argv.push_back(const_cast<char*>(argument.c_str()));
-    }
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-    auto start = std::chrono::steady_clock::now();
-    pid_t pid = 0;
-    if (posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ) != 0) {
-        std::perror(argv[0]);
-        std::exit(1);
-    }
-    int status = 0;
-    rusage usage{};
-    ::wait4(pid, &status, 0, &usage);
-    Run run;
-    run.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    // ru_maxrss: the child's peak resident set, in KiB on Linux (bytes on macOS).
-#if defined(__APPLE__)
-    run.peakKiB = usage.ru_maxrss / 1024;
-#else
-    run.peakKiB = usage.ru_maxrss;
-#endif
-    run.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    posix_spawn_file_actions_destroy(&actions);
-    return run;
-}
-
 } // namespace
 
 int main(int argc, char** argv)
@@ -177,14 +140,7 @@ int main(int argc, char** argv)
     namespace fs = std::filesystem;
 
     // A scratch home whose token store is the credentials file; the client inherits it.
-    std::string home = (fs::temp_directory_path() / "quillet-bench-XXXXXX").string();
-    if (::mkdtemp(home.data()) == nullptr) {
-        std::perror("mkdtemp");
-        return 1;
-    }
-    ::setenv("HOME", home.c_str(), 1);
-    ::unsetenv("XDG_CONFIG_HOME");
-    ::setenv("QUILLET_TOKEN_STORE", "file", 1);
+    fs::path home = bench::scratchHome("quillet-bench-upload");
     quillet::Keychain::setDeviceToken(std::string("bench-token"));
 
     // Sparse files: no disk space, and the page cache serves them as fast as memory.
@@ -204,12 +160,12 @@ int main(int argc, char** argv)
 
     DiscardServer server;
     std::string base = "http://127.0.0.1:" + std::to_string(server.port()) + "/api/v1";
-    std::vector<Run> ours;
-    std::vector<Run> curl;
+    std::vector<bench::Spawned> ours;
+    std::vector<bench::Spawned> curl;
     for (int round = 0; round < rounds; ++round) {
-        curl.push_back(runChild({"curl", "-s", "-o", "/dev/null", "-H", "Content-Type: application/octet-stream",
+        curl.push_back(bench::spawnAndWait({"curl", "-s", "-o", "/dev/null", "-H", "Content-Type: application/octet-stream",
                                  "--data-binary", "@" + curlFile.string(), base + "/sources"}));
-        ours.push_back(runChild({QUILLET_UPLOAD_CLIENT, base, file.string()}));
+        ours.push_back(bench::spawnAndWait({QUILLET_UPLOAD_CLIENT, base, file.string()}));
     }
     fs::remove_all(home);
 
@@ -234,7 +190,7 @@ int main(int argc, char** argv)
         std::printf("upload: the server received %llu bytes, expected at least %llu\n", server.received(), expected);
         return 1;
     }
-    auto best = [](const std::vector<Run>& runs) {
+    auto best = [](const std::vector<bench::Spawned>& runs) {
         return std::min_element(runs.begin(), runs.end(), [](auto& a, auto& b) { return a.seconds < b.seconds; })->seconds;
     };
     long peak = 0;
