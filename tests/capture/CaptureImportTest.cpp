@@ -4,6 +4,7 @@
 #include "quillet_capture/pipeline/CaptureStateStore.hpp"
 #include "quillet_capture/platform/Paths.hpp"
 
+#include "tests/capture/TimeZone.hpp"
 #include "tests/support/LogLines.hpp"
 #include "tests/support/Scratch.hpp"
 
@@ -25,28 +26,9 @@ using Names = std::vector<std::string>;
 struct CaptureImportTest : ::testing::Test {
     test::ScratchHome home;
     fs::path folder = Paths::voiceMemosCandidates().front();
-    std::optional<std::string> savedTZ;
-    std::unique_ptr<CaptureStateStore> store;
-
-    CaptureImportTest()
-    {
-        if (const char* tz = std::getenv("TZ")) {
-            savedTZ = tz;
-        }
-        setenv("TZ", "Pacific/Auckland", 1);
-        tzset();
-        store = std::make_unique<CaptureStateStore>(home.path() / "state.json", home.path() / "legacy.json");
-    }
-
-    ~CaptureImportTest() override
-    {
-        if (savedTZ) {
-            setenv("TZ", savedTZ->c_str(), 1);
-        } else {
-            unsetenv("TZ");
-        }
-        tzset();
-    }
+    test::TimeZone zone{"Pacific/Auckland"};
+    std::unique_ptr<CaptureStateStore> store =
+        std::make_unique<CaptureStateStore>(home.path() / "state.json", home.path() / "legacy.json");
 
     void recordings(const Names& names)
     {
@@ -90,6 +72,13 @@ TEST_F(CaptureImportTest, PicksAudioNamesSortedAndFiltersByTheDayInTheName)
 TEST_F(CaptureImportTest, QueueingForgetsThePickedNamesAndKeepsTheFolderIndexed)
 {
     recordings({"20240110 090000.m4a", "20240210 090000.m4a", "20240211 090000.m4a"});
+    // Nothing picked touches nothing.
+    auto none = CaptureImport::queueExisting(day("2024-03-01"), *store);
+    EXPECT_EQ(none.picked, 0);
+    EXPECT_EQ(none.wereSeen, 0);
+    EXPECT_EQ(store->seenCount(), 0u);
+    EXPECT_EQ(test::countLogLines("capture import:"), 0);
+
     store->markIndexed({{"20240110 090000.m4a", ""}, {"20240210 090000.m4a", ""}, {"elsewhere.m4a", ""}});
 
     auto result = CaptureImport::queueExisting(day("2024-02-01"), *store);
@@ -116,16 +105,6 @@ TEST_F(CaptureImportTest, QueueingForgetsThePickedNamesAndKeepsTheFolderIndexed)
     CaptureStateStore reread(home.path() / "state.json", home.path() / "legacy.json");
     EXPECT_FALSE(reread.hasSeen("20240110 090000.m4a"));
     EXPECT_TRUE(reread.hasSeen(CaptureStateStore::indexedMarker));
-}
-
-TEST_F(CaptureImportTest, NothingPickedTouchesNothing)
-{
-    recordings({"20230101 000000.m4a"});
-    auto result = CaptureImport::queueExisting(day("2024-01-01"), *store);
-    EXPECT_EQ(result.picked, 0);
-    EXPECT_EQ(result.wereSeen, 0);
-    EXPECT_EQ(store->seenCount(), 0u);
-    EXPECT_EQ(test::countLogLines("capture import:"), 0);
 }
 
 TEST_F(CaptureImportTest, AFolderThatCannotBeListedIsUnreadable)

@@ -1,6 +1,7 @@
 #include "quillet_capture/capture/FilenameNormaliser.hpp"
 
 #include "quillet_capture/util/Iso8601.hpp"
+#include "tests/capture/TimeZone.hpp"
 
 #include <gtest/gtest.h>
 
@@ -15,26 +16,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// Sets TZ for the life of the value and restores what was there before.
-struct TimeZone {
-    explicit TimeZone(const char* zone)
-    {
-        const char* old = std::getenv("TZ");
-        saved = old ? std::optional<std::string>(old) : std::nullopt;
-        setenv("TZ", zone, 1);
-        tzset();
-    }
-    ~TimeZone()
-    {
-        if (saved) {
-            setenv("TZ", saved->c_str(), 1);
-        } else {
-            unsetenv("TZ");
-        }
-        tzset();
-    }
-    std::optional<std::string> saved;
-};
+using test::TimeZone;
 
 std::chrono::system_clock::time_point utc(const char* text)
 {
@@ -66,21 +48,11 @@ TEST(FilenameNormaliser, ReadsLocalStartTimeAndHexIdOfVoiceMemosNames)
     EXPECT_EQ(FilenameNormaliser::parse("20240131 142530-abc123.m4a")->hexId, "abc123");
     // Summer time is an hour further from UTC.
     EXPECT_EQ(parsedUtc("20240715 080000.m4a"), "2024-07-15T06:00:00Z");
-}
 
-TEST(FilenameNormaliser, TheSameNameIsAnotherInstantInAnotherZone)
-{
-    std::string inStockholm, inNewYork;
-    {
-        TimeZone zone("Europe/Stockholm");
-        inStockholm = parsedUtc("20240131 002000.m4a");
-    }
-    {
-        TimeZone zone("America/New_York");
-        inNewYork = parsedUtc("20240131 002000.m4a");
-    }
-    EXPECT_EQ(inStockholm, "2024-01-30T23:20:00Z");
-    EXPECT_EQ(inNewYork, "2024-01-31T05:20:00Z");
+    // The same name is another instant in another zone.
+    EXPECT_EQ(parsedUtc("20240131 002000.m4a"), "2024-01-30T23:20:00Z");
+    TimeZone newYork("America/New_York");
+    EXPECT_EQ(parsedUtc("20240131 002000.m4a"), "2024-01-31T05:20:00Z");
 }
 
 TEST(FilenameNormaliser, AnyWhiteSpaceBetweenDateAndTimeButSomeIsNeeded)
@@ -97,9 +69,9 @@ TEST(FilenameNormaliser, AnyWhiteSpaceBetweenDateAndTimeButSomeIsNeeded)
     }
 }
 
-TEST(FilenameNormaliser, OtherNamesDoNotParse)
+TEST(FilenameNormaliser, OtherNamesAndDatesThatDoNotExistGiveNothing)
 {
-    TimeZone zone("UTC");
+    TimeZone zone("Europe/Stockholm");
     for (const char* name : {
              "20240131 142530.M4A",          // the extension is case-sensitive
              "20240131 142530.qta",          // the recording in progress
@@ -113,18 +85,6 @@ TEST(FilenameNormaliser, OtherNamesDoNotParse)
              "Users/me/20240131 142530.m4a", // a path, not a bare name
              "20240131 142530.m4a\n\n",      // more than one line break at the end
              "",
-         }) {
-        EXPECT_EQ(FilenameNormaliser::parse(name), std::nullopt) << name;
-    }
-    // The pattern's "$" also matches before one final line break.
-    EXPECT_EQ(parsedUtc("20240131 142530.m4a\n"), "2024-01-31T14:25:30Z");
-    EXPECT_EQ(FilenameNormaliser::parse(std::string(5000, '1') + " 142530.m4a"), std::nullopt);
-}
-
-TEST(FilenameNormaliser, DatesThatDoNotExistGiveNothing)
-{
-    TimeZone zone("Europe/Stockholm");
-    for (const char* name : {
              "20241331 142530.m4a", // month 13
              "20240001 142530.m4a", // month 0
              "20240100 142530.m4a", // day 0
@@ -139,6 +99,9 @@ TEST(FilenameNormaliser, DatesThatDoNotExistGiveNothing)
          }) {
         EXPECT_EQ(FilenameNormaliser::parse(name), std::nullopt) << name;
     }
+    EXPECT_EQ(FilenameNormaliser::parse(std::string(5000, '1') + " 142530.m4a"), std::nullopt);
+    // The pattern's "$" also matches before one final line break.
+    EXPECT_EQ(parsedUtc("20240131 142530.m4a\n"), "2024-01-31T13:25:30Z");
     EXPECT_EQ(parsedUtc("20240229 235959.m4a"), "2024-02-29T22:59:59Z");
     // Shown twice when the clocks went back: the later occurrence is meant.
     EXPECT_EQ(parsedUtc("20241027 023000.m4a"), "2024-10-27T01:30:00Z");

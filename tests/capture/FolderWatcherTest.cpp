@@ -3,6 +3,7 @@
 #include "quillet_capture/pipeline/CaptureIntake.hpp"
 #include "quillet_capture/pipeline/CaptureStateStore.hpp"
 
+#include "tests/capture/TimeZone.hpp"
 #include "tests/support/FakeClock.hpp"
 #include "tests/support/LogLines.hpp"
 #include "tests/support/Scratch.hpp"
@@ -25,18 +26,12 @@ struct WatcherFixture : ::testing::Test {
     fs::path folderPath = home.path() / "Recordings";
     CaptureStateStore store{home.path() / "state.json", home.path() / "legacy.json", clock};
     CaptureGuards::Probes probes;
+    test::TimeZone zone{"UTC"};
 
     WatcherFixture()
     {
-        setenv("TZ", "UTC", 1);
-        tzset();
         fs::create_directories(folderPath);
         probes.duration = [](const fs::path&) { return std::optional<double>(12.0); };
-    }
-    ~WatcherFixture() override
-    {
-        unsetenv("TZ");
-        tzset();
     }
 
     WatchedFolder voiceMemos()
@@ -102,43 +97,36 @@ TEST_F(WatcherFixture, CandidatesSkipHiddenAndForeignFilesAndKeepUpperCaseExtens
     EXPECT_FALSE(w.candidateFiles().has_value());
 }
 
-TEST_F(WatcherFixture, UnparseableNamesAreMarkedSeenAndNeverCaptured)
+TEST_F(WatcherFixture, UnparseableAndTooShortFilesAreSeenForGoodAndEmptyOnesAreDeferred)
 {
+    auto duration = std::make_shared<double>(12.0);
+    probes.duration = [duration](const fs::path&) { return std::optional<double>(*duration); };
     auto w = watcher(voiceMemos());
     w.runInitialIndex();
+
     add("Renamed by hand.m4a");
     EXPECT_TRUE(w.poll().empty());
     EXPECT_TRUE(store.hasSeen("Renamed by hand.m4a", "voice-memos-test"));
     EXPECT_EQ(test::countLogLines("unparseable name, marking seen: Renamed by hand.m4a"), 1);
     EXPECT_TRUE(w.poll().empty());
     EXPECT_EQ(test::countLogLines("unparseable name"), 1);
-}
 
-TEST_F(WatcherFixture, EmptyFileIsDeferredUntilItHasContentThenCapturedOnce)
-{
-    auto w = watcher(voiceMemos());
-    w.runInitialIndex();
+    // Empty: deferred on every poll until it has content, then captured once.
     add("20240131 142530.m4a", "");
     EXPECT_TRUE(w.poll().empty());
     EXPECT_TRUE(w.poll().empty());
     EXPECT_FALSE(store.hasSeen("20240131 142530.m4a", "voice-memos-test"));
     EXPECT_EQ(test::countLogLines("deferring 20240131 142530.m4a (0-byte file, sync in flight)"), 2);
-
     add("20240131 142530.m4a", "now with audio");
-    auto captures = w.poll();
-    ASSERT_EQ(captures.size(), 1u);
+    EXPECT_EQ(w.poll().size(), 1u);
     EXPECT_TRUE(w.poll().empty());
-}
 
-TEST_F(WatcherFixture, TooShortRecordingIsSkippedForGood)
-{
-    probes.duration = [](const fs::path&) { return std::optional<double>(0.2); };
-    auto w = watcher(voiceMemos());
-    w.runInitialIndex();
-    add("20240131 142530.m4a");
+    // Too short: seen, without an id.
+    *duration = 0.2;
+    add("20240131 150000.m4a");
     EXPECT_TRUE(w.poll().empty());
-    EXPECT_TRUE(store.hasSeen("20240131 142530.m4a", "voice-memos-test"));
-    EXPECT_EQ(store.state().seenByFolder.at("voice-memos-test").at("20240131 142530.m4a").canonicalId, "");
+    EXPECT_TRUE(store.hasSeen("20240131 150000.m4a", "voice-memos-test"));
+    EXPECT_EQ(store.state().seenByFolder.at("voice-memos-test").at("20240131 150000.m4a").canonicalId, "");
 }
 
 TEST_F(WatcherFixture, GenericFolderTakesTheModificationTimeAndItsOwnExtensions)

@@ -1,9 +1,8 @@
 #include "quillet_capture/capture/VoiceMemosKeeper.hpp"
 
-#include "quillet_capture/config/Log.hpp"
 #include "quillet_capture/platform/Paths.hpp"
 #include "quillet_capture/runtime/SerialQueue.hpp"
-#include "tests/support/Scratch.hpp"
+#include "tests/support/LogLines.hpp"
 
 #include <gtest/gtest.h>
 
@@ -63,20 +62,10 @@ struct VoiceMemosKeeperTest : ::testing::Test {
     std::shared_ptr<ScriptedWorkspace> workspace = std::make_shared<ScriptedWorkspace>();
     VoiceMemosKeeper keeper{workspace, queue.executor()};
 
-    static std::vector<std::string> messages()
-    {
-        QuilletLog::drain();
-        std::vector<std::string> result;
-        for (const auto& line : test::readLines(Paths::logFile())) {
-            result.push_back(line.substr(line.find(' ') + 1));
-        }
-        return result;
-    }
-
     static bool logged(const std::string& message)
     {
         return test::eventually([&] {
-            auto all = messages();
+            auto all = test::logMessages();
             return std::find(all.begin(), all.end(), message) != all.end();
         });
     }
@@ -88,7 +77,7 @@ TEST_F(VoiceMemosKeeperTest, StartTwiceMakesOneTimerWhoseFirstCheckComesAfterASe
     keeper.start();
     keeper.start();
     EXPECT_TRUE(keeper.isOn());
-    EXPECT_EQ(messages(), (std::vector<std::string>{"[quillet] voice memos keeper: on (check every 300s)"}));
+    EXPECT_EQ(test::logMessages(), (std::vector<std::string>{"[quillet] voice memos keeper: on (check every 300s)"}));
     EXPECT_EQ(workspace->runningQueries, 0);
 
     // The first check: Voice Memos runs, so nothing is launched or logged.
@@ -96,13 +85,13 @@ TEST_F(VoiceMemosKeeperTest, StartTwiceMakesOneTimerWhoseFirstCheckComesAfterASe
     queue.drain();
     EXPECT_EQ(workspace->runningQueries, 1); // one timer, and the next check is minutes away
     EXPECT_EQ(workspace->launches, 0);
-    EXPECT_EQ(messages().size(), 1u);
+    EXPECT_EQ(test::logMessages().size(), 1u);
 }
 
 TEST_F(VoiceMemosKeeperTest, ApplyOffLogsOffOnceAndApplyOnStartsAgain)
 {
     keeper.apply(false);
-    EXPECT_TRUE(messages().empty());
+    EXPECT_TRUE(test::logMessages().empty());
 
     keeper.apply(true);
     keeper.apply(true);
@@ -112,7 +101,7 @@ TEST_F(VoiceMemosKeeperTest, ApplyOffLogsOffOnceAndApplyOnStartsAgain)
     keeper.apply(true);
     EXPECT_TRUE(keeper.isOn());
     keeper.apply(false);
-    EXPECT_EQ(messages(), (std::vector<std::string>{
+    EXPECT_EQ(test::logMessages(), (std::vector<std::string>{
                               "[quillet] voice memos keeper: on (check every 300s)",
                               "[quillet] voice memos keeper: off",
                               "[quillet] voice memos keeper: on (check every 300s)",
@@ -122,6 +111,12 @@ TEST_F(VoiceMemosKeeperTest, ApplyOffLogsOffOnceAndApplyOnStartsAgain)
 
 TEST_F(VoiceMemosKeeperTest, LaunchesHiddenWhenNotRunningAndLogsTheOutcome)
 {
+    workspace->installed = false;
+    keeper.ensureRunning();
+    EXPECT_EQ(test::logMessages(), (std::vector<std::string>{"[quillet] voice memos keeper: Voice Memos.app not found"}));
+    EXPECT_EQ(workspace->launches, 0);
+
+    workspace->installed = true;
     keeper.ensureRunning();
     EXPECT_TRUE(logged("[quillet] voice memos keeper: launched Voice Memos (hidden)"));
 
@@ -135,14 +130,6 @@ TEST_F(VoiceMemosKeeperTest, LaunchesHiddenWhenNotRunningAndLogsTheOutcome)
     EXPECT_EQ(workspace->launches, 2);
 }
 
-TEST_F(VoiceMemosKeeperTest, MissingApplicationIsLoggedAndNotLaunched)
-{
-    workspace->installed = false;
-    keeper.ensureRunning();
-    EXPECT_EQ(messages(), (std::vector<std::string>{"[quillet] voice memos keeper: Voice Memos.app not found"}));
-    EXPECT_EQ(workspace->launches, 0);
-}
-
 TEST_F(VoiceMemosKeeperTest, ThisPlatformsWorkspace)
 {
     if (Paths::current() != Platform::linux) {
@@ -151,7 +138,7 @@ TEST_F(VoiceMemosKeeperTest, ThisPlatformsWorkspace)
     VoiceMemosKeeper linuxKeeper(Workspace::system(), queue.executor());
     EXPECT_FALSE(linuxKeeper.isVoiceMemosRunning());
     linuxKeeper.ensureRunning();
-    EXPECT_EQ(messages(), (std::vector<std::string>{"[quillet] voice memos keeper: Voice Memos.app not found"}));
+    EXPECT_EQ(test::logMessages(), (std::vector<std::string>{"[quillet] voice memos keeper: Voice Memos.app not found"}));
 }
 
 } // namespace

@@ -1,6 +1,8 @@
 #include "quillet_capture/config/Log.hpp"
 
 #include "quillet_capture/platform/Paths.hpp"
+#include "tests/capture/TimeZone.hpp"
+#include "tests/support/LogLines.hpp"
 #include "tests/support/Scratch.hpp"
 
 #include <gtest/gtest.h>
@@ -15,7 +17,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-TEST(LogFormat, ConversionsOfTheProgram)
+TEST(LogFormat, ConversionsArgumentsAndOddities)
 {
     EXPECT_EQ(formatLog("[quillet] capture: %@ -> %@", {"a.m4a", "id"}), "[quillet] capture: a.m4a -> id");
     EXPECT_EQ(formatLog("%d entries", {42}), "42 entries");
@@ -26,55 +28,25 @@ TEST(LogFormat, ConversionsOfTheProgram)
     EXPECT_EQ(formatLog("%.2f", {0.125}), "0.12");
     EXPECT_EQ(formatLog("100%% done", {}), "100% done");
     EXPECT_EQ(formatLog("%ld bytes, %lld", {5, 6}), "5 bytes, 6");
-}
-
-TEST(LogFormat, PercentInsideAnArgumentIsNeverReinterpreted)
-{
+    // A percent sign inside an argument is never read as a format.
     EXPECT_EQ(formatLog("file %@ (%d)", {"100%d %@ %s.m4a", 3}), "file 100%d %@ %s.m4a (3)");
-}
-
-TEST(LogFormat, MissingArgumentsAndUnknownConversionsDoNotCrash)
-{
+    // Missing arguments and unknown conversions do not crash.
     EXPECT_EQ(formatLog("%@ and %@", {"one"}), "one and (null)");
     EXPECT_EQ(formatLog("50%", {}), "50%");
     EXPECT_EQ(formatLog("%q", {}), "%q");
     EXPECT_EQ(formatLog("%d", {"text"}), "text");
 }
 
-struct TimeZone {
-    explicit TimeZone(const char* zone)
-    {
-        const char* old = std::getenv("TZ");
-        saved = old ? std::optional<std::string>(old) : std::nullopt;
-        setenv("TZ", zone, 1);
-        tzset();
-    }
-    ~TimeZone()
-    {
-        if (saved) {
-            setenv("TZ", saved->c_str(), 1);
-        } else {
-            unsetenv("TZ");
-        }
-        tzset();
-    }
-    std::optional<std::string> saved;
-};
+using test::TimeZone;
 
 TEST(LogStamp, OffsetWithColonAndZAtUtc)
 {
     auto time = std::chrono::system_clock::from_time_t(1710404813); // 2024-03-14T08:26:53Z
-    {
-        TimeZone zone("Europe/Stockholm");
-        EXPECT_EQ(QuilletLog::stamp(time), "2024-03-14T09:26:53+01:00");
-    }
-    {
-        TimeZone zone("UTC");
-        EXPECT_EQ(QuilletLog::stamp(time), "2024-03-14T08:26:53Z");
-    }
-    {
-        TimeZone zone("America/St_Johns");
-        EXPECT_EQ(QuilletLog::stamp(time), "2024-03-14T05:56:53-02:30");
+    for (auto [zoneName, stamp] : {std::pair{"Europe/Stockholm", "2024-03-14T09:26:53+01:00"},
+                                   std::pair{"UTC", "2024-03-14T08:26:53Z"},
+                                   std::pair{"America/St_Johns", "2024-03-14T05:56:53-02:30"}}) {
+        TimeZone zone(zoneName);
+        EXPECT_EQ(QuilletLog::stamp(time), stamp) << zoneName;
     }
 }
 
@@ -119,7 +91,7 @@ TEST(LogFile, LinesFromManyThreadsAreWholeAndInOrderPerThread)
     }
 }
 
-TEST(LogFile, RotatesOnlyAboveFiveMillionBytes)
+TEST(LogFile, RotatesOnlyAboveFiveMillionBytesAndIgnoresAnUnwritableFolder)
 {
     test::ScratchDir dir;
     auto file = dir.path() / "quillet.log";
@@ -135,24 +107,15 @@ TEST(LogFile, RotatesOnlyAboveFiveMillionBytes)
     QuilletLog::append(file, "fresh\n");
     EXPECT_EQ(test::readFile(file), "fresh\n");
     EXPECT_EQ(fs::file_size(rotated), 5'000'005u);
-}
 
-TEST(LogFile, ExactlyFiveMillionAndOneBytesRotates)
-{
-    test::ScratchDir dir;
-    auto file = dir.path() / "quillet.log";
+    // One byte above is above.
     test::writeFile(file, std::string(5'000'001, 'x'));
     QuilletLog::append(file, "fresh\n");
     EXPECT_EQ(test::readFile(file), "fresh\n");
-    EXPECT_EQ(fs::file_size(dir.path() / "quillet.1.log"), 5'000'001u);
-}
+    EXPECT_EQ(fs::file_size(rotated), 5'000'001u);
 
-TEST(LogFile, UnwritableLogFolderIsIgnored)
-{
-    test::ScratchDir dir;
     test::writeFile(dir.path() / "blocker", "a file where the folder should be");
-    QuilletLog::append(dir.path() / "blocker" / "quillet.log", "lost\n"); // must not throw
-    SUCCEED();
+    EXPECT_NO_THROW(QuilletLog::append(dir.path() / "blocker" / "quillet.log", "lost\n"));
 }
 
 TEST(EnvironmentCheck, NotifiesOncePerIdUntilCleared)
@@ -165,12 +128,7 @@ TEST(EnvironmentCheck, NotifiesOncePerIdUntilCleared)
     EnvironmentCheck::notifyOnce("folder-denied", "Voice Memos", "again");
     EnvironmentCheck::clearNotifyOnce("folder-denied");
     EnvironmentCheck::clearNotifyOnce("other");
-    QuilletLog::drain();
-    std::vector<std::string> messages;
-    for (const auto& line : test::readLines(Paths::logFile())) {
-        messages.push_back(line.substr(line.find(' ') + 1));
-    }
-    EXPECT_EQ(messages, (std::vector<std::string>{
+    EXPECT_EQ(test::logMessages(), (std::vector<std::string>{
                             "[quillet] attention: Voice Memos -- grant access",
                             "[quillet] attention: Other -- body",
                             "[quillet] attention: Voice Memos -- again",

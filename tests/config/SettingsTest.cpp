@@ -312,20 +312,21 @@ TEST_F(SettingsTest, DamagedFilesAreIgnoredAsAWhole)
     EXPECT_EQ(store.settings.menuDayLimit, std::nullopt);
 }
 
-TEST_F(SettingsTest, FolderInPlaceOfTheFile)
+TEST_F(SettingsTest, AFileThatCannotBeReadOrWrittenIsSilent)
 {
+    // A folder in place of the file: defaults, and saving does nothing.
     fs::create_directories(file);
     store.reload();
     EXPECT_EQ(store.settings, AppSettings::defaults());
     EXPECT_FALSE(store.isFirstRun());
     store.settings.vaultName = "changed";
-    store.save(); // silently does nothing
+    store.save();
     EXPECT_TRUE(fs::is_directory(file));
-}
 
-TEST_F(SettingsTest, SaveIntoAnUncreatableFolderIsSilent)
-{
+    // A folder on the way that cannot be made.
+    fs::remove_all(home.path() / ".config");
     test::writeFile(home.path() / ".config", "a file where the folder should be");
+    store.reload();
     store.save();
     EXPECT_TRUE(store.isFirstRun());
 }

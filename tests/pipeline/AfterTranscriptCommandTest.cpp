@@ -98,33 +98,29 @@ TEST_F(AfterTranscriptTest, BlankCommandRunsAndLogsNothing)
     EXPECT_TRUE(messages().empty());
 }
 
-TEST_F(AfterTranscriptTest, SilentCommandLogsNoOutputLine)
+// A silent command logs no output line; only the last 2000 bytes of output are logged, without
+// the final line feed; output that is not UTF-8 is repaired.
+TEST_F(AfterTranscriptTest, TheOutputLineHoldsTheRepairedTailOfTheOutput)
 {
-    start("240101-120000", "true");
-    ASSERT_TRUE(finished("240101-120000"));
-    auto logged = messages();
-    ASSERT_EQ(logged.size(), 2u);
-    EXPECT_EQ(logged[1], "[quillet] after-transcript: 240101-120000 exited 0 after 0 s");
-}
-
-TEST_F(AfterTranscriptTest, OnlyTheLastTwoThousandBytesOfOutputAreLogged)
-{
-    // 3000 "a", then "END" and a line feed: the tail is 1996 "a", "END" and the line feed,
-    // logged without the line feed.
-    start("240101-120000", "head -c 3000 /dev/zero | tr '\\0' a; echo END");
-    ASSERT_TRUE(finished("240101-120000"));
-    auto logged = messages();
-    ASSERT_EQ(logged.size(), 3u);
-    EXPECT_EQ(logged[2], "[quillet] after-transcript: 240101-120000 output (end):\n" + std::string(1996, 'a') + "END");
-}
-
-TEST_F(AfterTranscriptTest, OutputThatIsNotUtf8IsRepaired)
-{
-    start("240101-120000", "printf 'caf\\303\\251 \\351t\\351'");
-    ASSERT_TRUE(finished("240101-120000"));
-    auto logged = messages();
-    ASSERT_EQ(logged.size(), 3u);
-    EXPECT_EQ(logged[2], "[quillet] after-transcript: 240101-120000 output (end):\ncaf\xC3\xA9 \xEF\xBF\xBDt\xEF\xBF\xBD");
+    const std::string head = "[quillet] after-transcript: 240101-120000 output (end):\n";
+    const std::vector<std::pair<std::string, std::optional<std::string>>> cases = {
+        {"true", std::nullopt},
+        // 3000 "a", "END" and a line feed: the tail is 1996 "a", "END" and the line feed.
+        {"head -c 3000 /dev/zero | tr '\\0' a; echo END", head + std::string(1996, 'a') + "END"},
+        {"printf 'caf\\303\\251 \\351t\\351'", head + "caf\xC3\xA9 \xEF\xBF\xBDt\xEF\xBF\xBD"},
+    };
+    std::size_t before = 0;
+    for (const auto& [script, output] : cases) {
+        start("240101-120000", script);
+        ASSERT_TRUE(finished("240101-120000")) << script;
+        auto logged = messages();
+        ASSERT_EQ(logged.size(), before + (output ? 3 : 2)) << script;
+        EXPECT_EQ(logged[before + 1], "[quillet] after-transcript: 240101-120000 exited 0 after 0 s") << script;
+        if (output) {
+            EXPECT_EQ(logged.back(), *output);
+        }
+        before = logged.size();
+    }
 }
 
 TEST_F(AfterTranscriptTest, SameIdIsNotStartedTwiceWhileRunningButOthersRunAlongside)

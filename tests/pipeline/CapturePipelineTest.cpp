@@ -574,6 +574,13 @@ TEST_F(PipelineWithUploads, StartResumesUnfinishedCaptures)
     earlierCapture("240101-080006", "failed", "ck_failed");
     earlierCapture("240101-080007", "poll_timeout", "ck_late");
 
+    // With uploads off nothing is resumed.
+    uploads = false;
+    await(pipeline->resumeUnfinished());
+    EXPECT_EQ(fake.requestCount(), 0u);
+    EXPECT_EQ(test::countLogLines("resuming"), 0);
+
+    uploads = true;
     pipeline->start();
     ASSERT_TRUE(test::eventually([&] { return transcribed().size() == 5; }, 30));
     ASSERT_TRUE(pipeline->waitUntilIdle(std::chrono::seconds(20)));
@@ -621,15 +628,6 @@ TEST_F(PipelineWithUploads, StartResumesUnfinishedCaptures)
     }
     pipeline->stop();
     EXPECT_EQ(test::countLogLines("[quillet] capture pipeline: stopped"), 1);
-}
-
-TEST_F(PipelineWithUploads, ResumeWithUploadsOffDoesNothing)
-{
-    uploads = false;
-    earlierCapture("240101-080001", "upload_failed", std::nullopt);
-    await(pipeline->resumeUnfinished());
-    EXPECT_EQ(fake.requestCount(), 0u);
-    EXPECT_EQ(test::countLogLines("resuming"), 0);
 }
 
 TEST_F(PipelineWithUploads, SameFileReportedTwiceIsHandledOnce)

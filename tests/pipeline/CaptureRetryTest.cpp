@@ -129,6 +129,16 @@ struct CaptureRetryTest : ::testing::Test {
         main.poll();
     }
 
+    // The pipeline's upload of a capture of an earlier run, awaited.
+    bool uploadExisting(const std::string& id)
+    {
+        auto task = asio::co_spawn(runtime::utilityExecutor(),
+                                   pipeline->uploadExisting(id, std::nullopt, std::nullopt, std::nullopt),
+                                   asio::use_future);
+        EXPECT_EQ(task.wait_for(10s), std::future_status::ready);
+        return task.get();
+    }
+
     std::vector<Progress::Kind> kinds() const
     {
         std::vector<Progress::Kind> result;
@@ -293,11 +303,7 @@ TEST_F(CaptureRetryTest, SecondRunIsRefusedAndHandledIdsAreSkipped)
     auto held0 = fake.requests("POST", "sources").at(0).body.find("240201-100000") != std::string::npos
                      ? std::string("240201-100000")
                      : std::string("240201-100001");
-    auto other = asio::co_spawn(runtime::utilityExecutor(),
-                                pipeline->uploadExisting(held0, std::nullopt, std::nullopt, std::nullopt),
-                                asio::use_future);
-    ASSERT_EQ(other.wait_for(10s), std::future_status::ready);
-    EXPECT_FALSE(other.get());
+    EXPECT_FALSE(uploadExisting(held0));
     EXPECT_EQ(test::countLogLines("[quillet] capture retry: " + held0 + " is already being handled; skipping"), 1);
 
     held->release();
@@ -313,11 +319,7 @@ TEST_F(CaptureRetryTest, SecondRunIsRefusedAndHandledIdsAreSkipped)
 
     // Without its audio copy a capture is not sent.
     fs::remove(inbox.audioURL("240201-100001"));
-    auto missing = asio::co_spawn(runtime::utilityExecutor(),
-                                  pipeline->uploadExisting("240201-100001", std::nullopt, std::nullopt, std::nullopt),
-                                  asio::use_future);
-    ASSERT_EQ(missing.wait_for(10s), std::future_status::ready);
-    EXPECT_FALSE(missing.get());
+    EXPECT_FALSE(uploadExisting("240201-100001"));
     EXPECT_EQ(test::countLogLines("[quillet] capture retry: no local audio for 240201-100001; skipping"), 1);
     EXPECT_EQ(fake.requests("POST", "sources").size(), 2u);
 }

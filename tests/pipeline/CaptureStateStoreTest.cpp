@@ -1,10 +1,9 @@
 #include "quillet_capture/pipeline/CaptureStateStore.hpp"
 
-#include "quillet_capture/config/Log.hpp"
 #include "quillet_capture/pipeline/CaptureStateMigration.hpp"
-#include "quillet_capture/platform/Paths.hpp"
 #include "quillet_capture/util/Iso8601.hpp"
 #include "tests/support/FakeClock.hpp"
+#include "tests/support/LogLines.hpp"
 #include "tests/support/Scratch.hpp"
 
 #include <gtest/gtest.h>
@@ -48,19 +47,6 @@ struct StoreFixture {
         test::writeFile(storePath, text);
     }
 
-    std::vector<std::string> logLines()
-    {
-        QuilletLog::drain();
-        if (!fs::exists(Paths::logFile())) {
-            return {};
-        }
-        std::vector<std::string> messages;
-        for (const auto& line : test::readLines(Paths::logFile())) {
-            messages.push_back(line.substr(line.find(' ') + 1));
-        }
-        return messages;
-    }
-
     // The file decoded; its text must also be exactly the encoding of what it holds.
     State onDisk()
     {
@@ -72,18 +58,6 @@ struct StoreFixture {
 };
 
 // --- the operations, and that each change is on disk when it returns ------------------------
-
-TEST(CaptureStateStore, FreshStoreIsEmptyAndWritesNothingUntilAChange)
-{
-    StoreFixture f;
-    auto store = f.open();
-    EXPECT_EQ(store->state(), State{});
-    EXPECT_EQ(store->state().version, 2);
-    EXPECT_EQ(store->seenCount(), 0u);
-    EXPECT_FALSE(store->hasSeen("a.m4a"));
-    EXPECT_FALSE(fs::exists(f.storePath));
-    EXPECT_TRUE(f.logLines().empty());
-}
 
 TEST(CaptureStateStore, EveryChangeIsOnDiskWhenTheCallReturns)
 {
@@ -108,14 +82,22 @@ TEST(CaptureStateStore, EveryChangeIsOnDiskWhenTheCallReturns)
     EXPECT_EQ(reopened->state(), store->state());
 }
 
-TEST(CaptureStateStore, LookupsAndCountsArePerFolder)
+TEST(CaptureStateStore, LookupsCountsAndReplacementArePerFolder)
 {
     StoreFixture f;
+    f.clock.advance(std::chrono::milliseconds(1500));
     auto store = f.open();
+    // Fresh: empty, and nothing is written until a change.
+    EXPECT_EQ(store->state(), State{});
+    EXPECT_EQ(store->state().version, 2);
+    EXPECT_EQ(store->seenCount(), 0u);
+    EXPECT_FALSE(store->hasSeen("a.m4a"));
+    EXPECT_FALSE(fs::exists(f.storePath));
+    EXPECT_TRUE(test::logMessages().empty());
+
     store->markSeen("a.m4a", "id-a");
     store->markSeen("a.m4a", "id-a2", "phone");
     store->markSeen("b.m4a", "id-b", "phone");
-
     EXPECT_TRUE(store->hasSeen("a.m4a"));
     EXPECT_TRUE(store->hasSeen("a.m4a", "voice-memos"));
     EXPECT_FALSE(store->hasSeen("b.m4a"));
@@ -125,25 +107,13 @@ TEST(CaptureStateStore, LookupsAndCountsArePerFolder)
     EXPECT_EQ(store->seenCount("phone"), 2u);
     EXPECT_EQ(store->seenCount("nowhere"), 0u);
     EXPECT_EQ(store->seenCount(), 3u);
-}
+    // Without a time the clock's, in whole seconds.
+    EXPECT_EQ(store->state().seenByFolder.at("voice-memos").at("a.m4a").firstSeen, at("2024-05-01T09:30:01Z"));
 
-TEST(CaptureStateStore, MarkingAgainReplacesTheEntry)
-{
-    StoreFixture f;
-    auto store = f.open();
-    store->markSeen("a.m4a", "old", "voice-memos", at("2024-01-01T00:00:00Z"));
+    // Marking again replaces the entry.
     store->markSeen("a.m4a", "new", "voice-memos", at("2024-02-02T00:00:00Z"));
     EXPECT_EQ(f.onDisk().seenByFolder.at("voice-memos").at("a.m4a"), (Entry{at("2024-02-02T00:00:00Z"), "new"}));
-    EXPECT_EQ(store->seenCount(), 1u);
-}
-
-TEST(CaptureStateStore, MarkSeenWithoutATimeUsesTheClockInWholeSeconds)
-{
-    StoreFixture f;
-    f.clock.advance(std::chrono::milliseconds(1500));
-    auto store = f.open();
-    store->markSeen("a.m4a", "x");
-    EXPECT_EQ(store->state().seenByFolder.at("voice-memos").at("a.m4a").firstSeen, at("2024-05-01T09:30:01Z"));
+    EXPECT_EQ(store->seenCount(), 3u);
 }
 
 TEST(CaptureStateStore, ForgetAlwaysLeavesTheFolderIndexed)
@@ -389,7 +359,7 @@ TEST(CaptureStateStoreLoad, BrokenFileStartsFreshAndIsOverwrittenByTheNextWrite)
         auto store = f.open();
         EXPECT_EQ(store->state(), State{}) << broken;
         EXPECT_EQ(test::readFile(f.storePath), broken) << "nothing is written before a change";
-        EXPECT_TRUE(f.logLines().empty());
+        EXPECT_TRUE(test::logMessages().empty());
 
         store->markSeen("b.m4a", "b");
         EXPECT_EQ(f.onDisk(), store->state());
@@ -403,7 +373,7 @@ TEST(CaptureStateStoreLoad, AStateFolderThatIsAFileMakesWritesFailWithALogLine)
     auto store = f.open();
     store->markSeen("a.m4a", "a");
     EXPECT_TRUE(store->hasSeen("a.m4a")) << "memory stays the truth";
-    auto lines = f.logLines();
+    auto lines = test::logMessages();
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_TRUE(lines[0].starts_with("[quillet] capture: state persist failed: ")) << lines[0];
 }
@@ -431,7 +401,7 @@ TEST(CaptureStateStoreLoad, VersionOneIsMigratedLoggedAndRewritten)
     EXPECT_EQ(memos.at("A.m4a"), (Entry{at("2023-01-01T00:00:00Z"), "a"}));
     EXPECT_EQ(memos.at("B.m4a"), (Entry{at("2023-06-01T00:00:00Z"), "b"}));
     EXPECT_EQ(state.seenByFolder.at("phone").size(), 1u);
-    EXPECT_EQ(f.logLines(), std::vector<std::string>{"[quillet] capture: migrated state v1 -> v2 (3 entries)"});
+    EXPECT_EQ(test::logMessages(), std::vector<std::string>{"[quillet] capture: migrated state v1 -> v2 (3 entries)"});
     EXPECT_EQ(f.onDisk(), state);
 }
 
@@ -439,9 +409,8 @@ TEST(CaptureStateStoreLoad, AFileWithoutVersionIsVersionOne)
 {
     StoreFixture f;
     f.writeStateFile(R"({"voiceMemosSeen": {"A.m4a": {"firstSeen": "2023-01-01T00:00:00Z", "canonicalId": ""}}})");
-    auto store = f.open();
-    EXPECT_TRUE(store->hasSeen("A.m4a"));
-    EXPECT_EQ(f.logLines(), std::vector<std::string>{"[quillet] capture: migrated state v1 -> v2 (1 entries)"});
+    EXPECT_TRUE(f.open()->hasSeen("A.m4a"));
+    EXPECT_EQ(test::logMessages(), std::vector<std::string>{"[quillet] capture: migrated state v1 -> v2 (1 entries)"});
     EXPECT_EQ(f.onDisk().version, 2);
 }
 
@@ -461,7 +430,7 @@ TEST(CaptureStateStoreLoad, VersionTwoIsLoadedWithoutWritingOrLogging)
     ASSERT_EQ(::stat(f.storePath.c_str(), &after), 0);
     EXPECT_EQ(before.st_ino, after.st_ino);
     EXPECT_EQ(test::readFile(f.storePath), text);
-    EXPECT_TRUE(f.logLines().empty());
+    EXPECT_TRUE(test::logMessages().empty());
 }
 
 TEST(CaptureStateStoreLoad, LegacyWatcherListIsImported)
@@ -474,7 +443,7 @@ TEST(CaptureStateStoreLoad, LegacyWatcherListIsImported)
     const auto& memos = state.seenByFolder.at("voice-memos");
     EXPECT_EQ(memos.size(), 2u);
     EXPECT_EQ(memos.at("240101 101010.m4a"), (Entry{f.clock.now(), ""}));
-    EXPECT_EQ(f.logLines(), std::vector<std::string>{"[quillet] capture: migrating 2 entries from voice-memo-watcher state"});
+    EXPECT_EQ(test::logMessages(), std::vector<std::string>{"[quillet] capture: migrating 2 entries from voice-memo-watcher state"});
     EXPECT_EQ(f.onDisk(), state);
     EXPECT_EQ(test::readFile(f.legacyPath), R"({"processed": ["240101 101010.m4a", "240102 101010.m4a"], "other": 1})");
 }
@@ -498,13 +467,13 @@ TEST(CaptureStateStoreLoad, UnusableLegacyFilesAreIgnoredWhole)
         auto store = f.open();
         EXPECT_EQ(store->state(), State{}) << legacy;
         EXPECT_FALSE(fs::exists(f.storePath)) << legacy;
-        EXPECT_TRUE(f.logLines().empty()) << legacy;
+        EXPECT_TRUE(test::logMessages().empty()) << legacy;
     }
 }
 
 // --- migration as pure functions -------------------------------------------------------------
 
-TEST(CaptureStateMigration, LaterVersionsAreLeftAlone)
+TEST(CaptureStateMigration, LaterVersionsAreLeftAloneAndRepeatsKeepOneEntry)
 {
     State state;
     state.version = 3;
@@ -518,14 +487,34 @@ TEST(CaptureStateMigration, LaterVersionsAreLeftAlone)
     EXPECT_EQ(migrated.version, 2);
     EXPECT_EQ(migrated.seenByFolder, empty.seenByFolder);
     EXPECT_FALSE(migrated.seenByFolder.contains("voice-memos"));
+
+    auto legacy = CaptureStateMigration::fromLegacyPythonState({"a", "b", "a"}, at("2024-01-01T00:00:00Z"));
+    EXPECT_EQ(legacy.version, 2);
+    EXPECT_EQ(legacy.seenByFolder.at("voice-memos").size(), 2u);
+    EXPECT_TRUE(legacy.voiceMemosSeen.empty());
 }
 
-TEST(CaptureStateMigration, LegacyListWithRepeatsKeepsOneEntryPerName)
+// The file keeps a name that is not UTF-8 with U+FFFD for each stray byte. The store looks
+// names up in that same form, so a store read back at the next start still knows the file
+// (which would otherwise be captured again after every restart).
+TEST(CaptureStateStoreNames, ANameThatIsNotUtf8IsStillSeenAfterARestart)
 {
-    auto state = CaptureStateMigration::fromLegacyPythonState({"a", "b", "a"}, at("2024-01-01T00:00:00Z"));
-    EXPECT_EQ(state.version, 2);
-    EXPECT_EQ(state.seenByFolder.at("voice-memos").size(), 2u);
-    EXPECT_TRUE(state.voiceMemosSeen.empty());
+    StoreFixture f;
+    const std::string name = "memo \xff\xfe.m4a";
+    {
+        auto store = f.open();
+        store->markSeen(name, "240131-142530", "phone");
+        store->markIndexed({{"old \x80.m4a", ""}}, "phone");
+        EXPECT_TRUE(store->hasSeen(name, "phone"));
+    }
+    auto again = f.open();
+    EXPECT_TRUE(again->hasSeen(name, "phone"));
+    EXPECT_TRUE(again->hasSeen("old \x80.m4a", "phone"));
+    EXPECT_TRUE(again->holdsCanonicalId("240131-142530"));
+    EXPECT_FALSE(again->hasSeen("memo .m4a", "phone"));
+    EXPECT_EQ(again->forget({name}, "phone"), 1u);
+    EXPECT_FALSE(again->hasSeen(name, "phone"));
+    EXPECT_TRUE(again->state().seenByFolder.at("phone").contains("old \xEF\xBF\xBD.m4a"));
 }
 
 } // namespace

@@ -3,6 +3,7 @@
 #include "quillet_capture/config/Log.hpp"
 #include "quillet_capture/platform/Paths.hpp"
 #include "quillet_capture/platform/Process.hpp"
+#include "tests/support/LogLines.hpp"
 #include "tests/support/Scratch.hpp"
 
 #include <gtest/gtest.h>
@@ -62,16 +63,6 @@ struct Printed {
     }
 };
 
-std::vector<std::string> logMessages()
-{
-    QuilletLog::drain();
-    std::vector<std::string> messages;
-    for (const auto& line : test::readLines(Paths::logFile())) {
-        messages.push_back(line.substr(line.find(' ') + 1));
-    }
-    return messages;
-}
-
 // --- shell and friends -------------------------------------------------------------------
 
 TEST(Shell, CollectsBothStreamsAndTheStatusWithoutAShell)
@@ -83,23 +74,17 @@ TEST(Shell, CollectsBothStreamsAndTheStatusWithoutAShell)
     auto mixed = shell("/bin/sh", {"-c", "echo out; echo err >&2; exit 7"});
     EXPECT_EQ(mixed.status, 7);
     EXPECT_EQ(mixed.output, "out\nerr\n");
+    EXPECT_EQ(shell("/bin/sh", {"-c", "kill -KILL $$"}).status, 9);
 
-    auto killed = shell("/bin/sh", {"-c", "kill -KILL $$"});
-    EXPECT_EQ(killed.status, 9);
-}
-
-TEST(Shell, UnstartableProgramGivesMinusOneAndTheReason)
-{
+    // A program that cannot start: -1 and the reason.
     auto missing = shell("/nonexistent/launchctl", {"print"});
     EXPECT_EQ(missing.status, -1);
     EXPECT_EQ(missing.output, "/nonexistent/launchctl: No such file or directory");
-}
 
-TEST(Shell, OutputThatIsNotUtf8ReadsAsEmpty)
-{
-    auto result = shell("/usr/bin/printf", {"caf\\351\\n"});
-    EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(result.output, "");
+    // Output that is not UTF-8 reads as empty.
+    auto latin1 = shell("/usr/bin/printf", {"caf\\351\\n"});
+    EXPECT_EQ(latin1.status, 0);
+    EXPECT_EQ(latin1.output, "");
     EXPECT_EQ(shell("/usr/bin/printf", {"caf\\303\\251"}).output, "caf\xC3\xA9");
 }
 
@@ -212,7 +197,7 @@ TEST_F(LaunchdTest, InstallWritesBootsOutAndBootstrapsAndCanBeRepeated)
         EXPECT_EQ(info.st_mode & 0777, 0644u);
     }
     EXPECT_TRUE(fs::is_directory(home.path() / "Library/Logs/quillet"));
-    auto messages = logMessages();
+    auto messages = test::logMessages();
     EXPECT_EQ(std::count(messages.begin(), messages.end(),
                          "[quillet] capture-cli: LaunchAgent installed (/opt/quillet/quillet-capture)"),
               2);
@@ -239,8 +224,9 @@ TEST_F(LaunchdTest, RefusedLocationsWriteNothing)
     EXPECT_NO_THROW(manager.install("/Users/ana/MyDownloads/quillet-capture", printed.print()));
 }
 
-TEST_F(LaunchdTest, FailedBootstrapEndsInstallWithLaunchctlsText)
+TEST_F(LaunchdTest, InstallFailuresEndInstallWithTheirText)
 {
+    // launchctl refuses: its text, after the plist was written.
     launchctl.failVerb("bootstrap");
     try {
         manager.install("/opt/q/quillet-capture", printed.print());
@@ -249,11 +235,11 @@ TEST_F(LaunchdTest, FailedBootstrapEndsInstallWithLaunchctlsText)
         EXPECT_STREQ(error.what(), "launchctl bootstrap failed: Failed to bootstrap: boom\n");
     }
     EXPECT_TRUE(printed.lines.empty());
-    EXPECT_TRUE(fs::exists(plist)); // written before launchctl was asked
-}
+    EXPECT_TRUE(fs::exists(plist));
 
-TEST_F(LaunchdTest, UnwritableLaunchAgentsFolderEndsInstall)
-{
+    // The LaunchAgents folder cannot be written: launchctl is never asked.
+    fs::remove_all(home.path() / "Library/LaunchAgents");
+    launchctl.clearCalls();
     test::writeFile(home.path() / "Library/LaunchAgents", "a file where the folder should be");
     try {
         manager.install("/opt/q/quillet-capture", printed.print());
@@ -294,7 +280,7 @@ TEST_F(LaunchdTest, UninstallAlwaysSucceeds)
     manager.uninstall(printed.print());
     EXPECT_FALSE(fs::exists(plist));
     EXPECT_TRUE(fs::exists(oldPlist)); // the predecessor's agent is install's business
-    EXPECT_EQ(logMessages(), (std::vector<std::string>{
+    EXPECT_EQ(test::logMessages(), (std::vector<std::string>{
                                  "[quillet] capture-cli: LaunchAgent removed",
                                  "[quillet] capture-cli: LaunchAgent removed",
                              }));
@@ -309,59 +295,47 @@ TEST_F(LaunchdTest, AgentLoadedAsksLaunchctlPrint)
     EXPECT_FALSE(LaunchdAgentManager("/nonexistent/launchctl").agentLoaded());
 }
 
-TEST_F(LaunchdTest, WithAgentStoppedStopsRunsAndRestarts)
+TEST_F(LaunchdTest, WithAgentStoppedStopsRunsTheBodyAndStartsWhatIsInstalled)
 {
-    test::writeFile(plist, "<plist/>");
+    const std::string print = "print " + gui + "/se.Brannick.quillet.capture";
+    const std::string bootout = "bootout " + gui + " " + plist.string();
+    const std::string bootstrap = "bootstrap " + gui + " " + plist.string();
+    using Lines = std::vector<std::string>;
+    Lines callsDuringBody;
+    auto body = [&] { callsDuringBody = launchctl.calls(); };
+
+    // Loaded without a plist: stopped, the body runs, and it stays stopped.
     launchctl.setLoaded(true);
-    std::vector<std::string> callsDuringBody;
-    manager.withAgentStopped([&] { callsDuringBody = launchctl.calls(); }, printed.print());
-    EXPECT_EQ(callsDuringBody, (std::vector<std::string>{
-                                   "print " + gui + "/se.Brannick.quillet.capture",
-                                   "bootout " + gui + " " + plist.string(),
-                               }));
-    EXPECT_EQ(launchctl.calls().back(), "bootstrap " + gui + " " + plist.string());
-    EXPECT_TRUE(printed.lines.empty());
-}
-
-TEST_F(LaunchdTest, WithAgentStoppedLoadsAnInstalledAgentThatWasNotLoaded)
-{
-    test::writeFile(plist, "<plist/>");
-    bool ran = false;
-    manager.withAgentStopped([&] { ran = true; }, printed.print());
-    EXPECT_TRUE(ran);
-    EXPECT_EQ(launchctl.calls(), (std::vector<std::string>{
-                                     "print " + gui + "/se.Brannick.quillet.capture",
-                                     "bootstrap " + gui + " " + plist.string(),
-                                 }));
-}
-
-TEST_F(LaunchdTest, WithAgentStoppedReportsAFailedRestartAndGoesOn)
-{
-    test::writeFile(plist, "<plist/>");
-    launchctl.failVerb("bootstrap");
-    manager.withAgentStopped([] {}, printed.print());
-    EXPECT_EQ(printed.lines, (std::vector<std::string>{
-                                 "Could not restart the agent: Failed to bootstrap: boom\n. Run: quillet-capture install",
-                             }));
-}
-
-TEST_F(LaunchdTest, WithAgentStoppedWithoutPlistRunsTheBodyThenSaysNotInstalled)
-{
-    launchctl.setLoaded(true); // loaded without a plist: stopped and left stopped
     manager.withAgentStopped([&] { printed.lines.push_back("body"); }, printed.print());
-    EXPECT_EQ(printed.lines, (std::vector<std::string>{
-                                 "body",
-                                 "The capture agent is not installed. Run: quillet-capture install",
-                             }));
-    EXPECT_EQ(launchctl.calls().back(), "bootout " + gui + " " + plist.string());
-}
+    EXPECT_EQ(printed.lines, (Lines{"body", "The capture agent is not installed. Run: quillet-capture install"}));
+    EXPECT_EQ(launchctl.calls(), (Lines{print, bootout}));
 
-TEST_F(LaunchdTest, WithAgentStoppedRestartsEvenWhenTheBodyThrows)
-{
+    // Loaded: stopped around the body and started again.
     test::writeFile(plist, "<plist/>");
+    launchctl.clearCalls();
+    printed.lines.clear();
+    manager.withAgentStopped(body, printed.print());
+    EXPECT_EQ(callsDuringBody, (Lines{print, bootout}));
+    EXPECT_EQ(launchctl.calls(), (Lines{print, bootout, bootstrap}));
+    EXPECT_TRUE(printed.lines.empty());
+
+    // Installed but not loaded: the body runs and the agent is started afterwards.
+    launchctl.setLoaded(false);
+    launchctl.clearCalls();
+    manager.withAgentStopped(body, printed.print());
+    EXPECT_EQ(callsDuringBody, Lines{print});
+    EXPECT_EQ(launchctl.calls(), (Lines{print, bootstrap}));
+
+    // A body that throws still gets the agent started again.
     EXPECT_THROW(manager.withAgentStopped([] { throw std::runtime_error("body failed"); }, printed.print()),
                  std::runtime_error);
-    EXPECT_EQ(launchctl.calls().back(), "bootstrap " + gui + " " + plist.string());
+    EXPECT_EQ(launchctl.calls().back(), bootstrap);
+
+    // A failed restart is reported, and the call goes on.
+    launchctl.failVerb("bootstrap");
+    manager.withAgentStopped([] {}, printed.print());
+    EXPECT_EQ(printed.lines,
+              Lines{"Could not restart the agent: Failed to bootstrap: boom\n. Run: quillet-capture install"});
 }
 
 // --- systemd -------------------------------------------------------------------------------
@@ -398,10 +372,8 @@ TEST_F(SystemdTest, UnitRunsTheProgramAndAppendsItsOutput)
                   "\n"
                   "[Install]\n"
                   "WantedBy=default.target\n");
-}
 
-TEST_F(SystemdTest, ExecStartQuotesPathsThatSystemdWouldSplitOrExpand)
-{
+    // Paths that systemd would split or expand are quoted.
     auto text = manager.definition("/home/ana/My Apps/100% \"q\"/$bin\\quillet-capture");
     EXPECT_NE(text.find("ExecStart=\"/home/ana/My Apps/100%% \\\"q\\\"/$$bin\\\\quillet-capture\" run\n"),
               std::string::npos)
@@ -421,8 +393,17 @@ TEST_F(SystemdTest, FailedReloadOrEnableEndsInstall)
     }
 }
 
-TEST_F(SystemdTest, WithAgentStoppedAroundAnActiveUnit)
+TEST_F(SystemdTest, WithAgentStoppedAroundAnActiveUnitOrWithoutOne)
 {
+    manager.withAgentStopped([&] { printed.lines.push_back("body"); }, printed.print());
+    EXPECT_EQ(systemctl.calls(), (std::vector<std::string>{"--user is-active --quiet " + name}));
+    EXPECT_EQ(printed.lines, (std::vector<std::string>{
+                                 "body",
+                                 "The capture agent is not installed. Run: quillet-capture install",
+                             }));
+
+    systemctl.clearCalls();
+    printed.lines.clear();
     test::writeFile(unit, "[Unit]\n");
     systemctl.setLoaded(true);
     std::vector<std::string> callsDuringBody;
@@ -438,16 +419,6 @@ TEST_F(SystemdTest, WithAgentStoppedAroundAnActiveUnit)
                                      "--user enable --now " + name,
                                  }));
     EXPECT_TRUE(printed.lines.empty());
-}
-
-TEST_F(SystemdTest, WithAgentStoppedWithoutAUnit)
-{
-    manager.withAgentStopped([&] { printed.lines.push_back("body"); }, printed.print());
-    EXPECT_EQ(systemctl.calls(), (std::vector<std::string>{"--user is-active --quiet " + name}));
-    EXPECT_EQ(printed.lines, (std::vector<std::string>{
-                                 "body",
-                                 "The capture agent is not installed. Run: quillet-capture install",
-                             }));
 }
 
 TEST_F(SystemdTest, UninstallForgetsTheUnitOnlyWhenOneWasRemoved)

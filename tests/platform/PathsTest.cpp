@@ -60,20 +60,17 @@ TEST(Paths, LinuxLayoutFollowsXdg)
     EXPECT_EQ(l.legacyWatcherFile, "/home/ana/.voice_memo_watcher_state.json");
 }
 
-TEST(Paths, UnsetEmptyOrRelativeXdgFallsBackUnderHome)
+TEST(Paths, UnsetEmptyOrRelativeXdgFallsBackUnderHomeAndAnEmptyHomeToTheUserDatabase)
 {
     auto l = Paths::layoutFor(Platform::linux,
                               env({{"HOME", "/home/ana"}, {"XDG_CONFIG_HOME", ""}, {"XDG_STATE_HOME", "rel/state"}}));
     EXPECT_EQ(l.settingsFile, "/home/ana/.config/quillet/settings.json");
     EXPECT_EQ(l.stateFile, "/home/ana/.local/state/quillet/state.json");
     EXPECT_EQ(l.recordingsRoot, "/home/ana/.local/share/quillet/Recordings");
-}
 
-TEST(Paths, EmptyHomeFallsBackToTheUserDatabase)
-{
-    auto l = Paths::layoutFor(Platform::linux, env({{"HOME", ""}}));
-    EXPECT_FALSE(l.home.empty());
-    EXPECT_TRUE(l.home.is_absolute());
+    auto homeless = Paths::layoutFor(Platform::linux, env({{"HOME", ""}}));
+    EXPECT_FALSE(homeless.home.empty());
+    EXPECT_TRUE(homeless.home.is_absolute());
 }
 
 TEST(Paths, TildeExpansion)
