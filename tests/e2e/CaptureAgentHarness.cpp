@@ -260,7 +260,9 @@ CaptureAgentHarness::Recording CaptureAgentHarness::drop(int index, std::size_t 
 
 void CaptureAgentHarness::place(const fs::path& file, const std::string& bytes, std::optional<fs::file_time_type> modified)
 {
-    auto hidden = file.parent_path() / (".incoming-" + file.filename().string());
+    // A short hidden name: the final one may be as long as a name can be.
+    static std::atomic<int> placed{0};
+    auto hidden = file.parent_path() / (".incoming-" + std::to_string(++placed));
     writeFile(hidden, bytes);
     if (modified) {
         fs::last_write_time(hidden, *modified);
