@@ -1,10 +1,10 @@
 #include "quillet_capture/platform/Paths.hpp"
 
+#include "tests/support/LogLines.hpp"
 #include "tests/support/Scratch.hpp"
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <filesystem>
 
 namespace quillet {
@@ -50,32 +50,19 @@ struct AgentTest : ::testing::Test {
 
     std::string installedText(const std::string& program) const
     {
-        return "Installed. quillet-capture now runs at login and restarts if it stops.\n"
-               "  program: " +
-               program +
-               "\n"
-               "  agent:   " +
-               unit.string() +
-               "\n"
-               "\n"
-               "Check it with: quillet-capture status\n";
-    }
-
-    std::vector<std::string> logMessages() const
-    {
-        std::vector<std::string> messages;
-        for (const auto& line : test::readLines(home.path() / ".local/state/quillet/quillet.log")) {
-            messages.push_back(line.substr(line.find(' ') + 1));
-        }
-        return messages;
+        return "Installed. quillet-capture now runs at login and restarts if it stops.\n  program: " + program +
+               "\n  agent:   " + unit.string() + "\n\nCheck it with: quillet-capture status\n";
     }
 };
 
-TEST_F(AgentTest, InstallTwiceReplacesTheUnitAndRestartsIt)
+TEST_F(AgentTest, InstallTwiceReplacesTheUnitAndRestartsItAndUninstallAlwaysSucceeds)
 {
+    // The second time through a symbolic link: the unit holds the resolved program.
     const std::string program = fs::canonical(test::programPath()).string();
-    for (int round = 0; round < 2; ++round) {
-        auto result = run({"install"});
+    fs::create_directories(home.path() / "bin");
+    fs::create_symlink(test::programPath(), home.path() / "bin/quillet-capture");
+    for (const auto& started : {test::programPath(), (home.path() / "bin/quillet-capture").string()}) {
+        auto result = run({"install"}, started);
         EXPECT_EQ(result.status, 0) << result.errors;
         EXPECT_EQ(result.output, installedText(program));
     }
@@ -92,30 +79,30 @@ TEST_F(AgentTest, InstallTwiceReplacesTheUnitAndRestartsIt)
     EXPECT_NE(text.find("StandardOutput=append:" + outputFile.string() + "\n"), std::string::npos) << text;
     EXPECT_NE(text.find("StandardError=append:" + outputFile.string() + "\n"), std::string::npos) << text;
     EXPECT_TRUE(fs::is_directory(outputFile.parent_path()));
-    EXPECT_EQ(logMessages(), (std::vector<std::string>{
-                                 "[quillet] capture-cli: LaunchAgent installed (" + program + ")",
-                                 "[quillet] capture-cli: LaunchAgent installed (" + program + ")",
-                             }));
+    EXPECT_EQ(test::logMessages(), (std::vector<std::string>{
+                                       "[quillet] capture-cli: LaunchAgent installed (" + program + ")",
+                                       "[quillet] capture-cli: LaunchAgent installed (" + program + ")",
+                                   }));
+
+    // Uninstall, and again when nothing is installed.
+    for (int round = 0; round < 2; ++round) {
+        fs::remove(bin.path() / "calls");
+        auto result = run({"uninstall"});
+        EXPECT_EQ(result.status, 0);
+        EXPECT_EQ(result.output, "Removed. Capture no longer starts at login. Settings and the Keychain token are kept.\n");
+        EXPECT_EQ(test::logMessages().back(), "[quillet] capture-cli: LaunchAgent removed");
+        EXPECT_FALSE(fs::exists(unit));
+    }
+    EXPECT_EQ(calls(), (std::vector<std::string>{"--user disable --now " + name}));
 }
 
-TEST_F(AgentTest, InstallThroughASymbolicLinkWritesTheResolvedProgram)
+TEST_F(AgentTest, InstallFailuresEndWithTheirOwnText)
 {
-    fs::create_directories(home.path() / "bin");
-    fs::create_symlink(test::programPath(), home.path() / "bin/quillet-capture");
-    auto result = run({"install"}, (home.path() / "bin/quillet-capture").string());
-    ASSERT_EQ(result.status, 0) << result.errors;
-    const std::string program = fs::canonical(test::programPath()).string();
-    EXPECT_EQ(result.output, installedText(program));
-    EXPECT_NE(test::readFile(unit).find("ExecStart=" + program + " run\n"), std::string::npos);
-}
-
-TEST_F(AgentTest, InstallFromDownloadsIsRefusedBeforeAnythingIsWritten)
-{
+    // From Downloads: refused before anything is written.
     fs::path copy = home.path() / "Downloads/quillet-capture/quillet-capture";
     fs::create_directories(copy.parent_path());
     fs::copy_file(test::programPath(), copy);
     fs::permissions(copy, fs::perms::owner_all);
-
     auto result = run({"install"}, copy.string());
     EXPECT_EQ(result.status, 1);
     EXPECT_EQ(result.output, "");
@@ -124,48 +111,31 @@ TEST_F(AgentTest, InstallFromDownloadsIsRefusedBeforeAnythingIsWritten)
                              "and the Full Disk Access grant both point at this exact path.\n");
     EXPECT_FALSE(fs::exists(unit));
     EXPECT_FALSE(fs::exists(home.path() / ".local/state/quillet"));
-    EXPECT_TRUE(calls().empty());
-}
 
-TEST_F(AgentTest, UninstallWhenNothingIsInstalledStillSucceeds)
-{
-    auto result = run({"uninstall"});
-    EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(result.output, "Removed. Capture no longer starts at login. Settings and the Keychain token are kept.\n");
-    EXPECT_EQ(calls(), (std::vector<std::string>{"--user disable --now " + name}));
-    EXPECT_EQ(logMessages(), (std::vector<std::string>{"[quillet] capture-cli: LaunchAgent removed"}));
-}
-
-TEST_F(AgentTest, FailingServiceManagerEndsInstallWithItsOwnText)
-{
-    test::writeFile(bin.path() / "fail", "enable\n");
-    auto result = run({"install"});
-    EXPECT_EQ(result.status, 1);
-    EXPECT_EQ(result.output, "");
-    EXPECT_EQ(result.errors, "systemctl enable failed: Failed to enable: boom\n\n");
-    EXPECT_TRUE(logMessages().empty());
-}
-
-TEST_F(AgentTest, MissingServiceManagerEndsInstallButNotUninstall)
-{
-    fs::remove(bin.path() / "systemctl");
-    auto installed = test::runProcess(test::programPath(), {"install"}, {{"PATH", bin.path().string()}});
-    EXPECT_EQ(installed.status, 1);
-    EXPECT_EQ(installed.errors, "systemctl enable failed: systemctl: not found in PATH\n");
-
-    auto removed = test::runProcess(test::programPath(), {"uninstall"}, {{"PATH", bin.path().string()}});
-    EXPECT_EQ(removed.status, 0);
-    EXPECT_FALSE(fs::exists(unit));
-}
-
-TEST_F(AgentTest, UnitFolderThatCannotBeWrittenEndsInstall)
-{
-    // A file where the folder should be stops even root, unlike a permission bit.
+    // A file where the unit's folder should be stops even root, unlike a permission bit.
     test::writeFile(home.path() / ".config/systemd", "not a folder");
-    auto result = run({"install"});
+    result = run({"install"});
     EXPECT_EQ(result.status, 1);
     EXPECT_EQ(result.errors, "Could not write " + unit.string() + ": Not a directory\n");
     EXPECT_TRUE(calls().empty());
+    fs::remove(home.path() / ".config/systemd");
+
+    // A failing service manager: its own text, and nothing logged.
+    test::writeFile(bin.path() / "fail", "enable\n");
+    result = run({"install"});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.output, "");
+    EXPECT_EQ(result.errors, "systemctl enable failed: Failed to enable: boom\n\n");
+    EXPECT_TRUE(test::logMessages().empty());
+
+    // No service manager at all: install fails, uninstall does not.
+    fs::remove(bin.path() / "systemctl");
+    result = test::runProcess(test::programPath(), {"install"}, {{"PATH", bin.path().string()}});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.errors, "systemctl enable failed: systemctl: not found in PATH\n");
+    result = test::runProcess(test::programPath(), {"uninstall"}, {{"PATH", bin.path().string()}});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_FALSE(fs::exists(unit));
 }
 
 TEST_F(AgentTest, ThePredecessorsUnitIsRemovedBeforeInstallRuns)
@@ -176,10 +146,7 @@ TEST_F(AgentTest, ThePredecessorsUnitIsRemovedBeforeInstallRuns)
     ASSERT_EQ(result.status, 0) << result.errors;
     // The migration from Pellam, first thing at start, has removed it and logged so.
     EXPECT_TRUE(result.output.starts_with("Installed. ")) << result.output;
-    auto messages = logMessages();
-    EXPECT_NE(std::find(messages.begin(), messages.end(),
-                        "[quillet] migration from Pellam: Removed the old pellam-capture LaunchAgent."),
-              messages.end());
+    EXPECT_EQ(test::countLogLines("[quillet] migration from Pellam: Removed the old pellam-capture LaunchAgent."), 1);
     EXPECT_FALSE(fs::exists(old));
     auto all = calls();
     ASSERT_GE(all.size(), 2u);

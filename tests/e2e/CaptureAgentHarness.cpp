@@ -3,9 +3,11 @@
 #include "quillet_capture/config/Keychain.hpp"
 #include "quillet_capture/pipeline/CaptureStateStore.hpp"
 #include "quillet_capture/platform/Paths.hpp"
+#include "quillet_capture/runtime/Tasks.hpp"
 #include "quillet_capture/util/AtomicFile.hpp"
 #include "quillet_capture/vault/InboxWriter.hpp"
 
+#include "tests/support/LogLines.hpp"
 #include "tests/support/SettingsFile.hpp"
 
 #include <gtest/gtest.h>
@@ -21,18 +23,13 @@
 #include <chrono>
 #include <cstdlib>
 #include <ctime>
-#include <set>
+#include <future>
 
 namespace quillet::test {
 
 namespace fs = std::filesystem;
 
 namespace {
-
-std::string twoDigits(int value)
-{
-    return (value < 10 ? "0" : "") + std::to_string(value);
-}
 
 // A key's endpoint below "sources/": the key and, for the status, "/status".
 std::optional<std::pair<std::string, bool>> sourceKey(const std::string& endpoint)
@@ -59,6 +56,29 @@ void sleepFor(double seconds)
     }
 }
 
+const std::map<std::string, std::optional<std::string>> kEnvironment = {{"QUILLET_TOKEN_STORE", "file"}};
+
+// How many starts of `run` the log holds.
+long runsLogged()
+{
+    return countLogLines("[quillet] capture-cli: run ");
+}
+
+// The name and id of recording number `index`.
+CaptureAgentHarness::Recording makeRecording(int index)
+{
+    // Names a minute and a second apart, from 1 March 2024, 08:00:00 UTC on.
+    std::time_t when = 1709280000 + static_cast<std::time_t>(index) * 61;
+    std::tm parts{};
+    gmtime_r(&when, &parts);
+    char name[32];
+    std::strftime(name, sizeof name, "%Y%m%d %H%M%S.m4a", &parts);
+    CaptureAgentHarness::Recording recording;
+    recording.name = name;  // "20240301 080000.m4a"
+    recording.id = recording.name.substr(2, 6) + "-" + recording.name.substr(9, 6);
+    return recording;
+}
+
 } // namespace
 
 CaptureAgentHarness::CaptureAgentHarness(unsigned seed)
@@ -70,7 +90,7 @@ CaptureAgentHarness::CaptureAgentHarness(unsigned seed)
     fixture_ = readFile(fs::path(QUILLET_SOURCE_DIR) / "tests/fixtures/short-1500ms.m4a");
     editSettings({});
     setenv("QUILLET_TOKEN_STORE", "file", 1);
-    if (!Keychain::setDeviceToken(std::string(kToken))) {
+    if (!Keychain::setDeviceToken(std::string("tok_harness_0123456789abcdefghijklmnop"))) {
         ADD_FAILURE() << "cannot store the token";
     }
     service_.fallback([this](const Request& request) { return answer(request); });
@@ -144,7 +164,7 @@ CaptureAgentHarness::Answer CaptureAgentHarness::answer(const Request& request)
         }
     }
     if (request.method == "POST" && request.endpoint == "sources") {
-        return upload(request);
+        return upload(request, pace);
     }
     auto key = sourceKey(request.endpoint);
     if (request.method != "GET" || !key) {
@@ -154,13 +174,10 @@ CaptureAgentHarness::Answer CaptureAgentHarness::answer(const Request& request)
     int polls = 0;
     {
         std::lock_guard guard(lock_);
-        for (const auto& [candidate, known] : keyOfId_) {
-            if (known == key->first) {
-                id = candidate;
-            }
-        }
-        if (!id.empty() && key->second) {
-            polls = ++statusPolls_[key->first];
+        // An uploaded id's key is "key-" and the id.
+        if (key->first.starts_with("key-") && keyOfId_.contains(key->first.substr(4))) {
+            id = key->first.substr(4);
+            polls = key->second ? ++statusPolls_[key->first] : 0;
         }
     }
     if (id.empty()) {
@@ -184,7 +201,7 @@ CaptureAgentHarness::Answer CaptureAgentHarness::answer(const Request& request)
     return Answer::json(body.dump());
 }
 
-CaptureAgentHarness::Answer CaptureAgentHarness::upload(const Request& request)
+CaptureAgentHarness::Answer CaptureAgentHarness::upload(const Request& request, const Pace& pace)
 {
     // The audio copy is sent under the capture's id.
     const std::string marker = "filename=\"";
@@ -194,11 +211,6 @@ CaptureAgentHarness::Answer CaptureAgentHarness::upload(const Request& request)
         return Answer::json(R"({"error":"no file"})", 400);
     }
     std::string id = request.body.substr(start + marker.size(), end - start - marker.size());
-    Pace pace;
-    {
-        std::lock_guard guard(lock_);
-        pace = pace_;
-    }
     // The wait happens here rather than in the answer's delay, so that the test can see an
     // upload in flight at the moment it kills the agent.
     ++uploadsInFlight_;
@@ -224,25 +236,6 @@ int CaptureAgentHarness::uploadCount() const
     return total;
 }
 
-CaptureAgentHarness::Recording CaptureAgentHarness::makeRecording(int index)
-{
-    // Names a minute and a second apart, from 1 March 2024, 08:00:00 on.
-    std::tm base{};
-    base.tm_year = 2024 - 1900;
-    base.tm_mon = 2;
-    base.tm_mday = 1;
-    base.tm_hour = 8;
-    std::time_t when = timegm(&base) + static_cast<std::time_t>(index) * 61;
-    std::tm parts{};
-    gmtime_r(&when, &parts);
-    std::string date = std::to_string(parts.tm_year + 1900) + twoDigits(parts.tm_mon + 1) + twoDigits(parts.tm_mday);
-    std::string time = twoDigits(parts.tm_hour) + twoDigits(parts.tm_min) + twoDigits(parts.tm_sec);
-    Recording recording;
-    recording.name = date + " " + time + ".m4a";
-    recording.id = date.substr(2) + "-" + time;
-    return recording;
-}
-
 CaptureAgentHarness::Recording CaptureAgentHarness::filled(int index, std::size_t padding) const
 {
     auto recording = makeRecording(index);
@@ -265,11 +258,22 @@ CaptureAgentHarness::Recording CaptureAgentHarness::drop(int index, std::size_t 
     return dropInto(memos_, index, padding);
 }
 
+void CaptureAgentHarness::place(const fs::path& file, const std::string& bytes, std::optional<fs::file_time_type> modified)
+{
+    // A short hidden name: the final one may be as long as a name can be.
+    static std::atomic<int> placed{0};
+    auto hidden = file.parent_path() / (".incoming-" + std::to_string(++placed));
+    writeFile(hidden, bytes);
+    if (modified) {
+        fs::last_write_time(hidden, *modified);
+    }
+    fs::rename(hidden, file);
+}
+
 CaptureAgentHarness::Recording CaptureAgentHarness::dropInto(const fs::path& folder, int index, std::size_t padding)
 {
     auto recording = filled(index, padding);
-    writeFile(folder / (".incoming-" + recording.name), recording.bytes);
-    fs::rename(folder / (".incoming-" + recording.name), folder / recording.name);
+    place(folder / recording.name, recording.bytes);
     std::lock_guard guard(lock_);
     recordings_.push_back(recording);
     return recording;
@@ -319,21 +323,15 @@ CaptureAgentHarness::Recording CaptureAgentHarness::dropHistory(int index)
     return recording;
 }
 
-std::map<std::string, std::optional<std::string>> CaptureAgentHarness::environment() const
-{
-    std::map<std::string, std::optional<std::string>> environment = {{"QUILLET_TOKEN_STORE", "file"}};
-    if (pollInterval_ > 0) {
-        environment["QUILLET_POLL_INTERVAL_SECONDS"] = std::to_string(pollInterval_);
-    }
-    return environment;
-}
-
 void CaptureAgentHarness::start()
 {
     ASSERT_LT(pid_, 0) << "an agent is already running";
     runsBefore_ = runsLogged();
     auto output = home() / "agent-output.log";
-    auto environment = this->environment();
+    auto environment = kEnvironment;
+    if (pollInterval_ > 0) {
+        environment["QUILLET_POLL_INTERVAL_SECONDS"] = std::to_string(pollInterval_);
+    }
     std::string program = programPath();
     pid_ = ::fork();
     if (pid_ == 0) {
@@ -358,28 +356,10 @@ void CaptureAgentHarness::start()
 
 bool CaptureAgentHarness::startAndWait(double seconds)
 {
-    auto started = [this] {
-        auto messages = logMessages();
-        return std::count_if(messages.begin(), messages.end(), [](const std::string& message) {
-            return message.find("[quillet] capture: coordinator started") != std::string::npos;
-        });
-    };
+    auto started = [] { return countLogLines("[quillet] capture: coordinator started"); };
     auto before = started();
     start();
     return eventually([&] { return started() > before; }, seconds);
-}
-
-bool CaptureAgentHarness::running()
-{
-    if (pid_ <= 0) {
-        return false;
-    }
-    int status = 0;
-    if (::waitpid(pid_, &status, WNOHANG) == pid_) {
-        pid_ = -1;
-        return false;
-    }
-    return true;
 }
 
 void CaptureAgentHarness::kill()
@@ -419,32 +399,9 @@ int CaptureAgentHarness::stop()
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-ProcessResult CaptureAgentHarness::runCommand(const std::vector<std::string>& arguments, double timeoutSeconds)
-{
-    return runProcess(programPath(), arguments, environment(), timeoutSeconds);
-}
-
 std::string CaptureAgentHarness::agentOutput() const
 {
     return readFile(home() / "agent-output.log");
-}
-
-std::size_t CaptureAgentHarness::runsLogged() const
-{
-    auto messages = logMessages();
-    return static_cast<std::size_t>(std::count_if(messages.begin(), messages.end(), [](const std::string& message) {
-        return message.starts_with("[quillet] capture-cli: run ");
-    }));
-}
-
-std::vector<std::string> CaptureAgentHarness::logMessages() const
-{
-    std::vector<std::string> messages;
-    for (const auto& line : readLines(Paths::logFile())) {
-        auto blank = line.find(' ');
-        messages.push_back(blank == std::string::npos ? line : line.substr(blank + 1));
-    }
-    return messages;
 }
 
 bool CaptureAgentHarness::indexed() const
@@ -464,6 +421,18 @@ std::vector<CaptureAgentHarness::Recording> CaptureAgentHarness::recordings() co
     return recordings_;
 }
 
+std::set<std::string> CaptureAgentHarness::noteIds() const
+{
+    std::set<std::string> ids;
+    std::error_code error;
+    for (const auto& entry : fs::directory_iterator(inbox(), error)) {
+        if (entry.path().extension() == ".md") {
+            ids.insert(entry.path().stem().string());
+        }
+    }
+    return ids;
+}
+
 std::map<std::string, std::string> CaptureAgentHarness::statuses() const
 {
     std::map<std::string, std::string> result;
@@ -478,19 +447,14 @@ std::map<std::string, std::string> CaptureAgentHarness::statuses() const
     return result;
 }
 
-bool CaptureAgentHarness::allDone() const
-{
-    for (const auto& [id, status] : statuses()) {
-        if (status != "done") {
-            return false;
-        }
-    }
-    return true;
-}
-
 bool CaptureAgentHarness::waitUntilAllDone(double seconds) const
 {
-    return eventually([&] { return allDone(); }, seconds);
+    return eventually(
+        [&] {
+            auto all = statuses();
+            return std::all_of(all.begin(), all.end(), [](const auto& entry) { return entry.second == "done"; });
+        },
+        seconds);
 }
 
 std::vector<fs::path> CaptureAgentHarness::leftovers(const fs::path& folder)
@@ -513,20 +477,14 @@ void CaptureAgentHarness::expectConsistent(bool requireDone) const
     std::set<std::string> expectedNotes;
     std::set<std::string> expectedCopies;
     for (const auto& recording : expected) {
-        expectedNotes.insert(recording.id + ".md");
+        expectedNotes.insert(recording.id);
         expectedCopies.insert(recording.id + ".m4a");
     }
 
     // Exactly the expected notes and copies: nothing for history, no suffixed second capture.
-    std::set<std::string> notes;
-    std::error_code error;
-    for (const auto& entry : fs::directory_iterator(inbox(), error)) {
-        if (entry.is_regular_file() && entry.path().extension() == ".md") {
-            notes.insert(entry.path().filename().string());
-        }
-    }
-    EXPECT_EQ(notes, expectedNotes);
+    EXPECT_EQ(noteIds(), expectedNotes);
     std::set<std::string> copies;
+    std::error_code error;
     for (const auto& entry : fs::directory_iterator(inbox() / ".audio", error)) {
         if (!entry.path().filename().string().starts_with('.')) {
             copies.insert(entry.path().filename().string());
@@ -595,6 +553,32 @@ void CaptureAgentHarness::expectConsistent(bool requireDone) const
             ADD_FAILURE() << "temporary file left behind: " << leftover;
         }
     }
+}
+
+CapturePipeline::Environment pipelineEnvironment(const fs::path& vault, const std::string& baseURL,
+                                                 runtime::Clock& clock, VeldaneClient::Timeouts timeouts)
+{
+    return CapturePipeline::Environment{
+        [vault] { return vault; },
+        [] { return true; },
+        [] { return std::vector<WatchedFolder>{WatchedFolder::voiceMemos(true)}; },
+        [baseURL] { return baseURL; },
+        {},
+        &clock,
+        timeouts,
+    };
+}
+
+void runToEnd(CapturePipeline& pipeline, asio::awaitable<void> task)
+{
+    std::promise<void> done;
+    runtime::spawn(
+        [](asio::awaitable<void> task, std::promise<void>& done) -> asio::awaitable<void> {
+            co_await std::move(task);
+            done.set_value();
+        }(std::move(task), done));
+    ASSERT_EQ(done.get_future().wait_for(std::chrono::seconds(60)), std::future_status::ready);
+    ASSERT_TRUE(pipeline.waitUntilIdle(std::chrono::seconds(60)));
 }
 
 } // namespace quillet::test

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "quillet_capture/config/AppSettings.hpp"
+#include "quillet_capture/pipeline/CapturePipeline.hpp"
 
 #include "tests/support/FakeVeldane.hpp"
 #include "tests/support/Scratch.hpp"
@@ -12,6 +13,7 @@
 #include <mutex>
 #include <optional>
 #include <random>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -50,8 +52,6 @@ public:
     /// service's threads.
     using Fault = std::function<std::optional<Answer>(const Request&)>;
 
-    static constexpr const char* kToken = "tok_harness_0123456789abcdefghijklmnop";
-
     /// A fresh user; `seed` drives every random choice of the service.
     explicit CaptureAgentHarness(unsigned seed);
     ~CaptureAgentHarness();
@@ -75,11 +75,15 @@ public:
     /// Sets the agent's poll interval (the test-only variable of `run`); 0 keeps the default.
     void setPollInterval(double seconds) { pollInterval_ = seconds; }
 
-    /// A recording's name, id and bytes for the number `index` (names are a minute apart).
-    static Recording makeRecording(int index);
+    /// The fixture recording's bytes.
+    const std::string& fixture() const { return fixture_; }
+    /// Writes `bytes` under a hidden name beside `file`, gives it the modification time
+    /// `modified` when one is given, and renames it to `file`, so that it appears whole.
+    static void place(const std::filesystem::path& file, const std::string& bytes,
+                      std::optional<std::filesystem::file_time_type> modified = std::nullopt);
 
-    /// Writes a recording under a hidden name and renames it in, so it appears whole.
-    /// `padding` bytes more in its free box make it larger.
+    /// Places a recording in the Voice Memos folder. `padding` bytes more in its free box make
+    /// it larger.
     Recording drop(int index, std::size_t padding = 0);
     /// The same into another folder (one that will become the Voice Memos folder).
     Recording dropInto(const std::filesystem::path& folder, int index, std::size_t padding = 0);
@@ -97,31 +101,23 @@ public:
     bool startAndWait(double seconds = 20);
     /// The process id of the running agent (-1 when none runs).
     int pid() const { return pid_; }
-    /// True while the started agent has not ended.
-    bool running();
     /// SIGKILL, and waits for the end.
     void kill();
     /// SIGTERM, and waits for the end (killed after 20 s). Returns the exit status.
     int stop();
-    /// Runs the built program to its end with the harness's environment.
-    ProcessResult runCommand(const std::vector<std::string>& arguments, double timeoutSeconds = 120);
-
     /// Everything the agents wrote to standard output and error.
     std::string agentOutput() const;
-    /// The messages of the log file (time stamps removed).
-    std::vector<std::string> logMessages() const;
 
     /// True once the Voice Memos folder's first index is in the state file.
     bool indexed() const;
 
     /// The recordings dropped so far (history excluded), in drop order.
     std::vector<Recording> recordings() const;
-    const std::vector<Recording>& history() const { return history_; }
+    /// The ids of the notes in the inbox.
+    std::set<std::string> noteIds() const;
 
     /// The job status of each recording's note ("" when the note is missing or unreadable).
     std::map<std::string, std::string> statuses() const;
-    /// True when every recording's note says "done".
-    bool allDone() const;
     /// Waits until every recording is done, at most `seconds`.
     bool waitUntilAllDone(double seconds) const;
 
@@ -146,11 +142,8 @@ public:
 private:
     Recording filled(int index, std::size_t padding) const;
     Answer answer(const Request& request);
-    Answer upload(const Request& request);
+    Answer upload(const Request& request, const Pace& pace);
     double draw(double low, double high);
-    std::map<std::string, std::optional<std::string>> environment() const;
-    // How many starts of `run` the log holds.
-    std::size_t runsLogged() const;
 
     ScratchHome home_;
     std::filesystem::path memos_;
@@ -170,7 +163,7 @@ private:
 
     std::vector<std::thread> writers_;
     int pid_ = -1;
-    std::size_t runsBefore_ = 0;  // runsLogged() when the agent was last started
+    long runsBefore_ = 0;  // how many starts of `run` the log held when the agent was last started
 
     // Last, so that it is stopped first: a request of a killed agent may still be answered,
     // and its answer reads the maps above. Connections wait up to 2 s for their request: the
@@ -178,5 +171,13 @@ private:
     // tests did not ask for.
     FakeVeldane service_{FakeVeldane::Options{.keepAliveSeconds = 2}};
 };
+
+/// The environment of a capture pipeline run in the test's process, as `retry` builds it:
+/// notes in `vault`, the service at `baseURL`, waits on `clock`, the Voice Memos folder watched.
+CapturePipeline::Environment pipelineEnvironment(const std::filesystem::path& vault, const std::string& baseURL,
+                                                 runtime::Clock& clock, VeldaneClient::Timeouts timeouts = {});
+
+/// Runs `task` on the utility pool and waits for it, and then for the capture tasks it started.
+void runToEnd(CapturePipeline& pipeline, asio::awaitable<void> task);
 
 } // namespace quillet::test

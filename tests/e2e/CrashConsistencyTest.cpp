@@ -6,6 +6,8 @@
 #include "quillet_capture/util/AtomicFile.hpp"
 #include "quillet_capture/vault/InboxWriter.hpp"
 
+#include "tests/support/LogLines.hpp"
+
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -121,7 +123,7 @@ TEST(CrashConsistency, EveryRecordingIsCapturedOnceWhereverTheAgentIsKilled)
         agent.kill();
         midUpload += uploading ? 1 : 0;
 
-        auto messages = agent.logMessages();
+        auto messages = test::logMessages();
         std::string last = messages.size() > logSeen ? messages.back() : "";
         logSeen = messages.size();
         std::string phase = uploading      ? "uploading (request on the wire)"
@@ -156,15 +158,10 @@ TEST(CrashConsistency, EveryRecordingIsCapturedOnceWhereverTheAgentIsKilled)
     for (const auto& [phase, count] : phases) {
         std::printf("[ crash    ]   killed while %s: %d\n", phase.c_str(), count);
     }
-    if (!done) {
-        for (const auto& [id, status] : agent.statuses()) {
-            if (status != "done") {
-                ADD_FAILURE() << id << " ended as \"" << status << "\"";
-            }
-        }
-        ADD_FAILURE() << "not every capture was done after " << budget << " s; agent output:\n"
-                      << agent.agentOutput().substr(agent.agentOutput().size() > 20000 ? agent.agentOutput().size() - 20000 : 0);
-    }
+    // Which captures are not done, expectConsistent names.
+    auto output = agent.agentOutput();
+    EXPECT_TRUE(done) << "not every capture was done after " << budget << " s; agent output:\n"
+                      << output.substr(output.size() > 20000 ? output.size() - 20000 : 0);
     agent.expectConsistent(true);
 }
 
@@ -185,16 +182,11 @@ TEST(CrashConsistency, RecordingsOfTheSameSecondAreEachCapturedOnce)
     agent.dropHistory(0);
     ASSERT_TRUE(agent.startAndWait());
 
-    const std::string fixture = test::readFile(fs::path(QUILLET_SOURCE_DIR) / "tests/fixtures/short-1500ms.m4a");
     std::set<std::string> contents;
-    auto put = [&](const fs::path& file, fs::file_time_type modified = {}) {
-        std::string bytes = fixture + "recording " + file.filename().string();
+    auto put = [&](const fs::path& file, std::optional<fs::file_time_type> modified = std::nullopt) {
+        std::string bytes = agent.fixture() + "recording " + file.filename().string();
         contents.insert(bytes);
-        test::writeFile(file.parent_path() / ("." + file.filename().string()), bytes);
-        if (modified != fs::file_time_type{}) {
-            fs::last_write_time(file.parent_path() / ("." + file.filename().string()), modified);
-        }
-        fs::rename(file.parent_path() / ("." + file.filename().string()), file);
+        CaptureAgentHarness::place(file, bytes, modified);
     };
     put(agent.memos() / "20240301 090000.m4a");
     put(agent.memos() / "20240301 090000-3F2A9C1B.m4a");
@@ -204,18 +196,8 @@ TEST(CrashConsistency, RecordingsOfTheSameSecondAreEachCapturedOnce)
     put(synced / "talk two.m4a", arrival);
     put(synced / "talk three.wav", arrival);
 
-    auto notes = [&] {
-        std::set<std::string> ids;
-        std::error_code error;
-        for (const auto& entry : fs::directory_iterator(agent.inbox(), error)) {
-            if (entry.path().extension() == ".md") {
-                ids.insert(entry.path().stem().string());
-            }
-        }
-        return ids;
-    };
     auto allDone = [&] {
-        auto ids = notes();
+        auto ids = agent.noteIds();
         return ids.size() == 5 && std::all_of(ids.begin(), ids.end(), [&](const std::string& id) {
                    try {
                        return InboxWriter::readFrontmatter(agent.inbox() / (id + ".md")).vdJobStatus == "done";
@@ -228,7 +210,7 @@ TEST(CrashConsistency, RecordingsOfTheSameSecondAreEachCapturedOnce)
     EXPECT_EQ(agent.stop(), 0);
     ASSERT_TRUE(done) << agent.agentOutput();
 
-    auto ids = notes();
+    auto ids = agent.noteIds();
     EXPECT_TRUE(ids.contains("240301-090000") && ids.contains("240301-090000_2")) << ::testing::PrintToString(ids);
     std::set<std::string> copies;
     for (const auto& id : ids) {

@@ -8,13 +8,13 @@
 
 #include "tests/support/FakeClock.hpp"
 #include "tests/support/LogLines.hpp"
+#include "tests/support/Scratch.hpp"
 
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
-#include <future>
 #include <memory>
 #include <random>
 
@@ -31,79 +31,32 @@ void pause(double seconds)
     std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
 }
 
-bool logHas(const CaptureAgentHarness& agent, const std::string& text)
-{
-    auto messages = agent.logMessages();
-    return std::any_of(messages.begin(), messages.end(),
-                       [&](const std::string& message) { return message.find(text) != std::string::npos; });
-}
-
-long logCount(const CaptureAgentHarness& agent, const std::string& text)
-{
-    auto messages = agent.logMessages();
-    return std::count_if(messages.begin(), messages.end(),
-                         [&](const std::string& message) { return message.find(text) != std::string::npos; });
-}
-
-// Runs `task` on the utility pool and waits for it, and then for the capture tasks it started.
-void await(CapturePipeline& pipeline, asio::awaitable<void> task)
-{
-    std::promise<void> done;
-    runtime::spawn(
-        [](asio::awaitable<void> task, std::promise<void>& done) -> asio::awaitable<void> {
-            co_await std::move(task);
-            done.set_value();
-        }(std::move(task), done));
-    ASSERT_EQ(done.get_future().wait_for(std::chrono::seconds(60)), std::future_status::ready);
-    ASSERT_TRUE(pipeline.waitUntilIdle(std::chrono::seconds(60)));
-}
-
 // The retry batch over the harness's vault, run in this process as `retry` runs it.
 void retryEverything(CaptureAgentHarness& agent)
 {
     test::FakeClock clock;
-    CapturePipeline pipeline(
-        CapturePipeline::Environment{
-            [&] { return agent.vault(); },
-            [] { return true; },
-            [] { return std::vector<WatchedFolder>{WatchedFolder::voiceMemos(true)}; },
-            [&] { return agent.service().baseURL(); },
-            {},
-            &clock,
-        },
-        nullptr);
+    CapturePipeline pipeline(test::pipelineEnvironment(agent.vault(), agent.service().baseURL(), clock), nullptr);
     CaptureRetry retry(pipeline, [&] { return agent.inbox(); }, clock);
-    await(pipeline, retry.run({}));
+    test::runToEnd(pipeline, retry.run({}));
 }
 
-// Every recording has a note that is done or that the retry batch takes up.
-void expectDoneOrRetryable(const CaptureAgentHarness& agent)
+// The recordings whose note is neither done nor taken up by the retry batch, with what their
+// note says ("" when every note is settled).
+std::string unsettled(const CaptureAgentHarness& agent)
 {
-    for (const auto& recording : agent.recordings()) {
-        try {
-            auto note = InboxWriter::readFrontmatter(agent.inbox() / (recording.id + ".md"));
-            EXPECT_TRUE(note.vdJobStatus == "done" || CaptureRetry::isRetryable(note))
-                << recording.id << " ended as \"" << note.vdJobStatus.value_or("") << "\" with cache key \""
-                << note.externalId.value_or("") << "\"";
-        } catch (const std::exception& error) {
-            ADD_FAILURE() << recording.id << " has no readable note: " << error.what();
-        }
-    }
-}
-
-bool everyNoteSettled(const CaptureAgentHarness& agent)
-{
+    std::string found;
     for (const auto& recording : agent.recordings()) {
         try {
             auto note = InboxWriter::readFrontmatter(agent.inbox() / (recording.id + ".md"));
             if (note.vdJobStatus != "done" && !CaptureRetry::isRetryable(note)) {
-                return false;
+                found += recording.id + " ended as \"" + note.vdJobStatus.value_or("") + "\" with cache key \"" +
+                         note.externalId.value_or("") + "\"\n";
             }
-        } catch (const std::exception&) {
-            return false;
+        } catch (const std::exception& error) {
+            found += recording.id + " has no readable note: " + error.what() + "\n";
         }
     }
-    return true;
+    return found;
 }
 
 // The service's faults, drawn at random while `on`: server errors, connections cut after the
@@ -146,51 +99,34 @@ struct RandomFaults {
             return std::nullopt;
         }
         int kind = nextKind();
-        Answer answer;
-        switch (kind) {
-        case 0:
-            answer = Answer::text("upstream exploded", 500);
-            ++played["500"];
-            break;
-        case 1:
-            answer = Answer::json(R"({"error":"busy"})", 503);
-            ++played["503"];
-            break;
-        case 2:
-            answer = Answer::json(R"({"status":"queued","cache_key":"never-seen"})");
-            answer.cut = test::FakeVeldane::Cut::afterHeaders;
-            ++played["reset after headers"];
-            break;
-        case 3:
-            answer = Answer::json(R"({"status":"queued","cache_key":"never-seen-either"})");
-            answer.cut = test::FakeVeldane::Cut::midBody;
-            ++played["reset mid-body"];
-            break;
-        case 4:
-            answer = Answer::text("<html><body>502 Bad Gateway</body></html>", 200, "text/html");
-            ++played["garbage"];
-            break;
-        case 5:
-            answer = Answer::json(R"({"status":42,"cache_key":[],"result":"no"})");
-            ++played["wrong shape"];
-            break;
-        case 6:
-            answer = Answer::json(R"({"error":"plan_required","plan":"pro","message":"Upgrade to transcribe"})", 402);
-            ++played["402"];
-            break;
-        case 7:
+        if (kind == 7) {
             notFoundLeft[request.endpoint] = 2 + static_cast<int>(random() % 5);
-            answer = Answer::json(R"({"error":"not_found"})", 404);
-            ++played["404 storm"];
-            break;
-        default:
+        }
+        if (kind == 8) {
             ++played["stall"];
             guard.unlock();
             // A stall well inside the agent's time-outs (a minute): the answer comes late.
             pause(2.5);
             return std::nullopt;
         }
-        return answer;
+        auto cut = [](Answer answer, test::FakeVeldane::Cut where) {
+            answer.cut = where;
+            return answer;
+        };
+        static const std::vector<std::pair<std::string, Answer>> kAnswers = {
+            {"500", Answer::text("upstream exploded", 500)},
+            {"503", Answer::json(R"({"error":"busy"})", 503)},
+            {"reset after headers",
+             cut(Answer::json(R"({"status":"queued","cache_key":"never-seen"})"), test::FakeVeldane::Cut::afterHeaders)},
+            {"reset mid-body",
+             cut(Answer::json(R"({"status":"queued","cache_key":"never-seen-either"})"), test::FakeVeldane::Cut::midBody)},
+            {"garbage", Answer::text("<html><body>502 Bad Gateway</body></html>", 200, "text/html")},
+            {"wrong shape", Answer::json(R"({"status":42,"cache_key":[],"result":"no"})")},
+            {"402", Answer::json(R"({"error":"plan_required","plan":"pro","message":"Upgrade to transcribe"})", 402)},
+            {"404 storm", Answer::json(R"({"error":"not_found"})", 404)},
+        };
+        ++played[kAnswers[static_cast<std::size_t>(kind)].first];
+        return kAnswers[static_cast<std::size_t>(kind)].second;
     }
 };
 
@@ -235,7 +171,7 @@ TEST(FaultInjection, ServiceFailingAtRandomLosesNothing)
 
     agent.stop();
     agent.start();
-    bool settled = test::eventually([&] { return everyNoteSettled(agent); }, 90);
+    bool settled = test::eventually([&] { return unsettled(agent).empty(); }, 90);
     EXPECT_EQ(agent.stop(), 0);
     {
         std::lock_guard guard(faults->lock);
@@ -247,7 +183,7 @@ TEST(FaultInjection, ServiceFailingAtRandomLosesNothing)
         EXPECT_GE(faults->played.size(), 6u) << "too few kinds of fault were played";
     }
     EXPECT_TRUE(settled) << agent.agentOutput();
-    expectDoneOrRetryable(agent);
+    EXPECT_EQ(unsettled(agent), "");
     agent.expectConsistent(false);
 
     retryEverything(agent);
@@ -280,13 +216,13 @@ TEST(FaultInjection, VaultThatCannotBeWrittenForAWhileLosesNothing)
     auto fourth = agent.drop(3);
     EXPECT_TRUE(test::eventually(
         [&] {
-            return logHas(agent, "copyAudio failed for " + fourth.id) &&
-                   logHas(agent, "fetch transcript failed for " + first.id) &&
-                   logHas(agent, "fetch transcript failed for " + second.id);
+            return test::countLogLines("copyAudio failed for " + fourth.id) &&
+                   test::countLogLines("fetch transcript failed for " + first.id) &&
+                   test::countLogLines("fetch transcript failed for " + second.id);
         },
         30))
         << agent.agentOutput();
-    EXPECT_TRUE(logHas(agent, "copyAudio failed for " + third.id));
+    EXPECT_TRUE(test::countLogLines("copyAudio failed for " + third.id));
     fs::remove(agent.inbox());
     fs::rename(agent.vault() / "_inbox.away", agent.inbox());
 
@@ -294,7 +230,7 @@ TEST(FaultInjection, VaultThatCannotBeWrittenForAWhileLosesNothing)
     fs::rename(agent.vault(), agent.home() / "vault.away");
     test::writeFile(agent.vault(), "not a folder either");
     auto fifth = agent.drop(4);
-    EXPECT_TRUE(test::eventually([&] { return logHas(agent, "copyAudio failed for " + fifth.id); }, 20));
+    EXPECT_TRUE(test::eventually([&] { return test::countLogLines("copyAudio failed for " + fifth.id); }, 20));
     fs::remove(agent.vault());
     fs::rename(agent.home() / "vault.away", agent.vault());
 
@@ -303,48 +239,17 @@ TEST(FaultInjection, VaultThatCannotBeWrittenForAWhileLosesNothing)
     bool done = agent.waitUntilAllDone(60);
     EXPECT_EQ(agent.stop(), 0);
     EXPECT_TRUE(done) << agent.agentOutput();
-    EXPECT_EQ(logCount(agent, "was handed over but has no note yet; capturing it again"), 3);
-    agent.expectConsistent(true);
-}
-
-// The Voice Memos folder goes away (an unmounted or re-synced volume) and comes back, once as
-// the same folder holding recordings made meanwhile and once as a new empty folder that
-// fills later. Every recording is captured once.
-TEST(FaultInjection, WatchedFolderThatDisappearsAndComesBackLosesNothing)
-{
-    CaptureAgentHarness agent(std::random_device{}());
-    agent.setPace({.processingPolls = 0});
-    agent.setPollInterval(1);
-    agent.dropHistory(0);
-    ASSERT_TRUE(agent.startAndWait());
-    agent.drop(1);
-    ASSERT_TRUE(agent.waitUntilAllDone(30)) << agent.agentOutput();
-
-    auto away = agent.home() / "memos.away";
-    fs::rename(agent.memos(), away);
-    EXPECT_TRUE(test::eventually([&] { return logHas(agent, "access -> Voice Memos folder not found"); }, 10));
-    agent.dropInto(away, 2);
-    agent.dropInto(away, 3);
-    pause(1.5);
-    fs::rename(away, agent.memos());
-    ASSERT_TRUE(agent.waitUntilAllDone(40)) << agent.agentOutput();
-
-    fs::remove_all(agent.memos());
-    pause(1.5);
-    fs::create_directories(agent.memos());
-    pause(1.5);
-    agent.drop(4);
-    ASSERT_TRUE(agent.waitUntilAllDone(30)) << agent.agentOutput();
-    EXPECT_EQ(agent.stop(), 0);
-    EXPECT_GE(logCount(agent, "access -> Voice Memos folder not found"), 2);
+    EXPECT_EQ(test::countLogLines("was handed over but has no note yet; capturing it again"), 3);
     agent.expectConsistent(true);
 }
 
 // The state file turns to garbage, and later into a folder, which no write can replace; the
 // intake journal turns to garbage too. The agent starts afresh each time: what is in the
-// folder then is history and is not captured again, and what arrives while it runs is
-// captured once.
-TEST(FaultInjection, StateFileThatCannotBeReadLosesNothing)
+// folder then is history and is not captured again. Then the Voice Memos folder goes away (an
+// unmounted or re-synced volume) and comes back, once as the same folder holding recordings
+// made meanwhile and once as a new empty folder that fills later. Every recording is captured
+// once.
+TEST(FaultInjection, StateFileOrWatchedFolderThatGoesAwayLosesNothing)
 {
     CaptureAgentHarness agent(std::random_device{}());
     agent.setPace({.processingPolls = 0});
@@ -363,15 +268,36 @@ TEST(FaultInjection, StateFileThatCannotBeReadLosesNothing)
     test::writeFile(state, "{\"version\": 2, \"seenByFolder\": {\"voice-memos\": [");
     test::writeFile(agent.stateFolder() / "intake.json", "\x01garbage");
     captureOneMore();
-    EXPECT_EQ(logCount(agent, "initial index complete"), 2);
+    EXPECT_EQ(test::countLogLines("initial index complete"), 2);
 
     fs::remove(state);
     fs::create_directories(state / "not-a-file");
     captureOneMore();
     captureOneMore();
-    EXPECT_TRUE(logHas(agent, "state persist failed")) << agent.agentOutput();
+    EXPECT_TRUE(test::countLogLines("state persist failed")) << agent.agentOutput();
     fs::remove_all(state);
     captureOneMore();
+
+    ASSERT_TRUE(agent.startAndWait());
+    agent.drop(next++);
+    ASSERT_TRUE(agent.waitUntilAllDone(30)) << agent.agentOutput();
+    auto away = agent.home() / "memos.away";
+    fs::rename(agent.memos(), away);
+    EXPECT_TRUE(test::eventually([&] { return test::countLogLines("access -> Voice Memos folder not found"); }, 10));
+    agent.dropInto(away, next++);
+    agent.dropInto(away, next++);
+    pause(1.5);
+    fs::rename(away, agent.memos());
+    ASSERT_TRUE(agent.waitUntilAllDone(40)) << agent.agentOutput();
+
+    fs::remove_all(agent.memos());
+    pause(1.5);
+    fs::create_directories(agent.memos());
+    pause(1.5);
+    agent.drop(next++);
+    ASSERT_TRUE(agent.waitUntilAllDone(30)) << agent.agentOutput();
+    EXPECT_EQ(agent.stop(), 0);
+    EXPECT_GE(test::countLogLines("access -> Voice Memos folder not found"), 2);
 
     agent.expectConsistent(true);
 }
@@ -393,17 +319,7 @@ TEST(FaultInjection, StallsPastTheTimeOutsLeaveCapturesThatAreTakenUpAgain)
     VeldaneTimeouts timeouts;
     timeouts.request = 1;
     timeouts.upload = 1;
-    CapturePipeline pipeline(
-        CapturePipeline::Environment{
-            [&] { return vault; },
-            [] { return true; },
-            [] { return std::vector<WatchedFolder>{WatchedFolder::voiceMemos(true)}; },
-            [&] { return fake.baseURL(); },
-            {},
-            &clock,
-            timeouts,
-        },
-        nullptr);
+    CapturePipeline pipeline(test::pipelineEnvironment(vault, fake.baseURL(), clock, timeouts), nullptr);
     const std::string id = "240131-142530";
     auto stalled = [](std::string body) {
         auto answer = Answer::json(std::move(body));
@@ -421,17 +337,17 @@ TEST(FaultInjection, StallsPastTheTimeOutsLeaveCapturesThatAreTakenUpAgain)
         return Answer::json(R"({"success":true,"cache_key":"k1","result":{"text":"Stalled, then said."}})");
     });
 
-    await(pipeline, pipeline.handle({recordings / "20240131 142530.m4a", id, clock.now(), "voice-memos"}));
+    test::runToEnd(pipeline, pipeline.handle({recordings / "20240131 142530.m4a", id, clock.now(), "voice-memos"}));
     auto note = InboxWriter::readFrontmatter(vault / "_inbox" / (id + ".md"));
     EXPECT_EQ(note.vdJobStatus, "upload_failed");
 
-    await(pipeline, pipeline.resumeUnfinished());
+    test::runToEnd(pipeline, pipeline.resumeUnfinished());
     note = InboxWriter::readFrontmatter(vault / "_inbox" / (id + ".md"));
     EXPECT_EQ(note.vdJobStatus, "completed") << "the transcript's time-out leaves the note for the next resume";
     EXPECT_EQ(test::countLogLines("status poll error for " + id), 1);
     EXPECT_EQ(test::countLogLines("fetch transcript failed for " + id), 1);
 
-    await(pipeline, pipeline.resumeUnfinished());
+    test::runToEnd(pipeline, pipeline.resumeUnfinished());
     note = InboxWriter::readFrontmatter(vault / "_inbox" / (id + ".md"));
     EXPECT_EQ(note.vdJobStatus, "done");
     EXPECT_EQ(InboxWriter::readBody(vault / "_inbox" / (id + ".md")), "Stalled, then said.");

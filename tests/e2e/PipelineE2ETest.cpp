@@ -5,6 +5,7 @@
 #include "quillet_capture/vault/InboxWriter.hpp"
 
 #include "tests/support/FakeVeldane.hpp"
+#include "tests/support/LogLines.hpp"
 #include "tests/support/Scratch.hpp"
 #include "tests/support/SettingsFile.hpp"
 
@@ -14,7 +15,6 @@
 
 #include <signal.h>
 
-#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <cstdio>
@@ -58,22 +58,6 @@ struct PipelineE2ETest : ::testing::Test {
         fs::create_directories(memos);
     }
 
-    std::vector<std::string> log() const
-    {
-        std::vector<std::string> messages;
-        for (const auto& line : test::readLines(Paths::logFile())) {
-            messages.push_back(line.substr(line.find(' ') + 1));
-        }
-        return messages;
-    }
-
-    long count(const std::string& text) const
-    {
-        auto messages = log();
-        return std::count_if(messages.begin(), messages.end(),
-                             [&](const std::string& m) { return m.find(text) != std::string::npos; });
-    }
-
     // A file appears whole, as a finished download does: written under a hidden name, renamed.
     void drop(const std::string& name, const std::string& bytes)
     {
@@ -110,7 +94,7 @@ TEST_F(PipelineE2ETest, NewRecordingBecomesATranscribedNoteAndOldOnesAreLeft)
 
     test::ChildProcess agent(test::programPath(), {"run"}, {{"QUILLET_TOKEN_STORE", "file"}});
     ASSERT_TRUE(test::eventually(
-        [&] { return count("[quillet] capture: [Voice Memos] initial index complete (50 existing files marked seen)") == 1; },
+        [&] { return test::countLogLines("[quillet] capture: [Voice Memos] initial index complete (50 existing files marked seen)") == 1; },
         10));
     const std::string id = "240315-093000";
     auto dropped = std::chrono::system_clock::now();
@@ -168,7 +152,7 @@ TEST_F(PipelineE2ETest, NewRecordingBecomesATranscribedNoteAndOldOnesAreLeft)
     // The after-transcript command ran in the vault with the capture's variables.
     EXPECT_EQ(test::readLines(afterFile),
               (std::vector<std::string>{id, note.string(), vault.string(), vault.string()}));
-    ASSERT_TRUE(test::eventually([&] { return count("[quillet] after-transcript: " + id + " exited 0 after ") == 1; }));
+    ASSERT_TRUE(test::eventually([&] { return test::countLogLines("[quillet] after-transcript: " + id + " exited 0 after ") == 1; }));
 
     // One upload of the recording's bytes, one status question, one transcript fetch.
     auto uploads = fake.requests("POST", "sources");
@@ -188,16 +172,16 @@ TEST_F(PipelineE2ETest, NewRecordingBecomesATranscribedNoteAndOldOnesAreLeft)
         }
     }
     EXPECT_EQ(notes, std::vector<fs::path>{note});
-    EXPECT_EQ(count("new file -- "), 1);
-    EXPECT_EQ(count("[quillet] capture: [Voice Memos] new file -- 20240315 093000.m4a -> 240315-093000"), 1);
-    EXPECT_EQ(count("[quillet] capture pipeline: 240315-093000 uploaded; cache_key=ck_e2e"), 1);
-    EXPECT_EQ(count("[quillet] capture pipeline: transcript written for 240315-093000 (8 words)"), 1);
-    EXPECT_EQ(count("[quillet] after-transcript: started for 240315-093000 (pid "), 1);
+    EXPECT_EQ(test::countLogLines("new file -- "), 1);
+    EXPECT_EQ(test::countLogLines("[quillet] capture: [Voice Memos] new file -- 20240315 093000.m4a -> 240315-093000"), 1);
+    EXPECT_EQ(test::countLogLines("[quillet] capture pipeline: 240315-093000 uploaded; cache_key=ck_e2e"), 1);
+    EXPECT_EQ(test::countLogLines("[quillet] capture pipeline: transcript written for 240315-093000 (8 words)"), 1);
+    EXPECT_EQ(test::countLogLines("[quillet] after-transcript: started for 240315-093000 (pid "), 1);
 
     agent.signal(SIGTERM);
     auto result = agent.wait(10);
     EXPECT_EQ(result.status, 0) << result.errors;
-    EXPECT_EQ(log().back(), "[quillet] capture-cli: stopping (SIGTERM)");
+    EXPECT_EQ(test::logMessages().back(), "[quillet] capture-cli: stopping (SIGTERM)");
 }
 
 } // namespace

@@ -9,7 +9,6 @@
 
 #include <cstdlib>
 #include <filesystem>
-#include <random>
 
 namespace quillet {
 namespace {
@@ -196,51 +195,37 @@ TEST_F(StatusTest, WithoutAWatermarkRecorderCapturesCountAndNothingIsStored)
     EXPECT_FALSE(fs::exists(logFile));
 }
 
-TEST_F(StatusTest, HugeBinaryOrUnreadableLogsStillGiveTheReport)
+// How the log's bytes and lines are read is StatusLogTest's; here, that a log that cannot be
+// read or is huge still gives the report, and soon.
+TEST_F(StatusTest, HugeOrUnreadableLogsStillGiveTheReport)
 {
-    const std::string empty = logSection("(no access line yet)", logFile.string(), {});
-
-    // Bytes that are not UTF-8 anywhere make the whole log count as empty.
-    std::string binary(64 * 1024, '\0');
-    std::mt19937 random(7);
-    for (auto& byte : binary) {
-        byte = static_cast<char>(random());
-    }
-    test::writeFile(logFile, "2026-03-14T09:00:00Z [quillet] capture: Voice Memos access -> ok (1 files)\n" + binary);
+    // A folder where the log should be cannot be read.
+    fs::create_directories(logFile);
     auto result = status();
     ASSERT_EQ(result.status, 0) << result.errors;
-    EXPECT_TRUE(result.output.ends_with(empty)) << result.output;
-
-    // A folder where the log should be cannot be read.
-    fs::remove(logFile);
-    fs::create_directories(logFile);
-    result = status();
-    ASSERT_EQ(result.status, 0) << result.errors;
-    EXPECT_TRUE(result.output.ends_with(empty)) << result.output;
+    EXPECT_TRUE(result.output.ends_with(logSection("(no access line yet)", logFile.string(), {}))) << result.output;
     fs::remove(logFile);
 
     // 80 MB: the access line near the start is found and the tail is the last 12 lines.
-    {
-        std::string filler(200, 'x');
-        std::string text = "2026-03-14T09:00:00Z [quillet] capture: Voice Memos access -> ok (9 files)\n";
-        text.reserve(80u << 20);
-        int n = 0;
-        while (text.size() < (80u << 20)) {
-            text += "2026-03-14T09:00:01Z line " + std::to_string(++n) + " " + filler + "\n";
-        }
-        test::writeFile(logFile, text);
-        std::vector<std::string> tail;
-        for (int i = n - 11; i <= n; ++i) {
-            tail.push_back("2026-03-14T09:00:01Z line " + std::to_string(i) + " " + filler);
-        }
-        auto started = std::chrono::steady_clock::now();
-        result = status();
-        auto seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
-        ASSERT_EQ(result.status, 0) << result.errors;
-        EXPECT_TRUE(result.output.ends_with(logSection(
-            "2026-03-14T09:00:00Z [quillet] capture: Voice Memos access -> ok (9 files)", logFile.string(), tail)));
-        EXPECT_LT(seconds, 20.0);
+    std::string filler(200, 'x');
+    std::string text = "2026-03-14T09:00:00Z [quillet] capture: Voice Memos access -> ok (9 files)\n";
+    text.reserve(80u << 20);
+    int n = 0;
+    while (text.size() < (80u << 20)) {
+        text += "2026-03-14T09:00:01Z line " + std::to_string(++n) + " " + filler + "\n";
     }
+    test::writeFile(logFile, text);
+    std::vector<std::string> tail;
+    for (int i = n - 11; i <= n; ++i) {
+        tail.push_back("2026-03-14T09:00:01Z line " + std::to_string(i) + " " + filler);
+    }
+    auto started = std::chrono::steady_clock::now();
+    result = status();
+    auto seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+    ASSERT_EQ(result.status, 0) << result.errors;
+    EXPECT_TRUE(result.output.ends_with(logSection(
+        "2026-03-14T09:00:00Z [quillet] capture: Voice Memos access -> ok (9 files)", logFile.string(), tail)));
+    EXPECT_LT(seconds, 20.0);
 }
 
 } // namespace

@@ -49,55 +49,6 @@ struct Umask {
     ~Umask() { ::umask(saved); }
 };
 
-// Who can read what the program writes. Secrets and the agent's own bookkeeping are
-// owner-only whatever the umask; notes, audio copies, the state file, the settings and the
-// agent definition get what the umask gives new files, so a private umask keeps transcripts
-// and recordings private.
-TEST(Security, FilesAreOwnerOnlyOrFollowTheUmask)
-{
-    for (mode_t mask : {mode_t(077), mode_t(0)}) {
-        SCOPED_TRACE("umask " + std::to_string(mask));
-        Umask umask(mask);
-        CaptureAgentHarness agent(1);
-        agent.setPollInterval(1);
-        agent.setPace({.processingPolls = 0});
-        agent.dropHistory(0);
-        ASSERT_TRUE(agent.startAndWait());
-        auto recording = agent.drop(1);
-        ASSERT_TRUE(agent.waitUntilAllDone(30)) << agent.agentOutput();
-        EXPECT_EQ(agent.stop(), 0);
-        UserDefaults::setDate("quillet.securityTest", std::chrono::system_clock::now());
-
-        const mode_t shared = 0644 & ~mask;
-        EXPECT_EQ(modeOf(Paths::credentialsFile()), 0600u);
-        EXPECT_EQ(modeOf(Paths::credentialsFile().parent_path()), 0700u);
-        EXPECT_EQ(modeOf(agent.stateFolder() / "intake.json"), 0600u);
-        if (Paths::current() == Platform::linux) {
-            EXPECT_EQ(modeOf(Paths::defaultsFile()), 0600u) << "macOS keeps them in CFPreferences";
-        }
-        EXPECT_EQ(modeOf(Paths::logFile()), 0600u);
-        EXPECT_EQ(modeOf(Paths::stateFile()), shared);
-        EXPECT_EQ(modeOf(agent.inbox() / (recording.id + ".md")), shared);
-        EXPECT_EQ(modeOf(agent.inbox() / ".audio" / (recording.id + ".m4a")), shared);
-
-        auto settings = agent.home() / "settings-copy.json";
-        writeFileAtomically(settings, "{}");
-        EXPECT_EQ(modeOf(settings), shared) << "the settings file is written so";
-
-        if (Paths::current() == Platform::linux) {
-            // The agent's definition, and the file its output goes to (the service manager
-            // appends to it, and would create it readable by everyone).
-            test::writeFile(agent.home() / "bin/systemctl", "#!/bin/sh\n");
-            fs::permissions(agent.home() / "bin/systemctl", fs::perms::owner_all);
-            auto installed = test::runProcess(test::programPath(), {"install"},
-                                              {{"PATH", (agent.home() / "bin").string() + ":/usr/bin:/bin"}});
-            EXPECT_EQ(installed.status, 0) << installed.errors;
-            EXPECT_EQ(modeOf(Paths::agentDefinition()), shared);
-            EXPECT_EQ(modeOf(Paths::agentOutputFile()), 0600u);
-        }
-    }
-}
-
 // Every regular file under `folder`, recursively.
 std::vector<fs::path> filesUnder(const fs::path& folder)
 {
@@ -121,90 +72,114 @@ void writeRecorder(const fs::path& program, const fs::path& record)
     fs::permissions(program, fs::perms::owner_all);
 }
 
-// The token: only its first 12 characters are ever shown or logged; it is never on a command
-// line or in the environment of a child process (xdg-open during pair, the after-transcript
-// command, systemctl during install), never in a file but its store, and it travels only in
-// the Authorization header of requests to the configured service.
-TEST(Security, TheTokenGoesNowhereButItsStoreAndTheAuthorizationHeader)
+// Who can read what the program writes, and where the token goes, under a private umask and
+// an open one. Secrets and the agent's own bookkeeping are owner-only whatever the umask;
+// notes, audio copies, the state file, the settings and the agent definition get what the
+// umask gives new files, so a private umask keeps transcripts and recordings private. Only the
+// token's first 12 characters are ever shown or logged; it is never on a command line or in
+// the environment of a child process (xdg-open during pair, the after-transcript command,
+// systemctl during install), never in a file but its store, and it travels only in the
+// Authorization header of requests to the configured service.
+TEST(Security, FilesAndTheTokenStayWithTheOwner)
 {
     if (Paths::current() != Platform::linux) {
         GTEST_SKIP() << "reads /proc and fakes xdg-open and systemctl";
     }
-    CaptureAgentHarness agent(3);
     const std::string token = "tok_SECRET_6f1c0e9a4b7d4e2f8a3c5b1d9e7f6a2b";
     const std::string tooMuch = token.substr(0, 13);
-    auto bin = agent.home() / "bin";
-    auto children = agent.home() / "children.txt";
-    writeRecorder(bin / "xdg-open", children);
-    writeRecorder(bin / "systemctl", children);
-    const std::string path = bin.string() + ":" + std::getenv("PATH");
+    for (mode_t mask : {mode_t(077), mode_t(0)}) {
+        SCOPED_TRACE("umask " + std::to_string(mask));
+        Umask umask(mask);
+        CaptureAgentHarness agent(1);
+        auto bin = agent.home() / "bin";
+        auto children = agent.home() / "children.txt";
+        writeRecorder(bin / "xdg-open", children);
+        writeRecorder(bin / "systemctl", children);
+        const std::string path = bin.string() + ":" + std::getenv("PATH");
 
-    // pair
-    nlohmann::json init = {{"device_code", "dev-1"}, {"user_code", "ABCD-EFGH"},
-                           {"verification_url", "https://veldane.test/device"}, {"interval", 1},
-                           {"expires_in", 60}};
-    agent.service().enqueue("POST", "auth/devices/init", test::FakeVeldane::Answer::json(init.dump()));
-    nlohmann::json approved = {{"status", "approved"}, {"token", token}};
-    agent.service().enqueue("POST", "auth/devices/token", test::FakeVeldane::Answer::json(approved.dump()));
-    auto paired = test::runProcess(test::programPath(), {"pair"}, {{"QUILLET_TOKEN_STORE", "file"}, {"PATH", path}});
-    ASSERT_EQ(paired.status, 0) << paired.errors;
-    EXPECT_NE(paired.output.find(token.substr(0, 12)), std::string::npos);
-    EXPECT_EQ((paired.output + paired.errors).find(tooMuch), std::string::npos);
-    ASSERT_EQ(Keychain::deviceToken(), token);
+        nlohmann::json init = {{"device_code", "dev-1"}, {"user_code", "ABCD-EFGH"},
+                               {"verification_url", "https://veldane.test/device"}, {"interval", 1},
+                               {"expires_in", 60}};
+        agent.service().enqueue("POST", "auth/devices/init", test::FakeVeldane::Answer::json(init.dump()));
+        nlohmann::json approved = {{"status", "approved"}, {"token", token}};
+        agent.service().enqueue("POST", "auth/devices/token", test::FakeVeldane::Answer::json(approved.dump()));
+        auto paired = test::runProcess(test::programPath(), {"pair"}, {{"QUILLET_TOKEN_STORE", "file"}, {"PATH", path}});
+        ASSERT_EQ(paired.status, 0) << paired.errors;
+        EXPECT_NE(paired.output.find(token.substr(0, 12)), std::string::npos);
+        EXPECT_EQ((paired.output + paired.errors).find(tooMuch), std::string::npos);
+        ASSERT_EQ(Keychain::deviceToken(), token);
 
-    // a capture, with an after-transcript command that records how it was started
-    agent.editSettings([&](AppSettings& settings) {
-        settings.afterTranscriptCommand =
-            "{ printf 'after:'; tr '\\0' ' ' < /proc/$$/cmdline; echo; env; } >> '" + children.string() + "'";
-    });
-    agent.setPollInterval(1);
-    agent.setPace({.processingPolls = 0});
-    agent.dropHistory(0);
-    ASSERT_TRUE(agent.startAndWait());
-    for (const char* file : {"cmdline", "environ"}) {
-        auto text = test::readFile(fs::path("/proc") / std::to_string(agent.pid()) / file);
-        EXPECT_FALSE(text.empty());
-        EXPECT_EQ(text.find(tooMuch), std::string::npos) << "the agent's " << file;
-    }
-    agent.drop(1);
-    ASSERT_TRUE(agent.waitUntilAllDone(30)) << agent.agentOutput();
-    EXPECT_TRUE(test::eventually([&] { return test::readFile(children).find("after:") != std::string::npos; }, 10));
-    EXPECT_EQ(agent.stop(), 0);
-
-    // install
-    auto installed = test::runProcess(test::programPath(), {"install"}, {{"PATH", path}});
-    EXPECT_EQ(installed.status, 0) << installed.errors;
-    EXPECT_NE(test::readFile(children).find("] [--user] [enable] [--now] ["), std::string::npos) << "systemctl ran";
-    EXPECT_TRUE(test::eventually(
-        [&] { return test::readFile(children).find("] [https://veldane.test/device]\n") != std::string::npos; }, 10))
-        << "xdg-open ran";
-
-    // Not a byte more than the shown start of the token in any file but the store.
-    int scanned = 0;
-    for (const auto& file : filesUnder(agent.home())) {
-        auto text = test::readFile(file);
-        if (file == Paths::credentialsFile()) {
-            EXPECT_NE(text.find(token), std::string::npos);
-        } else {
-            EXPECT_EQ(text.find(tooMuch), std::string::npos) << file;
+        // A capture, with an after-transcript command that records how it was started.
+        agent.editSettings([&](AppSettings& settings) {
+            settings.afterTranscriptCommand =
+                "{ printf 'after:'; tr '\\0' ' ' < /proc/$$/cmdline; echo; env; } >> '" + children.string() + "'";
+        });
+        agent.setPollInterval(1);
+        agent.setPace({.processingPolls = 0});
+        agent.dropHistory(0);
+        ASSERT_TRUE(agent.startAndWait());
+        for (const char* file : {"cmdline", "environ"}) {
+            auto text = test::readFile(fs::path("/proc") / std::to_string(agent.pid()) / file);
+            EXPECT_FALSE(text.empty());
+            EXPECT_EQ(text.find(tooMuch), std::string::npos) << "the agent's " << file;
         }
-        ++scanned;
-    }
-    EXPECT_GE(scanned, 10);
-    EXPECT_NE(test::readFile(Paths::logFile()).find("paired (" + token.substr(0, 12) + ")"), std::string::npos);
+        auto recording = agent.drop(1);
+        ASSERT_TRUE(agent.waitUntilAllDone(30)) << agent.agentOutput();
+        EXPECT_TRUE(test::eventually([&] { return test::readFile(children).find("after:") != std::string::npos; }, 10));
+        EXPECT_EQ(agent.stop(), 0);
+        UserDefaults::setDate("quillet.securityTest", std::chrono::system_clock::now());
 
-    int authorised = 0;
-    for (const auto& request : agent.service().requests()) {
-        EXPECT_EQ((request.path + request.query + request.body).find(tooMuch), std::string::npos) << request.endpoint;
-        for (const auto& [name, value] : request.headers) {
-            if (value.find(tooMuch) != std::string::npos) {
-                EXPECT_EQ(name, "Authorization");
-                EXPECT_EQ(value, "Bearer " + token);
-                ++authorised;
+        // The agent's definition, and the file its output goes to (the service manager appends
+        // to it, and would create it readable by everyone).
+        auto installed = test::runProcess(test::programPath(), {"install"}, {{"PATH", path}});
+        EXPECT_EQ(installed.status, 0) << installed.errors;
+        EXPECT_NE(test::readFile(children).find("] [--user] [enable] [--now] ["), std::string::npos) << "systemctl ran";
+        EXPECT_TRUE(test::eventually(
+            [&] { return test::readFile(children).find("] [https://veldane.test/device]\n") != std::string::npos; }, 10))
+            << "xdg-open ran";
+
+        const mode_t shared = 0644 & ~mask;
+        EXPECT_EQ(modeOf(Paths::credentialsFile()), 0600u);
+        EXPECT_EQ(modeOf(Paths::credentialsFile().parent_path()), 0700u);
+        EXPECT_EQ(modeOf(agent.stateFolder() / "intake.json"), 0600u);
+        EXPECT_EQ(modeOf(Paths::defaultsFile()), 0600u);
+        EXPECT_EQ(modeOf(Paths::logFile()), 0600u);
+        EXPECT_EQ(modeOf(Paths::agentOutputFile()), 0600u);
+        EXPECT_EQ(modeOf(Paths::agentDefinition()), shared);
+        EXPECT_EQ(modeOf(Paths::stateFile()), shared);
+        EXPECT_EQ(modeOf(agent.inbox() / (recording.id + ".md")), shared);
+        EXPECT_EQ(modeOf(agent.inbox() / ".audio" / (recording.id + ".m4a")), shared);
+        auto settings = agent.home() / "settings-copy.json";
+        writeFileAtomically(settings, "{}");
+        EXPECT_EQ(modeOf(settings), shared) << "the settings file is written so";
+
+        // Not a byte more than the shown start of the token in any file but the store.
+        int scanned = 0;
+        for (const auto& file : filesUnder(agent.home())) {
+            auto text = test::readFile(file);
+            if (file == Paths::credentialsFile()) {
+                EXPECT_NE(text.find(token), std::string::npos);
+            } else {
+                EXPECT_EQ(text.find(tooMuch), std::string::npos) << file;
+            }
+            ++scanned;
+        }
+        EXPECT_GE(scanned, 10);
+        EXPECT_EQ(test::countLogLines("paired (" + token.substr(0, 12) + ")"), 1);
+
+        int authorised = 0;
+        for (const auto& request : agent.service().requests()) {
+            EXPECT_EQ((request.path + request.query + request.body).find(tooMuch), std::string::npos) << request.endpoint;
+            for (const auto& [name, value] : request.headers) {
+                if (value.find(tooMuch) != std::string::npos) {
+                    EXPECT_EQ(name, "Authorization");
+                    EXPECT_EQ(value, "Bearer " + token);
+                    ++authorised;
+                }
             }
         }
+        EXPECT_GE(authorised, 3) << "upload, status and transcript";
     }
-    EXPECT_GE(authorised, 3) << "upload, status and transcript";
 }
 
 // A pipeline in this process against a fake service whose answers the test scripts.
@@ -216,19 +191,9 @@ struct HostileService {
     fs::path recording = home.path() / "Recordings" / "20240131 142530.m4a";
     std::string id = "240131-142530";
     fs::path note = vault / "_inbox" / (id + ".md");
-    CapturePipeline pipeline;
+    CapturePipeline pipeline{test::pipelineEnvironment(vault, fake.baseURL(), clock), nullptr};
 
     HostileService()
-        : pipeline(
-              CapturePipeline::Environment{
-                  [this] { return vault; },
-                  [] { return true; },
-                  [] { return std::vector<WatchedFolder>{WatchedFolder::voiceMemos(true)}; },
-                  [this] { return fake.baseURL(); },
-                  {},
-                  &clock,
-              },
-              nullptr)
     {
         setenv("QUILLET_TOKEN_STORE", "file", 1);
         EXPECT_TRUE(Keychain::setDeviceToken(std::string("tok_hostile_0123456789")));
@@ -321,8 +286,10 @@ TEST(Security, AServiceCanCallACaptureDoneWithoutATranscriptButNotLoseIt)
 }
 
 // Redirects are never followed: the token is sent only to the configured service, and a
-// redirect is an error like any other status.
-TEST(Security, RedirectsAreNotFollowedSoTheTokenGoesNowhereElse)
+// redirect is an error like any other status. An answer is limited in size after
+// decompression: a small gzip body that unpacks to many megabytes is refused at the limit like
+// a large plain one (the default limit is 64 MiB).
+TEST(Security, AnswersCannotRedirectTheTokenOrFloodTheClient)
 {
     test::ScratchHome home;
     setenv("QUILLET_TOKEN_STORE", "file", 1);
@@ -348,29 +315,20 @@ TEST(Security, RedirectsAreNotFollowedSoTheTokenGoesNowhereElse)
 
     VeldaneClient local("file://" + home.path().string());
     EXPECT_TRUE(test::awaitError<HttpTransport::TransportError>(local.status("k"))) << "only http and https";
-}
 
-// An answer is limited in size after decompression: a small gzip body that unpacks to many
-// megabytes is refused at the limit like a large plain one (the default limit is 64 MiB).
-TEST(Security, AnswersAreLimitedInSizeAfterDecompression)
-{
     EXPECT_EQ(VeldaneTimeouts{}.maxResponseBytes, 64u << 20);
-    test::ScratchHome home;
-    setenv("QUILLET_TOKEN_STORE", "file", 1);
-    ASSERT_TRUE(Keychain::setDeviceToken(std::string("tok_bomb_0123456789")));
     auto zeros = home.path() / "zeros";
     test::writeFile(zeros, std::string(16u << 20, '0'));
     auto packed = test::runProcess("/bin/sh", {"-c", "gzip -c '" + zeros.string() + "'"});
     ASSERT_EQ(packed.status, 0) << packed.errors;
     ASSERT_LT(packed.output.size(), 100'000u);
-    test::FakeVeldane service{test::FakeVeldane::Options{.keepAliveSeconds = 2}};
     auto bomb = test::FakeVeldane::Answer::json(packed.output);
     bomb.headers = {{"Content-Encoding", "gzip"}};
     service.route("GET", "sources/k", [bomb](const test::FakeVeldane::Request&) { return bomb; });
     VeldaneTimeouts limits;
     limits.maxResponseBytes = 1u << 20;
-    VeldaneClient client(service.baseURL(), runtime::systemClock(), limits);
-    auto error = test::awaitError<HttpTransport::TransportError>(client.source("k"));
+    VeldaneClient careful(service.baseURL(), runtime::systemClock(), limits);
+    auto error = test::awaitError<HttpTransport::TransportError>(careful.source("k"));
     ASSERT_TRUE(error);
     EXPECT_NE(std::string(error->what()).find("larger than"), std::string::npos) << error->what();
 }
@@ -396,7 +354,7 @@ TEST(Security, HostileFileNamesCannotLeaveTheInboxOrReachACommand)
     agent.dropHistory(0);
     ASSERT_TRUE(agent.startAndWait());
 
-    const std::string fixture = test::readFile(fs::path(QUILLET_SOURCE_DIR) / "tests/fixtures/short-1500ms.m4a");
+    const std::string& fixture = agent.fixture();
     const std::vector<std::string> hostile = {
         "-rf --no-preserve-root.m4a",
         "--help.wav",
@@ -417,27 +375,14 @@ TEST(Security, HostileFileNamesCannotLeaveTheInboxOrReachACommand)
     for (size_t i = 0; i < hostile.size(); ++i) {
         std::string bytes = fixture + "hostile " + std::to_string(i);
         contents.insert(tagOf(bytes));
-        auto hidden = synced / (".incoming" + std::to_string(i));
-        test::writeFile(hidden, bytes);
-        fs::last_write_time(hidden, when + std::chrono::minutes(i));
-        fs::rename(hidden, synced / hostile[i]);
+        CaptureAgentHarness::place(synced / hostile[i], bytes, when + std::chrono::minutes(i));
     }
     for (const std::string name : {"20240301 090000.m4a; touch PWNED.m4a", "-20240301 090001.m4a", "20240301 090002 .m4a"}) {
         test::writeFile(agent.memos() / name, fixture);
     }
 
-    auto notes = [&] {
-        std::set<std::string> ids;
-        std::error_code error;
-        for (const auto& entry : fs::directory_iterator(agent.inbox(), error)) {
-            if (entry.path().extension() == ".md") {
-                ids.insert(entry.path().stem().string());
-            }
-        }
-        return ids;
-    };
     auto settled = [&] {
-        return notes().size() == hostile.size() && test::readLines(after).size() == hostile.size();
+        return agent.noteIds().size() == hostile.size() && test::readLines(after).size() == hostile.size();
     };
     EXPECT_TRUE(test::eventually(settled, 90)) << agent.agentOutput();
     // A restart lists the folders again: every name, the one that is not UTF-8 included, is
@@ -447,7 +392,7 @@ TEST(Security, HostileFileNamesCannotLeaveTheInboxOrReachACommand)
     std::this_thread::sleep_for(std::chrono::seconds(4));
     EXPECT_EQ(agent.stop(), 0);
 
-    auto ids = notes();
+    auto ids = agent.noteIds();
     EXPECT_EQ(ids.size(), hostile.size());
     std::set<std::string> copies;
     const std::regex timeBased(R"(\d{6}-\d{6})");
@@ -474,10 +419,7 @@ TEST(Security, HostileFileNamesCannotLeaveTheInboxOrReachACommand)
         EXPECT_TRUE(expected) << "unexpected file " << file;
     }
     EXPECT_FALSE(fs::exists(fs::current_path() / "PWNED"));
-    auto messages = agent.logMessages();
-    EXPECT_EQ(std::count_if(messages.begin(), messages.end(),
-                            [](const std::string& m) { return m.find("unparseable name, marking seen") != std::string::npos; }),
-              3);
+    EXPECT_EQ(test::countLogLines("unparseable name, marking seen"), 3);
     // What a name can do: its line breaks go into the log as they are, so it can start a line
     // of its own there (which `status` may show). It changes nothing else.
     auto lines = test::readLines(Paths::logFile());
