@@ -26,6 +26,9 @@ namespace fs = std::filesystem;
 
 namespace {
 
+// What a note without a job status counts as.
+const std::string kSkipped = "skipped";
+
 std::string onOff(bool on)
 {
     return on ? "on" : "off";
@@ -118,7 +121,8 @@ StatusLog readStatusLog(const fs::path& file, std::size_t tailLines)
     return scan.finish();
 }
 
-std::string inboxSummary(const fs::path& inbox, const std::function<int()>& pendingCount)
+std::string inboxSummary(const fs::path& inbox,
+                         const std::function<bool(const fs::path& note, const InboxWriter::Frontmatter&)>& canBeSent)
 {
     std::error_code error;
     fs::directory_iterator it(inbox, error);
@@ -129,18 +133,24 @@ std::string inboxSummary(const fs::path& inbox, const std::function<int()>& pend
     int transcribed = 0;
     int inProgress = 0;
     int other = 0;
+    int pending = 0;
     for (; !error && it != fs::directory_iterator(); it.increment(error)) {
         const fs::path& entry = it->path();
-        std::string name = entry.filename().string();
-        if (name.starts_with(".") || entry.extension() != ".md") {
+        if (entry.extension() != ".md") {
             continue;
         }
-        std::string status;
+        InboxWriter::Frontmatter frontmatter;
         try {
-            status = InboxWriter::readFrontmatter(entry).vdJobStatus.value_or("skipped");
+            frontmatter = InboxWriter::readFrontmatter(entry);
         } catch (const std::exception&) {
             continue; // no readable frontmatter: not a capture note
         }
+        // Counted as retry counts them, hidden names included.
+        pending += canBeSent(entry, frontmatter) ? 1 : 0;
+        if (entry.filename().string().starts_with(".")) {
+            continue;
+        }
+        const std::string& status = frontmatter.vdJobStatus ? *frontmatter.vdJobStatus : kSkipped;
         if (status == "done") {
             ++transcribed;
         } else if (resumable.contains(status)) {
@@ -151,7 +161,7 @@ std::string inboxSummary(const fs::path& inbox, const std::function<int()>& pend
     }
     std::string summary = std::to_string(transcribed) + " transcribed, " + std::to_string(inProgress) +
                           " in progress, " + std::to_string(other) + " other";
-    if (int pending = pendingCount(); pending >= 1) {
+    if (pending >= 1) {
         summary += " -- " + std::to_string(pending) + " can be sent with: quillet-capture retry";
     }
     return summary;
@@ -160,12 +170,11 @@ std::string inboxSummary(const fs::path& inbox, const std::function<int()>& pend
 std::string inboxSummary()
 {
     auto inbox = Settings::shared().inboxURL();
-    return inboxSummary(inbox, [&inbox] {
-        // The count that CaptureRetry::pendingCount gives, without fixing the watermark when
-        // none is stored yet: a watermark of now selects the same captures, and `status`
-        // changes nothing.
-        auto watermark = UserDefaults::date(CaptureRetry::watermarkKey).value_or(std::chrono::system_clock::now());
-        return static_cast<int>(CaptureRetry::ids(inbox, CaptureRetry::isRetryable, watermark).size());
+    // The watermark that CaptureRetry uses, without fixing it when none is stored yet: a
+    // watermark of now selects the same captures, and `status` changes nothing.
+    auto watermark = UserDefaults::date(CaptureRetry::watermarkKey).value_or(std::chrono::system_clock::now());
+    return inboxSummary(inbox, [&inbox, watermark](const fs::path& note, const InboxWriter::Frontmatter& frontmatter) {
+        return CaptureRetry::selects(inbox, note, frontmatter, CaptureRetry::isRetryable, watermark);
     });
 }
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "quillet_capture/vault/InboxWriter.hpp"
+
 #include <cstddef>
 #include <filesystem>
 #include <functional>
@@ -23,8 +25,10 @@ struct StatusLog {
 /// is read in pieces, so memory holds only the lines kept, however large the file. Any thread.
 StatusLog readStatusLog(const std::filesystem::path& file, std::size_t tailLines = 12);
 
-/// The inbox line of `status` for the notes in `inbox` (see `inboxSummary()`); `pendingCount`
-/// is asked only when the inbox can be listed. Any thread.
-std::string inboxSummary(const std::filesystem::path& inbox, const std::function<int()>& pendingCount);
+/// The inbox line of `status` for the notes in `inbox` (see `inboxSummary()`), read in one
+/// pass: `canBeSent` is asked of every note with a frontmatter, and says whether `retry`
+/// would send it. Any thread.
+std::string inboxSummary(const std::filesystem::path& inbox,
+                         const std::function<bool(const std::filesystem::path& note, const InboxWriter::Frontmatter&)>& canBeSent);
 
 } // namespace quillet

@@ -68,21 +68,25 @@ std::vector<std::string> CaptureRetry::ids(const fs::path& inbox, const std::fun
         } catch (const std::exception&) {
             continue;
         }
-        if (!where(frontmatter)) {
-            continue;
+        if (selects(inbox, note, frontmatter, where, watermark)) {
+            result.push_back(note.stem().string());
         }
-        auto created = FileTimes::created(note);
-        if (created && *created < watermark && !CapturePipeline::isRecordingOrigin(frontmatter.sourceOrigin)) {
-            continue;
-        }
-        std::string id = note.stem().string();
-        std::error_code missing;
-        if (!fs::is_regular_file(inbox / ".audio" / (id + ".m4a"), missing)) {
-            continue;
-        }
-        result.push_back(std::move(id));
     }
     return result;
+}
+
+bool CaptureRetry::selects(const fs::path& inbox, const fs::path& note, const Frontmatter& frontmatter,
+                           const std::function<bool(const Frontmatter&)>& where, TimePoint watermark)
+{
+    if (!where(frontmatter)) {
+        return false;
+    }
+    auto created = FileTimes::created(note);
+    if (created && *created < watermark && !CapturePipeline::isRecordingOrigin(frontmatter.sourceOrigin)) {
+        return false;
+    }
+    std::error_code missing;
+    return fs::is_regular_file(inbox / ".audio" / (note.stem().string() + ".m4a"), missing);
 }
 
 std::vector<std::string> CaptureRetry::ids(const std::function<bool(const Frontmatter&)>& where)

@@ -53,6 +53,12 @@ public:
     static std::vector<std::string> ids(const std::filesystem::path& inbox,
                                         const std::function<bool(const Frontmatter&)>& where, TimePoint watermark);
 
+    /// Whether the note `note` of `inbox`, whose frontmatter is `frontmatter`, is one of
+    /// `ids(inbox, where, watermark)`.
+    static bool selects(const std::filesystem::path& inbox, const std::filesystem::path& note,
+                        const Frontmatter& frontmatter, const std::function<bool(const Frontmatter&)>& where,
+                        TimePoint watermark);
+
     /// The same over the inbox of the settings, with the stored watermark.
     static std::vector<std::string> ids(const std::function<bool(const Frontmatter&)>& where);
     static std::vector<std::string> pendingIds();

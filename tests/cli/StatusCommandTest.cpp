@@ -4,7 +4,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
+#include <set>
+#include <string>
+#include <vector>
 
 namespace quillet {
 namespace {
@@ -90,21 +94,23 @@ TEST_F(StatusLogTest, ALogThatIsNotUtf8OrCannotBeReadCountsAsEmpty)
 TEST(InboxSummary, CountsAndTheRetryHint)
 {
     test::ScratchDir dir;
-    int asked = 0;
-    auto pending = [&asked](int count) {
-        return [&asked, count] {
-            ++asked;
-            return count;
+    std::vector<std::string> asked;
+    // Sends the notes whose job status is one of `states`, and remembers what it was asked.
+    auto sending = [&asked](std::set<std::string> states) {
+        return [&asked, states](const fs::path& note, const InboxWriter::Frontmatter& frontmatter) {
+            asked.push_back(note.filename().string());
+            return states.contains(frontmatter.vdJobStatus.value_or("skipped"));
         };
     };
-    EXPECT_EQ(inboxSummary(dir.path() / "_inbox", pending(3)), "no _inbox yet");
-    EXPECT_EQ(asked, 0);
+    EXPECT_EQ(inboxSummary(dir.path() / "_inbox", sending({"done"})), "no _inbox yet");
+    EXPECT_TRUE(asked.empty());
 
     fs::path inbox = dir.path() / "_inbox";
     test::writeFile(inbox / "a.m4a", "x");
     test::writeFile(inbox / "readme.txt", "x");
     test::writeFile(inbox / ".audio/x.md", "---\nid: x\n---\n");
-    EXPECT_EQ(inboxSummary(inbox, pending(0)), "0 transcribed, 0 in progress, 0 other");
+    EXPECT_EQ(inboxSummary(inbox, sending({"done"})), "0 transcribed, 0 in progress, 0 other");
+    EXPECT_TRUE(asked.empty());
 
     auto note = [&](const std::string& name, const std::string& jobStatus) {
         test::writeFile(inbox / name, "---\nid: " + name + "\nsource:\n  vd_job_status: " + jobStatus + "\n---\n");
@@ -116,10 +122,13 @@ TEST(InboxSummary, CountsAndTheRetryHint)
     note("e.md", "failed");
     test::writeFile(inbox / "f.md", "---\nid: f\n---\nno job status: skipped\n");
     test::writeFile(inbox / "g.md", "no frontmatter at all\n");
-    EXPECT_EQ(inboxSummary(inbox, pending(1)),
+    EXPECT_EQ(inboxSummary(inbox, sending({"upload_failed"})),
               "2 transcribed, 2 in progress, 2 other -- 1 can be sent with: quillet-capture retry");
-    EXPECT_EQ(inboxSummary(inbox, pending(12)),
-              "2 transcribed, 2 in progress, 2 other -- 12 can be sent with: quillet-capture retry");
+    // Every note with a frontmatter is asked about, once.
+    std::sort(asked.begin(), asked.end());
+    EXPECT_EQ(asked, (std::vector<std::string>{"a.md", "b.md", "c.md", "d.md", "e.md", "f.md"}));
+    EXPECT_EQ(inboxSummary(inbox, sending({"done", "processing", "upload_failed", "failed", "skipped"})),
+              "2 transcribed, 2 in progress, 2 other -- 6 can be sent with: quillet-capture retry");
 }
 
 } // namespace
