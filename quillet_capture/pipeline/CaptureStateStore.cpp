@@ -729,7 +729,10 @@ void CaptureStateStore::markIndexed(std::vector<SeenName> files, std::string_vie
     for (auto& file : files) {
         byName.push_back(&file);
     }
-    std::sort(byName.begin(), byName.end(), [](const SeenName* a, const SeenName* b) { return a->name < b->name; });
+    auto before = [](const SeenName* a, const SeenName* b) { return a->name < b->name; };
+    if (!std::is_sorted(byName.begin(), byName.end(), before)) {
+        std::sort(byName.begin(), byName.end(), before);
+    }
     auto hint = set.end();
     for (auto* file : byName) {
         hint = set.insert_or_assign(hint, std::move(file->name), State::SeenEntry{firstSeen, std::move(file->canonicalId)});
