@@ -196,8 +196,9 @@ private:
 
 ZoneOffsets& zoneOffsets()
 {
-    static ZoneOffsets offsets;
-    return offsets;
+    // Never destroyed, so that a thread still at work while the process exits finds it whole.
+    static auto* offsets = new ZoneOffsets;
+    return *offsets;
 }
 
 // The instant at which the local clock of the current time zone shows `wanted`. Impossible

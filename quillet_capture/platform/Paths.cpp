@@ -108,12 +108,15 @@ std::shared_ptr<const Layout> currentLayout(Platform platform)
         std::array<std::optional<std::string>, 4> inputs;
         std::shared_ptr<const Layout> layout;
     };
-    static std::mutex lock;
-    static std::optional<Made> last;
+    // Never destroyed: threads that log may still ask for the log file's path while the
+    // process exits.
+    static auto* lock = new std::mutex;
+    static auto* last = new std::optional<Made>;
     std::array<std::optional<std::string>, 4> inputs{processEnv("HOME"), processEnv("XDG_CONFIG_HOME"),
                                                       processEnv("XDG_STATE_HOME"), processEnv("XDG_DATA_HOME")};
-    std::lock_guard guard(lock);
-    if (!last || last->platform != platform || last->inputs != inputs) {
+    std::lock_guard guard(*lock);
+    auto& made = *last;
+    if (!made || made->platform != platform || made->inputs != inputs) {
         auto env = [&inputs](const char* name) -> std::optional<std::string> {
             static constexpr const char* kNames[] = {"HOME", "XDG_CONFIG_HOME", "XDG_STATE_HOME", "XDG_DATA_HOME"};
             for (std::size_t i = 0; i < inputs.size(); ++i) {
@@ -123,9 +126,9 @@ std::shared_ptr<const Layout> currentLayout(Platform platform)
             }
             return processEnv(name);
         };
-        last = Made{platform, inputs, std::make_shared<const Layout>(layoutFor(platform, env))};
+        made = Made{platform, inputs, std::make_shared<const Layout>(layoutFor(platform, env))};
     }
-    return last->layout;
+    return made->layout;
 }
 
 std::shared_ptr<const Layout> currentLayout()
