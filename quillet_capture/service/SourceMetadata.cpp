@@ -26,41 +26,19 @@ SourceMetadata decodeItem(const JsonDecoding::Object& item)
 
 } // namespace
 
-struct SourceListPage::Parsed {
-    JsonDecoding::Document document;
-    JsonDecoding::Object page;
-
-    explicit Parsed(std::string_view body) : document(body), page(document) {}
-};
-
-SourceListPage::SourceListPage(std::string_view body) : parsed_(std::make_unique<Parsed>(body))
-{
-    const auto& page = parsed_->page;
-    count_ = page.requiredInt("count");
-    hasMore_ = page.requiredBool("has_more");
-    nextCursor_ = page.optionalString("next_cursor");
-}
-
-SourceListPage::SourceListPage(SourceListPage&&) noexcept = default;
-SourceListPage::~SourceListPage() = default;
-
-std::vector<SourceMetadata> SourceListPage::files() const
-{
-    std::vector<SourceMetadata> files;
-    // The page's count of files, within reason, saves growing the list item by item.
-    files.reserve(static_cast<std::size_t>(std::clamp<std::int64_t>(count_, 0, 1000)));
-    parsed_->page.forEachObject("files", [&files](const JsonDecoding::Object& item) { files.push_back(decodeItem(item)); });
-    return files;
-}
-
 SourceListResponse SourceListResponse::decode(std::string_view body)
 {
-    SourceListPage page(body);
+    JsonDecoding::Document document(body);
+    JsonDecoding::Object page(document);
     SourceListResponse response;
-    response.files = page.files();
-    response.count = page.count();
-    response.has_more = page.hasMore();
-    response.next_cursor = page.nextCursor();
+    response.count = page.requiredInt("count");
+    response.has_more = page.requiredBool("has_more");
+    response.next_cursor = page.optionalString("next_cursor");
+    // The page's count of files, within reason, saves growing the list item by item.
+    response.files.reserve(static_cast<std::size_t>(std::clamp<std::int64_t>(response.count, 0, 1000)));
+    page.forEachObject("files", [&response](const JsonDecoding::Object& item) {
+        response.files.push_back(decodeItem(item));
+    });
     return response;
 }
 

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -33,31 +32,6 @@ struct SourceListResponse {
 
     /// Decodes a page; throws DecodeError (service/JsonDecoding.hpp) when `body` is not one.
     static SourceListResponse decode(std::string_view body);
-};
-
-/// A listing page read in two steps: what leads to the next page at once, the files after.
-/// A listing asks for the next page between the two, so that decoding one page and fetching
-/// the next overlap.
-class SourceListPage {
-public:
-    /// Parses `body` and decodes everything but the files; throws DecodeError.
-    explicit SourceListPage(std::string_view body);
-    SourceListPage(SourceListPage&&) noexcept;
-    ~SourceListPage();
-
-    std::int64_t count() const { return count_; }
-    bool hasMore() const { return hasMore_; }
-    const std::optional<std::string>& nextCursor() const { return nextCursor_; }
-
-    /// The files, in the service's order; throws DecodeError.
-    std::vector<SourceMetadata> files() const;
-
-private:
-    struct Parsed;
-    std::unique_ptr<Parsed> parsed_;
-    std::int64_t count_ = 0;
-    bool hasMore_ = false;
-    std::optional<std::string> nextCursor_;
 };
 
 } // namespace quillet

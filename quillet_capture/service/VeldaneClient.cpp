@@ -519,19 +519,20 @@ std::vector<SourceMetadata> VeldaneClient::listPages(bool deleted) const
             throw ClientError::malformedResponse("list: could not build URL");
         }
         auto body = sendGet(getRequest(std::move(*url)));
+        SourceListResponse page;
         try {
-            SourceListPage page(body);
-            pages.push_back(page.files());
-            if (pagesLeft <= 1) {
-                throw ClientError::malformedResponse("list: pagination exceeded 200 pages");
-            }
-            if (!page.hasMore() || !page.nextCursor()) {
-                return joined();
-            }
-            cursor = page.nextCursor();
+            page = SourceListResponse::decode(body);
         } catch (const DecodeError& error) {
             throw ClientError::malformedResponse("list: " + error.localizedDescription());
         }
+        pages.push_back(std::move(page.files));
+        if (pagesLeft <= 1) {
+            throw ClientError::malformedResponse("list: pagination exceeded 200 pages");
+        }
+        if (!page.has_more || !page.next_cursor) {
+            return joined();
+        }
+        cursor = std::move(page.next_cursor);
     }
 }
 
