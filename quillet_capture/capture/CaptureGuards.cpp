@@ -3,9 +3,16 @@
 #include "quillet_capture/platform/AudioDuration.hpp"
 
 #include <sys/stat.h>
+#if __has_include(<xlocale.h>)
+#include <xlocale.h> // strtod_l and newlocale on macOS
+#endif
 
-#include <charconv>
+#include <cctype>
+#include <cerrno>
+#include <clocale>
+#include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <stdexcept>
 
 namespace quillet::CaptureGuards {
@@ -32,17 +39,35 @@ std::string_view trimBlanks(std::string_view text)
     return text.substr(first, last - first + 1);
 }
 
+locale_t cLocale()
+{
+    static const locale_t locale = newlocale(LC_ALL_MASK, "C", nullptr);
+    return locale;
+}
+
 // The whole text as a double in the C locale: an optional sign, decimal or exponent notation,
-// "inf", "infinity" or "nan". Anything left over, or any leading white space, and it is not a
-// number.
+// "inf", "infinity" or "nan". Anything left over, any leading white space, hexadecimal notation
+// or a value beyond the range of a double, and it is not a number.
 std::optional<double> readDouble(std::string_view text)
 {
-    if (text.size() > 1 && text[0] == '+' && text[1] != '-' && text[1] != '+') {
-        text.remove_prefix(1);
+    std::string_view digits = text;
+    if (!digits.empty() && (digits[0] == '+' || digits[0] == '-')) {
+        digits.remove_prefix(1);
     }
-    double value = 0;
-    auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (error != std::errc() || end != text.data() + text.size()) {
+    if (digits.empty() || !(std::isdigit(static_cast<unsigned char>(digits[0])) || digits[0] == '.' ||
+                            std::isalpha(static_cast<unsigned char>(digits[0])))) {
+        return std::nullopt;
+    }
+    if (digits.size() > 1 && digits[0] == '0' && (digits[1] == 'x' || digits[1] == 'X')) {
+        return std::nullopt;
+    }
+    // strtod_l needs a terminated string; an embedded NUL then ends the number early, which
+    // the check of the end below refuses.
+    std::string copy(text);
+    char* end = nullptr;
+    errno = 0;
+    double value = strtod_l(copy.c_str(), &end, cLocale());
+    if (end != copy.c_str() + copy.size() || (errno == ERANGE && std::isinf(value))) {
         return std::nullopt;
     }
     return value;

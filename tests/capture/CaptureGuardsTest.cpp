@@ -8,10 +8,12 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <cmath>
 #include <cstdint>
 #include <deque>
 #include <filesystem>
 #include <fstream>
+#include <limits>
 #include <ostream>
 #include <set>
 
@@ -222,9 +224,17 @@ TEST(ParseDuration, TakesTheNumberBeforeSecOnTheFirstLineThatHasOne)
     EXPECT_EQ(parseDuration("12.5 seconds"), 12.5);
     EXPECT_EQ(parseDuration("+3 sec"), 3.0);
     EXPECT_EQ(parseDuration("1e1 sec"), 10.0);
+    EXPECT_EQ(parseDuration("-0.25 sec"), -0.25);
+    EXPECT_EQ(parseDuration(".5 sec"), 0.5);
+    EXPECT_EQ(parseDuration("infinity sec"), std::numeric_limits<double>::infinity());
+    auto notANumber = parseDuration("nan sec");
+    ASSERT_TRUE(notANumber.has_value());
+    EXPECT_TRUE(std::isnan(*notANumber));
 
+    // Numbers only in the C locale's decimal notation, whole and within a double's range.
     for (const char* text : {"", "\n\n", "no duration here", "12.5sec", "12.5\tsec", "12,5 sec", " sec",
-                             "12.5x sec"}) {
+                             "12.5x sec", "0x1p3 sec", "0X10 sec", "+-3 sec", "--3 sec", "++3 sec", "1e999 sec",
+                             "- 3 sec", "e5 sec", "12.5\v sec"}) {
         EXPECT_EQ(parseDuration(text), std::nullopt) << text;
     }
 }
