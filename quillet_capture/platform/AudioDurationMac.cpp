@@ -1,6 +1,7 @@
 #include "quillet_capture/platform/AudioDuration.hpp"
 
 #include "quillet_capture/capture/CaptureGuards.hpp"
+#include "quillet_capture/platform/Process.hpp"
 
 #include <fcntl.h>
 #include <spawn.h>
@@ -9,8 +10,6 @@
 
 #include <cerrno>
 #include <string>
-
-extern char** environ;
 
 namespace quillet::AudioDuration {
 
@@ -86,7 +85,8 @@ std::optional<std::string> runAfinfo(const std::filesystem::path& file)
     std::string path = file.string();
     const char* argv[] = {kAfinfo, "-b", path.c_str(), nullptr};
     pid_t child = 0;
-    int spawned = posix_spawn(&child, kAfinfo, &actions, &attributes, const_cast<char* const*>(argv), environ);
+    int spawned = posix_spawn(&child, kAfinfo, &actions, &attributes, const_cast<char* const*>(argv),
+                                Process::environment());
     posix_spawn_file_actions_destroy(&actions);
     posix_spawnattr_destroy(&attributes);
     close(fds[1]);

@@ -10,8 +10,6 @@
 #include <cstring>
 #include <system_error>
 
-extern char** environ;
-
 namespace quillet {
 
 namespace Process {
@@ -43,7 +41,7 @@ void makePipe(int fds[2])
 std::vector<std::string> childEnvironment(const std::map<std::string, std::string>& changes)
 {
     std::vector<std::string> entries;
-    for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry) {
+    for (char** entry = environment(); entry != nullptr && *entry != nullptr; ++entry) {
         std::string_view text(*entry);
         auto name = text.substr(0, text.find('='));
         if (changes.find(std::string(name)) == changes.end()) {
@@ -113,7 +111,7 @@ Child spawn(const std::string& path, const std::vector<std::string>& arguments, 
     auto argvPointers = pointers(argv);
     std::vector<std::string> env;
     std::vector<char*> envPointers;
-    char** childEnv = environ;
+    char** childEnv = environment();
     if (!options.environment.empty()) {
         env = childEnvironment(options.environment);
         envPointers = pointers(env);

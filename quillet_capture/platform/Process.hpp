@@ -94,5 +94,10 @@ Command loginShell(const std::string& text);
 /// The executable of this process as the system reports it; may be relative on macOS.
 std::string startedExecutable();
 
+/// This process's environment as children inherit it (`environ`; on macOS, where `environ`
+/// is only reliable in the main executable, `_NSGetEnviron()`). Any thread; the array changes
+/// with setenv and unsetenv.
+char** environment();
+
 } // namespace Process
 } // namespace quillet

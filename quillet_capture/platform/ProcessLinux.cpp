@@ -4,6 +4,8 @@
 
 #include <climits>
 
+extern char** environ;
+
 namespace quillet::Process {
 
 Command loginShell(const std::string& text)
@@ -21,6 +23,11 @@ std::string startedExecutable()
         return {};
     }
     return std::string(buffer, static_cast<size_t>(length));
+}
+
+char** environment()
+{
+    return environ;
 }
 
 } // namespace quillet::Process

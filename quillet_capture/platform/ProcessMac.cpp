@@ -1,5 +1,6 @@
 #include "quillet_capture/platform/Process.hpp"
 
+#include <crt_externs.h>
 #include <mach-o/dyld.h>
 
 #include <cstdint>
@@ -24,6 +25,11 @@ std::string startedExecutable()
         }
     }
     return std::string(buffer.data());
+}
+
+char** environment()
+{
+    return *_NSGetEnviron();
 }
 
 } // namespace quillet::Process

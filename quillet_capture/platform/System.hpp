@@ -14,8 +14,10 @@ std::string osName();
 /// The operating system's version: the product version on macOS, `uname -r` on Linux.
 std::string osVersion();
 
-/// Hands `url` to the desktop (`open` on macOS, `xdg-open` on Linux) without waiting for it;
-/// failures are ignored.
+/// Hands `url` to the desktop without waiting for it: to `/usr/bin/open` on macOS and to
+/// `xdg-open` (found through `PATH`) on Linux, or on either to the program that
+/// `$QUILLET_URL_OPENER` names when it is set and not empty (tests, machines without a
+/// desktop). Failures are ignored.
 void openURL(const std::string& url);
 
 /// Writes `message` to the system log (and nothing else).

@@ -10,9 +10,8 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <mutex>
-
-extern char** environ;
 
 namespace quillet {
 
@@ -59,7 +58,11 @@ void openURL(const std::string& url)
             dup2(null, STDOUT_FILENO);
             dup2(null, STDERR_FILENO);
         }
-        execlp("xdg-open", "xdg-open", url.c_str(), static_cast<char*>(nullptr));
+        const char* opener = std::getenv("QUILLET_URL_OPENER");
+        if (opener == nullptr || *opener == '\0') {
+            opener = "xdg-open";
+        }
+        execlp(opener, opener, url.c_str(), static_cast<char*>(nullptr));
         _exit(127);
     }
     if (child > 0) {

@@ -1,4 +1,5 @@
 #include "quillet_capture/platform/Paths.hpp"
+#include "quillet_capture/platform/Process.hpp"
 #include "quillet_capture/platform/System.hpp"
 
 #include <CoreFoundation/CoreFoundation.h>
@@ -10,10 +11,9 @@
 #include <sys/sysctl.h>
 #include <sys/wait.h>
 
+#include <cstdlib>
 #include <thread>
 #include <unistd.h>
-
-extern char** environ;
 
 namespace quillet {
 
@@ -54,14 +54,25 @@ std::string osVersion()
 void openURL(const std::string& url)
 {
     // open(1) returns as soon as Launch Services has the URL; it is still not waited for.
+    const char* opener = std::getenv("QUILLET_URL_OPENER");
+    if (opener == nullptr || *opener == '\0') {
+        opener = "/usr/bin/open";
+    }
     pid_t child = 0;
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
     posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
     posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
-    const char* argv[] = {"/usr/bin/open", url.c_str(), nullptr};
-    if (posix_spawn(&child, argv[0], &actions, nullptr, const_cast<char* const*>(argv), environ) == 0) {
+    posix_spawnattr_t attributes;
+    posix_spawnattr_init(&attributes);
+    // Only the three standard descriptors reach the opener, whatever else this process has open.
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_CLOEXEC_DEFAULT);
+    const char* argv[] = {opener, url.c_str(), nullptr};
+    int spawned = posix_spawnp(&child, opener, &actions, &attributes, const_cast<char* const*>(argv),
+                               Process::environment());
+    posix_spawnattr_destroy(&attributes);
+    if (spawned == 0) {
         // Reap it in the background so that it leaves no zombie.
         std::thread([child] {
             int status = 0;

@@ -1,4 +1,5 @@
 #include "quillet_capture/capture/CaptureAccess.hpp"
+#include "quillet_capture/platform/Paths.hpp"
 
 #include "tests/support/Scratch.hpp"
 
@@ -121,17 +122,33 @@ TEST(CaptureAccessVoiceMemos, PrefersTheGroupContainerAndFallsBackToIt)
 TEST(CaptureAccessSettings, OpensTheFullDiskAccessPane)
 {
     test::ScratchHome home;
-    const fs::path bin = home.path() / "bin";
     const fs::path opened = home.path() / "opened";
-    test::writeFile(bin / "xdg-open", "#!/bin/sh\nprintf '%s' \"$1\" > '" + opened.string() + "'\n");
-    fs::permissions(bin / "xdg-open", fs::perms::owner_all);
-    std::string savedPath = std::getenv("PATH") ? std::getenv("PATH") : "";
-    setenv("PATH", (bin.string() + ":" + savedPath).c_str(), 1);
+    auto fakeOpener = [&](const fs::path& program) {
+        test::writeFile(program, "#!/bin/sh\nprintf '%s' \"$1\" > '" + opened.string() + "'\n");
+        fs::permissions(program, fs::perms::owner_all);
+    };
+    auto expectOpened = [&] {
+        EXPECT_TRUE(CaptureAccess::openFullDiskAccessSettings());
+        EXPECT_TRUE(test::eventually([&] { return fs::exists(opened) && !test::readFile(opened).empty(); }));
+        EXPECT_EQ(test::readFile(opened), "x-apple.systempreferences:com.apple.preference.security?Privacy_AllFiles");
+        fs::remove(opened);
+    };
 
-    EXPECT_TRUE(CaptureAccess::openFullDiskAccessSettings());
-    EXPECT_TRUE(test::eventually([&] { return fs::exists(opened) && !test::readFile(opened).empty(); }));
-    EXPECT_EQ(test::readFile(opened), "x-apple.systempreferences:com.apple.preference.security?Privacy_AllFiles");
-    setenv("PATH", savedPath.c_str(), 1);
+    // The opener named in the environment, on every platform.
+    fakeOpener(home.path() / "open-url");
+    setenv("QUILLET_URL_OPENER", (home.path() / "open-url").c_str(), 1);
+    expectOpened();
+    unsetenv("QUILLET_URL_OPENER");
+
+    // Linux's own: xdg-open, found through PATH. (macOS's is /usr/bin/open, which no test runs.)
+    if (Paths::current() == Platform::linux) {
+        const fs::path bin = home.path() / "bin";
+        fakeOpener(bin / "xdg-open");
+        std::string savedPath = std::getenv("PATH") ? std::getenv("PATH") : "";
+        setenv("PATH", (bin.string() + ":" + savedPath).c_str(), 1);
+        expectOpened();
+        setenv("PATH", savedPath.c_str(), 1);
+    }
 }
 
 } // namespace
