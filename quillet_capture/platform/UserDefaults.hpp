@@ -16,4 +16,7 @@ std::optional<TimePoint> date(const std::string& key);
 /// time). Any thread.
 void setDate(const std::string& key, TimePoint value);
 
+/// Removes whatever is stored under `key`; failures are ignored. Any thread.
+void remove(const std::string& key);
+
 } // namespace quillet::UserDefaults

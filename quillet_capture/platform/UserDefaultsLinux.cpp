@@ -25,6 +25,16 @@ nlohmann::json load()
     return value.is_object() ? value : nlohmann::json::object();
 }
 
+void save(const nlohmann::json& values)
+{
+    try {
+        std::error_code ignored;
+        std::filesystem::create_directories(Paths::defaultsFile().parent_path(), ignored);
+        writeFileAtomically(Paths::defaultsFile(), values.dump(2) + "\n", 0600);
+    } catch (const std::exception&) {
+    }
+}
+
 } // namespace
 
 std::optional<TimePoint> date(const std::string& key)
@@ -43,11 +53,15 @@ void setDate(const std::string& key, TimePoint value)
     std::lock_guard guard(fileLock);
     auto values = load();
     values[key] = Iso8601::format(value);
-    try {
-        std::error_code ignored;
-        std::filesystem::create_directories(Paths::defaultsFile().parent_path(), ignored);
-        writeFileAtomically(Paths::defaultsFile(), values.dump(2) + "\n", 0600);
-    } catch (const std::exception&) {
+    save(values);
+}
+
+void remove(const std::string& key)
+{
+    std::lock_guard guard(fileLock);
+    auto values = load();
+    if (values.erase(key) > 0) {
+        save(values);
     }
 }
 

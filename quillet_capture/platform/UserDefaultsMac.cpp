@@ -52,4 +52,12 @@ void setDate(const std::string& key, TimePoint value)
     CFRelease(date);
 }
 
+void remove(const std::string& key)
+{
+    CFString name(key);
+    CFString application(kApplicationId);
+    CFPreferencesSetAppValue(name.ref, nullptr, application.ref);
+    CFPreferencesAppSynchronize(application.ref);
+}
+
 } // namespace quillet::UserDefaults

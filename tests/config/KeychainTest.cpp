@@ -180,5 +180,54 @@ TEST_F(SecretServiceLive, ATokenSavedInTheFileWhileTheServiceWasAwayIsStillFound
     EXPECT_EQ(Keychain::read("live_account", service), "fresh");
 }
 
+// The login Keychain of a Mac, which no scratch home can stand in for: these tests run only
+// when QUILLET_LIVE_KEYCHAIN=1 asks for them (on a developer's Mac, knowing that they add and
+// remove one item of their own in the login Keychain).
+struct KeychainLive : ::testing::Test {
+    test::ScratchHome home;
+
+    void SetUp() override
+    {
+        const char* live = std::getenv("QUILLET_LIVE_KEYCHAIN");
+        if (Paths::current() != Platform::macOS || live == nullptr || std::string_view(live) != "1") {
+            GTEST_SKIP() << "needs a Mac's login Keychain and QUILLET_LIVE_KEYCHAIN=1";
+        }
+        unsetenv("QUILLET_TOKEN_STORE");
+        Keychain::write("live_account", std::nullopt, service);
+    }
+    void TearDown() override { Keychain::write("live_account", std::nullopt, service); }
+
+    static constexpr const char* service = "se.Brannick.quillet.test";
+
+    // What another program sees: security(1)'s answer (the password, status).
+    static test::ProcessResult lookup()
+    {
+        return test::runProcess("/usr/bin/security",
+                                {"find-generic-password", "-s", service, "-a", "live_account", "-w"});
+    }
+};
+
+TEST_F(KeychainLive, TheTokenLivesInTheKeychainNotInAFile)
+{
+    EXPECT_EQ(SecretStore::backendName(), "keychain");
+    ASSERT_TRUE(Keychain::write("live_account", std::string("live-token-1"), service));
+    EXPECT_EQ(lookup().output, "live-token-1\n");
+    EXPECT_FALSE(fs::exists(Paths::credentialsFile()));
+    EXPECT_EQ(Keychain::read("live_account", service), "live-token-1");
+
+    // Update in place, and an item written by another program is seen at once.
+    ASSERT_TRUE(Keychain::write("live_account", std::string("live-token-2"), service));
+    EXPECT_EQ(lookup().output, "live-token-2\n");
+    auto other = test::runProcess("/usr/bin/security", {"add-generic-password", "-U", "-s", service, "-a",
+                                                        "live_account", "-w", "from-elsewhere"});
+    ASSERT_EQ(other.status, 0) << other.errors;
+    EXPECT_EQ(Keychain::read("live_account", service), "from-elsewhere");
+
+    ASSERT_TRUE(Keychain::write("live_account", std::string(), service));
+    EXPECT_NE(lookup().status, 0);
+    EXPECT_FALSE(Keychain::read("live_account", service));
+    EXPECT_TRUE(Keychain::write("live_account", std::nullopt, service));
+}
+
 } // namespace
 } // namespace quillet

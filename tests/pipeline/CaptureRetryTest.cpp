@@ -54,6 +54,8 @@ struct CaptureRetryTest : ::testing::Test {
 
     CaptureRetryTest()
     {
+        // macOS keeps the defaults outside the scratch home, in the test program's own.
+        UserDefaults::remove(CaptureRetry::watermarkKey);
         setenv("QUILLET_TOKEN_STORE", "file", 1);
         EXPECT_TRUE(Keychain::setDeviceToken(std::string("tok_retry_0123456789")));
         test::writeSettings([&](AppSettings& s) {
@@ -161,14 +163,25 @@ TEST_F(CaptureRetryTest, WatermarkIsStoredAndLoggedOnce)
     EXPECT_EQ(test::logMessages(), std::vector<std::string>{"[quillet] capture retry: watermark set to " +
                                                             Iso8601::format(first) +
                                                             " \u2014 captures older than this are never retried"});
-    // The user defaults file under the home holds it.
+    EXPECT_EQ(UserDefaults::date(CaptureRetry::watermarkKey), first);
+    UserDefaults::remove(CaptureRetry::watermarkKey);
+    EXPECT_EQ(UserDefaults::date(CaptureRetry::watermarkKey), std::nullopt);
+    CaptureRetry::retryWatermark();
+    EXPECT_EQ(test::countLogLines("watermark set to"), 2);
+    if (Paths::current() != Platform::linux) {
+        return;
+    }
+
+    // Linux: the user defaults file under the home holds it as ISO 8601 text.
     auto stored = json::parse(test::readFile(Paths::defaultsFile()));
-    EXPECT_EQ(stored[CaptureRetry::watermarkKey], Iso8601::format(first));
+    EXPECT_TRUE(stored[CaptureRetry::watermarkKey].is_string());
+    EXPECT_EQ(Iso8601::parse(stored[CaptureRetry::watermarkKey].get<std::string>()),
+              UserDefaults::date(CaptureRetry::watermarkKey));
 
     // A stored value that is not a date is replaced.
     test::writeFile(Paths::defaultsFile(), R"({"quillet.captureRetry.watermark": 12})");
     CaptureRetry::retryWatermark();
-    EXPECT_EQ(test::countLogLines("watermark set to"), 2);
+    EXPECT_EQ(test::countLogLines("watermark set to"), 3);
 }
 
 TEST_F(CaptureRetryTest, RetryableStates)

@@ -1,5 +1,7 @@
 #include "tests/support/Scratch.hpp"
 
+#include "quillet_capture/platform/Paths.hpp"
+
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -39,8 +41,8 @@ ScratchDir::~ScratchDir()
 }
 
 namespace {
-const char* const kIsolated[] = {"HOME", "XDG_CONFIG_HOME", "XDG_STATE_HOME", "XDG_DATA_HOME",
-                                 "QUILLET_TOKEN_STORE"};
+const char* const kIsolated[] = {"HOME",          "XDG_CONFIG_HOME",     "XDG_STATE_HOME", "XDG_DATA_HOME",
+                                 "CFFIXED_USER_HOME", "QUILLET_TOKEN_STORE", "QUILLET_URL_OPENER"};
 }
 
 ScratchHome::ScratchHome()
@@ -51,6 +53,13 @@ ScratchHome::ScratchHome()
         unsetenv(name);
     }
     setenv("HOME", dir_.path().c_str(), 1);
+    // CoreFoundation's preferences (the retry watermark) follow this variable, not $HOME; a
+    // process reads it when it starts, so it reaches the programs that tests start.
+    setenv("CFFIXED_USER_HOME", dir_.path().c_str(), 1);
+    // The login Keychain does not follow either: no test reaches it unless it asks for it.
+    if (Paths::current() == Platform::macOS) {
+        setenv("QUILLET_TOKEN_STORE", "file", 1);
+    }
 }
 
 ScratchHome::~ScratchHome()
