@@ -47,6 +47,7 @@ void AgentManager::install(const std::string& executable, const Print& print)
                     "and the Full Disk Access grant both point at this exact path.");
     }
 
+    std::string text = definition(executable);
     Paths::Layout where = layout();
     std::error_code ignored;
     fs::create_directories(where.logFolder, ignored);
@@ -59,7 +60,6 @@ void AgentManager::install(const std::string& executable, const Print& print)
         ::close(output);
     }
 
-    std::string text = definition(executable);
     try {
         fs::create_directories(where.agentDefinition.parent_path());
         writeFileAtomically(where.agentDefinition, text, 0644);

@@ -2,7 +2,9 @@
 
 #include "quillet_capture/platform/Paths.hpp"
 #include "quillet_capture/platform/Process.hpp"
+#include "quillet_capture/runtime/Clock.hpp"
 
+#include <chrono>
 #include <filesystem>
 #include <functional>
 #include <stdexcept>
@@ -39,7 +41,8 @@ public:
     /// Where the agent definition lives (`agentPlistURL`).
     std::filesystem::path definitionFile() const { return layout().agentDefinition; }
 
-    /// The agent definition that runs `executable` with the argument "run".
+    /// The agent definition that runs `executable` with the argument "run". Throws Error when
+    /// a path cannot be written into it.
     virtual std::string definition(const std::string& executable) const = 0;
 
     /// True when the service manager reports the agent loaded (launchd) or active (systemd).
@@ -83,8 +86,13 @@ protected:
 /// user's GUI domain "gui/<uid>".
 class LaunchdAgentManager final : public AgentManager {
 public:
-    /// `launchctl`: the program to run (tests pass a fake).
-    explicit LaunchdAgentManager(std::string launchctl = "/bin/launchctl");
+    /// `launchctl`: the program to run (tests pass a fake); `clock`: where the wait after a
+    /// bootout sleeps.
+    explicit LaunchdAgentManager(std::string launchctl = "/bin/launchctl",
+                                 runtime::Clock& clock = runtime::systemClock());
+
+    /// How long `unload` waits at most for launchd to let go of the label after a bootout.
+    static constexpr std::chrono::seconds kBootoutWait{10};
 
     Paths::Layout layout() const override;
     std::string definition(const std::string& executable) const override;
@@ -94,12 +102,18 @@ public:
     static std::string domainTarget();
 
 protected:
+    /// Boots the agent out, then waits until `launchctl print` no longer finds its label
+    /// (at most kBootoutWait): bootout returns before launchd has let go of it, and a
+    /// bootstrap in that window fails ("Bootstrap failed: 5: Input/output error").
     void unload(const std::filesystem::path& definition) override;
     ShellResult load(const std::filesystem::path& definition) override;
     std::string loadFailurePrefix() const override { return "launchctl bootstrap failed: "; }
 
 private:
+    bool labelLoaded(const std::string& label);
+
     std::string launchctl_;
+    runtime::Clock& clock_;
 };
 
 /// systemd: a user unit in $XDG_CONFIG_HOME/systemd/user, managed with

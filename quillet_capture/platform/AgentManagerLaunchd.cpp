@@ -1,14 +1,47 @@
 #include "quillet_capture/platform/AgentManager.hpp"
 
+#include "quillet_capture/util/Utf8.hpp"
+
 #include <unistd.h>
 
 namespace quillet {
 
 namespace {
 
+// `text` with control characters, and every byte above 0x7F when the text is not UTF-8,
+// written \xNN, so that the error below shows the path on one line as it is.
+std::string visible(std::string_view text)
+{
+    bool valid = Utf8::isValid(text);
+    std::string shown;
+    for (char c : text) {
+        auto byte = static_cast<unsigned char>(c);
+        if (byte < 0x20 || byte == 0x7F || (byte >= 0x80 && !valid)) {
+            static constexpr char kHex[] = "0123456789ABCDEF";
+            shown += {'\\', 'x', kHex[byte >> 4], kHex[byte & 0xF]};
+        } else {
+            shown += c;
+        }
+    }
+    return shown;
+}
+
 // Property-list strings are XML text: the three characters that XML reserves are escaped.
+// XML cannot hold control characters (a line break or carriage return would come back
+// changed) nor bytes that are not UTF-8, and launchd would refuse the list with an opaque
+// error; such a path is refused here with one that says what to do.
 std::string xmlText(std::string_view text)
 {
+    bool control = false;
+    for (char c : text) {
+        auto byte = static_cast<unsigned char>(c);
+        control = control || byte < 0x20 || byte == 0x7F;
+    }
+    if (control || !Utf8::isValid(text) || text.find("\xEF\xBF\xBE") != std::string_view::npos ||
+        text.find("\xEF\xBF\xBF") != std::string_view::npos) {
+        throw AgentManager::Error("A LaunchAgent cannot hold this path (it has control characters or is not UTF-8): " +
+                                  visible(text) + ". Move quillet-capture to a folder whose path has neither.");
+    }
     std::string escaped;
     escaped.reserve(text.size());
     for (char c : text) {
@@ -37,8 +70,9 @@ std::string label(const Paths::Layout& layout)
 
 } // namespace
 
-LaunchdAgentManager::LaunchdAgentManager(std::string launchctl)
-    : launchctl_(std::move(launchctl))
+LaunchdAgentManager::LaunchdAgentManager(std::string launchctl, runtime::Clock& clock)
+    : launchctl_(std::move(launchctl)),
+      clock_(clock)
 {
 }
 
@@ -91,14 +125,24 @@ std::string LaunchdAgentManager::definition(const std::string& executable) const
            "</plist>\n";
 }
 
+bool LaunchdAgentManager::labelLoaded(const std::string& name)
+{
+    return shell(launchctl_, {"print", domainTarget() + "/" + name}).status == 0;
+}
+
 bool LaunchdAgentManager::agentLoaded()
 {
-    return shell(launchctl_, {"print", domainTarget() + "/" + label(layout())}).status == 0;
+    return labelLoaded(label(layout()));
 }
 
 void LaunchdAgentManager::unload(const std::filesystem::path& definition)
 {
     shell(launchctl_, {"bootout", domainTarget(), definition.string()});
+    constexpr runtime::Clock::Seconds kPause{0.1};
+    auto deadline = clock_.now() + kBootoutWait;
+    while (labelLoaded(definition.stem().string()) && clock_.now() < deadline) {
+        clock_.sleep(kPause);
+    }
 }
 
 ShellResult LaunchdAgentManager::load(const std::filesystem::path& definition)

@@ -3,6 +3,7 @@
 #include "quillet_capture/config/Log.hpp"
 #include "quillet_capture/platform/Paths.hpp"
 #include "quillet_capture/platform/Process.hpp"
+#include "tests/support/FakeClock.hpp"
 #include "tests/support/LogLines.hpp"
 #include "tests/support/Scratch.hpp"
 
@@ -21,7 +22,8 @@ namespace fs = std::filesystem;
 
 // A stand-in for launchctl or systemctl: records each call as one line in "calls" beside
 // itself, fails the verbs listed in "fail" with a message, and answers "print"/"is-active"
-// with success only while a file "loaded" exists.
+// with success only while a file "loaded" exists. "bootout" removes that file; like launchd,
+// the fake may go on reporting the label for a few "print" calls afterwards ("lingering").
 struct FakeManager {
     test::ScratchDir dir;
     fs::path program = dir.path() / "manager";
@@ -37,7 +39,15 @@ struct FakeManager {
                                      "if [ -f \"$here/fail\" ] && grep -qx \"$verb\" \"$here/fail\"; then\n"
                                      "  echo \"Failed to $verb: boom\"; exit 5\n"
                                      "fi\n"
-                                     "case \"$verb\" in print|is-active) [ -f \"$here/loaded\" ] || exit 3;; esac\n"
+                                     "case \"$verb\" in\n"
+                                     "  bootout) rm -f \"$here/loaded\"; [ -f \"$here/linger\" ] && mv \"$here/linger\" "
+                                     "\"$here/lingering\";;\n"
+                                     "  print) if [ -s \"$here/lingering\" ] && [ \"$(cat \"$here/lingering\")\" -gt 0 ]; then\n"
+                                     "           echo $(($(cat \"$here/lingering\") - 1)) > \"$here/lingering\"; exit 0\n"
+                                     "         fi\n"
+                                     "         [ -f \"$here/loaded\" ] || exit 3;;\n"
+                                     "  is-active) [ -f \"$here/loaded\" ] || exit 3;;\n"
+                                     "esac\n"
                                      "exit 0\n");
         fs::permissions(program, fs::perms::owner_all);
     }
@@ -45,6 +55,8 @@ struct FakeManager {
     std::vector<std::string> calls() const { return test::readLines(dir.path() / "calls"); }
     void clearCalls() const { fs::remove(dir.path() / "calls"); }
     void failVerb(const std::string& verb) const { test::writeFile(dir.path() / "fail", verb + "\n"); }
+    // The next bootout leaves the label reported by this many "print" calls.
+    void lingerAfterBootout(int prints) const { test::writeFile(dir.path() / "linger", std::to_string(prints)); }
     void setLoaded(bool loaded) const
     {
         if (loaded) {
@@ -182,6 +194,7 @@ TEST_F(LaunchdTest, InstallWritesBootsOutAndBootstrapsAndCanBeRepeated)
         manager.install(program, printed.print());
         EXPECT_EQ(launchctl.calls(), (std::vector<std::string>{
                                          "bootout " + gui + " " + plist.string(),
+                                         "print " + gui + "/se.Brannick.quillet.capture",
                                          "bootstrap " + gui + " " + plist.string(),
                                      }));
         EXPECT_EQ(printed.lines, (std::vector<std::string>{
@@ -273,7 +286,8 @@ TEST_F(LaunchdTest, UninstallAlwaysSucceeds)
     EXPECT_EQ(printed.lines, (std::vector<std::string>{
                                  "Removed. Capture no longer starts at login. Settings and the Keychain token are kept.",
                              }));
-    EXPECT_EQ(launchctl.calls(), (std::vector<std::string>{"bootout " + gui + " " + plist.string()}));
+    EXPECT_EQ(launchctl.calls(), (std::vector<std::string>{"bootout " + gui + " " + plist.string(),
+                                                           "print " + gui + "/se.Brannick.quillet.capture"}));
 
     test::writeFile(plist, "<plist/>");
     test::writeFile(oldPlist, "<plist/>");
@@ -308,15 +322,16 @@ TEST_F(LaunchdTest, WithAgentStoppedStopsRunsTheBodyAndStartsWhatIsInstalled)
     launchctl.setLoaded(true);
     manager.withAgentStopped([&] { printed.lines.push_back("body"); }, printed.print());
     EXPECT_EQ(printed.lines, (Lines{"body", "The capture agent is not installed. Run: quillet-capture install"}));
-    EXPECT_EQ(launchctl.calls(), (Lines{print, bootout}));
+    EXPECT_EQ(launchctl.calls(), (Lines{print, bootout, print}));
 
     // Loaded: stopped around the body and started again.
     test::writeFile(plist, "<plist/>");
+    launchctl.setLoaded(true);
     launchctl.clearCalls();
     printed.lines.clear();
     manager.withAgentStopped(body, printed.print());
-    EXPECT_EQ(callsDuringBody, (Lines{print, bootout}));
-    EXPECT_EQ(launchctl.calls(), (Lines{print, bootout, bootstrap}));
+    EXPECT_EQ(callsDuringBody, (Lines{print, bootout, print}));
+    EXPECT_EQ(launchctl.calls(), (Lines{print, bootout, print, bootstrap}));
     EXPECT_TRUE(printed.lines.empty());
 
     // Installed but not loaded: the body runs and the agent is started afterwards.
@@ -336,6 +351,64 @@ TEST_F(LaunchdTest, WithAgentStoppedStopsRunsTheBodyAndStartsWhatIsInstalled)
     manager.withAgentStopped([] {}, printed.print());
     EXPECT_EQ(printed.lines,
               Lines{"Could not restart the agent: Failed to bootstrap: boom\n. Run: quillet-capture install"});
+}
+
+TEST_F(LaunchdTest, BootstrapWaitsUntilLaunchdHasLetGoOfTheLabel)
+{
+    const std::string print = "print " + gui + "/se.Brannick.quillet.capture";
+    const std::string bootout = "bootout " + gui + " " + plist.string();
+    const std::string bootstrap = "bootstrap " + gui + " " + plist.string();
+    using Lines = std::vector<std::string>;
+    test::FakeClock clock;
+    LaunchdAgentManager waiting(launchctl.program.string(), clock);
+
+    // launchd still reports the label for three looks after the bootout: bootstrap comes only
+    // once it no longer does, so a second install in a row works.
+    launchctl.setLoaded(true);
+    launchctl.lingerAfterBootout(3);
+    waiting.install("/opt/q/quillet-capture", printed.print());
+    EXPECT_EQ(launchctl.calls(), (Lines{bootout, print, print, print, print, bootstrap}));
+    EXPECT_EQ(clock.waits(), (std::vector<double>{0.1, 0.1, 0.1}));
+
+    // A label that never goes away: the wait ends after ten seconds and bootstrap says why.
+    launchctl.clearCalls();
+    launchctl.lingerAfterBootout(100000);
+    test::FakeClock stuckClock;
+    LaunchdAgentManager stuck(launchctl.program.string(), stuckClock);
+    stuck.install("/opt/q/quillet-capture", printed.print());
+    auto calls = launchctl.calls();
+    ASSERT_FALSE(calls.empty());
+    EXPECT_EQ(calls.back(), bootstrap);
+    auto waited = stuckClock.now() - test::FakeClock().now();
+    EXPECT_GE(waited, LaunchdAgentManager::kBootoutWait);
+    EXPECT_LT(waited, LaunchdAgentManager::kBootoutWait + std::chrono::seconds(1));
+    EXPECT_EQ(std::count(calls.begin(), calls.end(), print), static_cast<long>(stuckClock.waits().size()) + 1);
+}
+
+TEST_F(LaunchdTest, PathsThatAPropertyListCannotHoldAreRefusedBeforeAnythingIsWritten)
+{
+    auto refusal = [&](const std::string& program) -> std::string {
+        try {
+            manager.install(program, printed.print());
+        } catch (const AgentManager::Error& error) {
+            return error.what();
+        }
+        return "install accepted it";
+    };
+    const std::string prefix = "A LaunchAgent cannot hold this path (it has control characters or is not UTF-8): ";
+    const std::string advice = ". Move quillet-capture to a folder whose path has neither.";
+    EXPECT_EQ(refusal("/opt/q\nx/quillet-capture"), prefix + "/opt/q\\x0Ax/quillet-capture" + advice);
+    EXPECT_EQ(refusal("/opt/q\rx/quillet-capture"), prefix + "/opt/q\\x0Dx/quillet-capture" + advice);
+    EXPECT_EQ(refusal("/opt/q\tx/quillet-capture"), prefix + "/opt/q\\x09x/quillet-capture" + advice);
+    EXPECT_EQ(refusal("/opt/caf\xE9/quillet-capture"), prefix + "/opt/caf\\xE9/quillet-capture" + advice);
+    EXPECT_FALSE(fs::exists(plist));
+    EXPECT_FALSE(fs::exists(home.path() / "Library/Logs/quillet"));
+    EXPECT_TRUE(launchctl.calls().empty());
+
+    // Quotes, blanks and any other UTF-8 text are fine, as they are in XML.
+    EXPECT_NO_THROW(manager.install("/Users/ana/Program \"Files\"/caf\xC3\xA9 \xF0\x9F\x8E\x99/quillet-capture",
+                                    printed.print()));
+    EXPECT_NE(test::readFile(plist).find("caf\xC3\xA9 \xF0\x9F\x8E\x99"), std::string::npos);
 }
 
 // --- systemd -------------------------------------------------------------------------------
