@@ -7,7 +7,7 @@
 # QUILLET_MACOS_DEPS     a folder that holds only links to the headers of the libraries the
 #                        program uses, so that no header of the build machine's C library is seen
 # QUILLET_MACOS_SHIMS    a folder of frameworks that the SDK lacks (declarations only)
-# QUILLET_MACOS_CLANG    the clang++ to use (15 or later: the SDK's libc++ needs it)
+# QUILLET_MACOS_CLANG    the clang++ to use (17 or later, for the SDK's libc++ and availability macros)
 set(CMAKE_TRY_COMPILE_PLATFORM_VARIABLES
     QUILLET_MACOS_TARGET QUILLET_MACOS_SYSROOT QUILLET_MACOS_DEPS QUILLET_MACOS_SHIMS QUILLET_MACOS_CLANG)
 foreach(variable IN LISTS CMAKE_TRY_COMPILE_PLATFORM_VARIABLES)
