@@ -88,14 +88,14 @@ std::string State::explanation() const
     case Kind::denied:
         return "macOS is blocking quillet from reading the Voice Memos folder.\n"
                "\n"
-               "1. Click \u201cOpen Full Disk Access settings\u2026\u201d above.\n"
+               "1. Click \"Open Full Disk Access settings\u2026\" above.\n"
                "2. If quillet is already listed, switch it ON. If it is not listed, click + and choose quillet from "
                "Applications.\n"
-               "3. Click \u201cRestart quillet\u201d. macOS applies the grant only when an app starts, so nothing "
+               "3. Click \"Restart quillet\". macOS applies the grant only when an app starts, so nothing "
                "changes until it restarts.\n"
                "\n"
                "Still blocked afterwards? Remove quillet from the list with the \u2212 button, then add it again "
-               "with +. macOS ties the permission to the app\u2019s code signature, so a rebuilt or replaced copy of "
+               "with +. macOS ties the permission to the app's code signature, so a rebuilt or replaced copy of "
                "the app is treated as a different app and needs re-granting.";
     case Kind::missing:
         return "The Voice Memos folder does not exist on this Mac. That is normal if Voice Memos has never been "

@@ -90,19 +90,19 @@ TEST(CaptureAccessState, PropertiesSummariesAndExplanations)
               "here. quillet will pick it up automatically once the folder appears.");
     EXPECT_EQ(State::notConfigured().explanation(), "Voice Memos capture is switched off in Settings.");
 
-    // Written with explicit UTF-8 bytes: curly quotes E2 80 9C/9D, ellipsis E2 80 A6, minus
-    // sign E2 88 92, apostrophe E2 80 99.
+    // Written with explicit UTF-8 bytes: ellipsis E2 80 A6, minus sign E2 88 92; the quotation
+    // marks and the apostrophe are the plain ASCII ones.
     const std::string denied =
         "macOS is blocking quillet from reading the Voice Memos folder.\n"
         "\n"
-        "1. Click \xE2\x80\x9COpen Full Disk Access settings\xE2\x80\xA6\xE2\x80\x9D above.\n"
+        "1. Click \"Open Full Disk Access settings\xE2\x80\xA6\" above.\n"
         "2. If quillet is already listed, switch it ON. If it is not listed, click + and choose quillet from "
         "Applications.\n"
-        "3. Click \xE2\x80\x9CRestart quillet\xE2\x80\x9D. macOS applies the grant only when an app starts, so "
+        "3. Click \"Restart quillet\". macOS applies the grant only when an app starts, so "
         "nothing changes until it restarts.\n"
         "\n"
         "Still blocked afterwards? Remove quillet from the list with the \xE2\x88\x92 button, then add it again with "
-        "+. macOS ties the permission to the app\xE2\x80\x99s code signature, so a rebuilt or replaced copy of the app "
+        "+. macOS ties the permission to the app's code signature, so a rebuilt or replaced copy of the app "
         "is treated as a different app and needs re-granting.";
     EXPECT_EQ(State::denied().explanation(), denied);
 }
