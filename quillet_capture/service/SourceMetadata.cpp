@@ -2,8 +2,6 @@
 
 #include "quillet_capture/service/JsonDecoding.hpp"
 
-#include <algorithm>
-
 namespace quillet {
 
 namespace {
@@ -31,14 +29,13 @@ SourceListResponse SourceListResponse::decode(std::string_view body)
     JsonDecoding::Document document(body);
     JsonDecoding::Object page(document);
     SourceListResponse response;
-    response.count = page.requiredInt("count");
-    response.has_more = page.requiredBool("has_more");
-    response.next_cursor = page.optionalString("next_cursor");
-    // The page's count of files, within reason, saves growing the list item by item.
-    response.files.reserve(static_cast<std::size_t>(std::clamp<std::int64_t>(response.count, 0, 1000)));
+    // In the page's order of fields, so that of two bad fields the first one is reported.
     page.forEachObject("files", [&response](const JsonDecoding::Object& item) {
         response.files.push_back(decodeItem(item));
     });
+    response.count = page.requiredInt("count");
+    response.has_more = page.requiredBool("has_more");
+    response.next_cursor = page.optionalString("next_cursor");
     return response;
 }
 

@@ -69,6 +69,30 @@ TEST(JsonDecoding, EachFailureHasItsKindAndThePathToTheValue)
               R"(typeMismatch(codingPath: [], debugDescription: "Expected to decode a dictionary but found array."))");
 }
 
+TEST(JsonDecoding, OfSeveralBadFieldsThePageReportsTheFirstInItsOrder)
+{
+    // files, count, has_more, next_cursor: each case breaks one field and every field after it.
+    auto path = [](std::string_view body) {
+        std::string description = failure(body).second;
+        return description.substr(0, description.find(']') + 1);
+    };
+    EXPECT_EQ(path(R"({"files": {}})"), R"(typeMismatch(codingPath: ["files"])");
+    EXPECT_EQ(path(R"({"files": [{}], "count": "x"})"), R"(keyNotFound(codingPath: ["files", Index 0])");
+    EXPECT_EQ(path(R"({"files": [], "count": "x"})"), R"(typeMismatch(codingPath: ["count"])");
+    EXPECT_EQ(path(R"({"files": [], "count": 1, "has_more": "x", "next_cursor": 5})"),
+              R"(typeMismatch(codingPath: ["has_more"])");
+    EXPECT_EQ(path(R"({"files": [], "count": 1, "has_more": true, "next_cursor": 5})"),
+              R"(typeMismatch(codingPath: ["next_cursor"])");
+    // What a user reads: a malformed list of files is "not in the correct format", even with
+    // the count missing as well.
+    try {
+        SourceListResponse::decode(R"({"files": "none"})");
+        ADD_FAILURE() << "decoded";
+    } catch (const DecodeError& error) {
+        EXPECT_STREQ(error.what(), "The data couldn\u2019t be read because it isn\u2019t in the correct format.");
+    }
+}
+
 TEST(JsonDecoding, TextThatIsNotJsonIsCorruptedData)
 {
     using namespace std::string_view_literals;
