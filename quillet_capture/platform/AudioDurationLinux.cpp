@@ -28,11 +28,11 @@ std::optional<double> read(const std::filesystem::path& file)
 {
     static const auto durationMilliseconds =
         tagLibModule().function<long (*)(const char*)>("quillet_audio_duration_ms");
-    // TagLib reports 0 both for a file it recognises by name but cannot read (a text file
-    // called .wav) and for a length it could not work out. Neither is a measured duration, and
-    // reading it as one would throw a real recording away as too short.
+    // A file TagLib recognises by name but cannot read (a text file called .wav), or whose
+    // length it could not work out, has no measured duration: reading it as 0 would throw a
+    // real recording away as too short. A length of 0 with the audio's format read is one.
     long milliseconds = durationMilliseconds(file.c_str());
-    if (milliseconds <= 0) {
+    if (milliseconds < 0) {
         return std::nullopt;
     }
     return milliseconds / 1000.0;

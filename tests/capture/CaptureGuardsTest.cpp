@@ -314,6 +314,11 @@ TEST(DefaultProbes, DurationOfRealAudioFiles)
     ASSERT_TRUE(m4a);
     EXPECT_NEAR(*m4a, 1.5, 0.1);
 
+    // A well-formed header with no audio after it: a measured duration of 0, not an unknown one.
+    auto empty = dir.path() / "empty.wav";
+    writeWav(empty, 8000, 0);
+    EXPECT_EQ(defaultDuration(empty), 0.0);
+
     test::writeFile(dir.path() / "text.wav", "this is not audio\n");
     EXPECT_EQ(defaultDuration(dir.path() / "text.wav"), std::nullopt);
     EXPECT_EQ(defaultDuration(dir.path() / "missing.wav"), std::nullopt);
@@ -329,6 +334,10 @@ TEST(DefaultProbes, EvaluateRealRecordingsWithoutSleeping)
     writeWav(shortWav, 8000, 2400);
     EXPECT_EQ(evaluate(shortWav, now, {}, clock), Verdict::skip("audio too short (0.30s < 0.50s)"));
     EXPECT_EQ(clock.waits(), std::vector<double>{2.0});
+
+    auto emptyWav = dir.path() / "empty.wav";
+    writeWav(emptyWav, 8000, 0);
+    EXPECT_EQ(evaluate(emptyWav, now, {}, clock), Verdict::skip("audio too short (0.00s < 0.50s)"));
 
     auto longWav = dir.path() / "long.wav";
     writeWav(longWav, 8000, 10000);
