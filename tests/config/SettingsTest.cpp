@@ -1,4 +1,5 @@
 #include "quillet_capture/config/Settings.hpp"
+#include "quillet_capture/platform/Paths.hpp"
 
 #include "tests/support/Scratch.hpp"
 
@@ -16,7 +17,7 @@ using nlohmann::json;
 // Every test gets its own home, and the shared store is pointed at it afresh.
 struct SettingsTest : ::testing::Test {
     test::ScratchHome home;
-    fs::path file = home.path() / ".config/quillet/settings.json";
+    fs::path file = Paths::settingsFile();
     Settings& store = Settings::shared();
 
     SettingsTest() { store.resetToDefaults(); }
@@ -324,8 +325,8 @@ TEST_F(SettingsTest, AFileThatCannotBeReadOrWrittenIsSilent)
     EXPECT_TRUE(fs::is_directory(file));
 
     // A folder on the way that cannot be made.
-    fs::remove_all(home.path() / ".config");
-    test::writeFile(home.path() / ".config", "a file where the folder should be");
+    fs::remove_all(file.parent_path());
+    test::writeFile(file.parent_path(), "a file where the folder should be");
     store.reload();
     store.save();
     EXPECT_TRUE(store.isFirstRun());

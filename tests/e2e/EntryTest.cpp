@@ -1,4 +1,5 @@
 #include "quillet_capture/cli/Console.hpp"
+#include "quillet_capture/platform/Paths.hpp"
 
 #include "tests/support/LogLines.hpp"
 #include "tests/support/Scratch.hpp"
@@ -48,7 +49,7 @@ TEST(EntryTest, RunWithoutSettingsOrAnEnabledFolderLogsTwoLinesAndFails)
         SCOPED_TRACE(c.settings.value_or("no settings"));
         test::ScratchHome home;
         if (c.settings) {
-            test::writeFile(home.path() / ".config/quillet/settings.json", *c.settings);
+            test::writeFile(Paths::settingsFile(), *c.settings);
         }
         auto result = test::runProcess(test::programPath(), {"run"});
         EXPECT_EQ(result.status, 1);

@@ -1,3 +1,5 @@
+#include "quillet_capture/platform/Paths.hpp"
+
 #include "tests/support/Scratch.hpp"
 
 #include <gtest/gtest.h>
@@ -14,7 +16,7 @@ using nlohmann::json;
 struct SetupTest : ::testing::Test {
     test::ScratchHome home;
     const std::string h = home.path().string();
-    const fs::path settingsFile = home.path() / ".config/quillet/settings.json";
+    const fs::path settingsFile = Paths::settingsFile();
     const std::string voiceMemos = h + "/Library/Group Containers/group.com.apple.VoiceMemos.shared/Recordings";
 
     test::ProcessResult setup(std::vector<std::string> options = {})
@@ -154,8 +156,8 @@ TEST_F(SetupTest, FoldersThatCannotBeWritten)
     EXPECT_EQ(result.errors, "--vault needs a folder\n");
 
     // Settings that cannot be saved still give the summary.
-    fs::remove_all(home.path() / ".config");
-    test::writeFile(home.path() / ".config", "a file where the folder should be");
+    fs::remove_all(settingsFile.parent_path());
+    test::writeFile(settingsFile.parent_path(), "a file where the folder should be");
     result = setup({"--vault", h + "/v"});
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(result.output, summary(h + "/v"));

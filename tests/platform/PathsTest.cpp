@@ -82,7 +82,9 @@ TEST(Paths, TildeExpansion)
     EXPECT_EQ(Paths::expandTilde("/abs/~/x"), "/abs/~/x");
     EXPECT_EQ(Paths::expandTilde("~other/x"), "~other/x");
     EXPECT_EQ(Paths::expandTilde(""), "");
-    EXPECT_EQ(Paths::settingsFile(), home.path() / ".config/quillet/settings.json");
+    EXPECT_EQ(Paths::settingsFile(), Paths::current() == Platform::macOS
+                                         ? home.path() / "Library/Application Support/quillet/settings.json"
+                                         : home.path() / ".config/quillet/settings.json");
 }
 
 } // namespace

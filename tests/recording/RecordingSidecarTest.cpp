@@ -1,3 +1,4 @@
+#include "quillet_capture/platform/Paths.hpp"
 #include "quillet_capture/recording/AudioOutputKind.hpp"
 #include "quillet_capture/recording/EchoCancellationMode.hpp"
 #include "quillet_capture/recording/RecordingConstants.hpp"
@@ -65,8 +66,11 @@ TEST(RecordingEnums, RawValuesAndNames)
 TEST(RecordingPaths, LiveUnderTheRecordingsRoot)
 {
     test::ScratchHome home;
-    EXPECT_EQ(RecordingPaths::root(), home.path() / ".local/share/quillet/Recordings");
-    EXPECT_EQ(RecordingPaths::workFolder("240501-093000"), home.path() / ".local/share/quillet/Recordings/240501-093000");
+    const std::filesystem::path root = Paths::current() == Platform::macOS
+                              ? home.path() / "Library/Application Support/quillet/Recordings"
+                              : home.path() / ".local/share/quillet/Recordings";
+    EXPECT_EQ(RecordingPaths::root(), root);
+    EXPECT_EQ(RecordingPaths::workFolder("240501-093000"), root / "240501-093000");
     EXPECT_EQ(RecordingPaths::sidecarFile("240501-093000").parent_path(), RecordingPaths::workFolder("240501-093000"));
 }
 

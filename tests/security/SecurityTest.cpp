@@ -18,8 +18,12 @@
 
 #include <nlohmann/json.hpp>
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <filesystem>
 #include <future>
 #include <regex>
@@ -355,7 +359,7 @@ TEST(Security, HostileFileNamesCannotLeaveTheInboxOrReachACommand)
     ASSERT_TRUE(agent.startAndWait());
 
     const std::string& fixture = agent.fixture();
-    const std::vector<std::string> hostile = {
+    std::vector<std::string> hostile = {
         "-rf --no-preserve-root.m4a",
         "--help.wav",
         "line\nbreak\n[quillet] capture-cli: paired (tok_forged).m4a",
@@ -368,6 +372,14 @@ TEST(Security, HostileFileNamesCannotLeaveTheInboxOrReachACommand)
         "not utf8 \xff\xfe.m4a",
         std::string(250, 'x') + ".m4a",
     };
+    // APFS refuses a name that is not UTF-8 (EILSEQ): there no such file can reach the agent.
+    const std::string notUtf8 = "not utf8 \xff\xfe.m4a";
+    if (int probe = ::open((agent.home() / notUtf8).c_str(), O_WRONLY | O_CREAT | O_EXCL, 0600); probe >= 0) {
+        ::close(probe);
+        fs::remove(agent.home() / notUtf8);
+    } else if (errno == EILSEQ) {
+        hostile.erase(std::find(hostile.begin(), hostile.end(), notUtf8));
+    }
     // Each copy ends with the number of the name it was captured from.
     auto tagOf = [](const std::string& bytes) { return bytes.substr(bytes.rfind("hostile ")); };
     std::set<std::string> contents;
