@@ -33,6 +33,17 @@ inline void check(bool ok, const char* what)
     }
 }
 
+/// The peak resident size in a `rusage` (from getrusage or wait4), in KiB: the field counts
+/// KiB on Linux and bytes on macOS.
+inline long peakKiB(const rusage& usage)
+{
+#if defined(__APPLE__)
+    return usage.ru_maxrss / 1024;
+#else
+    return usage.ru_maxrss;
+#endif
+}
+
 inline double median(std::vector<double> values)
 {
     std::sort(values.begin(), values.end());
@@ -99,12 +110,7 @@ inline Spawned spawnAndWait(const std::vector<std::string>& arguments)
     posix_spawn_file_actions_destroy(&actions);
     auto seconds = [](const timeval& t) { return static_cast<double>(t.tv_sec) + t.tv_usec / 1e6; };
     run.cpuSeconds = seconds(usage.ru_utime) + seconds(usage.ru_stime);
-    // ru_maxrss is in KiB on Linux, in bytes on macOS.
-#if defined(__APPLE__)
-    run.peakKiB = usage.ru_maxrss / 1024;
-#else
-    run.peakKiB = usage.ru_maxrss;
-#endif
+    run.peakKiB = peakKiB(usage);
     run.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     return run;
 }

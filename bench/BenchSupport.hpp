@@ -1,6 +1,6 @@
 // Shared pieces of the pipeline benchmarks: a fake Veldane service in a child process (so that
 // its threads and memory are not counted as the program's), a scratch home with a stored
-// token, and readings of /proc.
+// token, and what the system reports of a process (/proc on Linux, libproc on macOS).
 #pragma once
 
 #include "bench/BenchCommon.hpp"
@@ -10,6 +10,11 @@
 
 #include <signal.h>
 #include <sys/wait.h>
+#if defined(__APPLE__)
+#include <libproc.h>
+#include <mach/mach_time.h>
+#include <sys/resource.h>
+#endif
 #include <time.h>
 #include <unistd.h>
 
@@ -21,6 +26,7 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -100,8 +106,52 @@ private:
     int port_;
 };
 
+/// What the system reports of a running process ("self" or a process id). Nothing when it
+/// cannot be read, so that a benchmark fails instead of passing on zeros.
+struct ProcessReading {
+    double residentMiB = 0;
+    /// Linux: the resident high-water mark; macOS: the largest physical footprint, the nearest
+    /// figure that the system keeps.
+    double peakMiB = 0;
+    int threads = 0;
+    /// CPU time of the process (Linux: of its living threads, to the nanosecond).
+    double cpuSeconds = 0;
+    /// Linux only: the resident memory that is the program's own, the mapped files, and the
+    /// proportional share (smaps_rollup's Pss).
+    std::optional<double> anonymousMiB;
+    std::optional<double> fileMiB;
+    std::optional<double> proportionalMiB;
+};
+
+#if defined(__APPLE__)
+
+inline std::optional<ProcessReading> readProcess(const std::string& pid = "self")
+{
+    pid_t id = pid == "self" ? ::getpid() : static_cast<pid_t>(std::atol(pid.c_str()));
+    proc_taskinfo task{};
+    if (::proc_pidinfo(id, PROC_PIDTASKINFO, 0, &task, sizeof task) != static_cast<int>(sizeof task)) {
+        return std::nullopt;
+    }
+    rusage_info_v4 usage{};
+    if (::proc_pid_rusage(id, RUSAGE_INFO_V4, reinterpret_cast<rusage_info_t*>(&usage)) != 0) {
+        return std::nullopt;
+    }
+    // The task's times are in Mach absolute time units, which are not nanoseconds on Apple silicon.
+    mach_timebase_info_data_t timebase{};
+    ::mach_timebase_info(&timebase);
+    double units = static_cast<double>(task.pti_total_user + task.pti_total_system);
+    ProcessReading reading;
+    reading.residentMiB = static_cast<double>(task.pti_resident_size) / (1024.0 * 1024.0);
+    reading.peakMiB = static_cast<double>(usage.ri_lifetime_max_phys_footprint) / (1024.0 * 1024.0);
+    reading.threads = task.pti_threadnum;
+    reading.cpuSeconds = units * timebase.numer / timebase.denom / 1e9;
+    return reading;
+}
+
+#else
+
 /// The "Key: value" lines of /proc/<pid>/status ("self" for this process).
-inline std::map<std::string, std::string> procStatus(const std::string& pid = "self")
+inline std::map<std::string, std::string> procStatus(const std::string& pid)
 {
     std::map<std::string, std::string> values;
     std::ifstream in("/proc/" + pid + "/status");
@@ -117,55 +167,8 @@ inline std::map<std::string, std::string> procStatus(const std::string& pid = "s
     return values;
 }
 
-/// A /proc status value in kB ("VmRSS", "VmHWM") as MiB.
-inline double mebibytes(const std::map<std::string, std::string>& status, const std::string& key)
-{
-    auto found = status.find(key);
-    return found == status.end() ? 0 : std::atof(found->second.c_str()) / 1024.0;
-}
-
-inline int threads(const std::map<std::string, std::string>& status)
-{
-    auto found = status.find("Threads");
-    return found == status.end() ? 0 : std::atoi(found->second.c_str());
-}
-
-/// User plus system CPU seconds of a process, from /proc/<pid>/stat.
-inline double cpuSeconds(const std::string& pid)
-{
-    std::ifstream in("/proc/" + pid + "/stat");
-    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    // The command name may hold blanks; the fields start after its closing parenthesis.
-    std::istringstream fields(text.substr(text.rfind(')') + 2));
-    std::string field;
-    double ticks = 0;
-    for (int index = 3; fields >> field; ++index) {
-        if (index == 14 || index == 15) {
-            ticks += std::atof(field.c_str());
-        }
-    }
-    return ticks / static_cast<double>(::sysconf(_SC_CLK_TCK));
-}
-
-/// CPU seconds run by all threads of a process, from /proc/<pid>/task/*/schedstat (nanosecond
-/// resolution, where /proc/<pid>/stat counts clock ticks of 10 ms). Threads that have ended
-/// are not counted.
-inline double scheduledSeconds(const std::string& pid)
-{
-    double total = 0;
-    std::error_code error;
-    for (const auto& task : fs::directory_iterator("/proc/" + pid + "/task", error)) {
-        std::ifstream in(task.path() / "schedstat");
-        double nanoseconds = 0;
-        if (in >> nanoseconds) {
-            total += nanoseconds / 1e9;
-        }
-    }
-    return total;
-}
-
 /// A value in kB of /proc/<pid>/smaps_rollup ("Pss", "Pss_Anon") as MiB.
-inline double rollupMebibytes(const std::string& pid, const std::string& key)
+inline std::optional<double> rollupMebibytes(const std::string& pid, const std::string& key)
 {
     std::ifstream in("/proc/" + pid + "/smaps_rollup");
     for (std::string line; std::getline(in, line);) {
@@ -173,7 +176,60 @@ inline double rollupMebibytes(const std::string& pid, const std::string& key)
             return std::atof(line.c_str() + key.size() + 1) / 1024.0;
         }
     }
-    return 0;
+    return std::nullopt;
+}
+
+/// CPU seconds run by the living threads of a process, from /proc/<pid>/task/*/schedstat
+/// (nanosecond resolution, where /proc/<pid>/stat counts clock ticks of 10 ms).
+inline std::optional<double> scheduledSeconds(const std::string& pid)
+{
+    double total = 0;
+    std::error_code error;
+    bool any = false;
+    for (const auto& task : fs::directory_iterator("/proc/" + pid + "/task", error)) {
+        std::ifstream in(task.path() / "schedstat");
+        double nanoseconds = 0;
+        if (in >> nanoseconds) {
+            total += nanoseconds / 1e9;
+            any = true;
+        }
+    }
+    return any ? std::optional<double>(total) : std::nullopt;
+}
+
+inline std::optional<ProcessReading> readProcess(const std::string& pid = "self")
+{
+    auto status = procStatus(pid);
+    auto kibibytes = [&status](const std::string& key) -> std::optional<double> {
+        auto found = status.find(key);
+        return found == status.end() ? std::nullopt : std::optional<double>(std::atof(found->second.c_str()) / 1024.0);
+    };
+    auto resident = kibibytes("VmRSS");
+    auto peak = kibibytes("VmHWM");
+    auto threads = status.find("Threads");
+    auto cpu = scheduledSeconds(pid);
+    if (!resident || !peak || threads == status.end() || !cpu) {
+        return std::nullopt;
+    }
+    ProcessReading reading;
+    reading.residentMiB = *resident;
+    reading.peakMiB = *peak;
+    reading.threads = std::atoi(threads->second.c_str());
+    reading.cpuSeconds = *cpu;
+    reading.anonymousMiB = kibibytes("RssAnon");
+    reading.fileMiB = kibibytes("RssFile");
+    reading.proportionalMiB = rollupMebibytes(pid, "Pss");
+    return reading;
+}
+
+#endif
+
+/// `readProcess`, or the end of the benchmark with a failure when the system tells nothing.
+inline ProcessReading measure(const std::string& pid = "self")
+{
+    auto reading = readProcess(pid);
+    check(reading.has_value(), ("reading process " + pid + " (unmeasured)").c_str());
+    return *reading;
 }
 
 /// CPU time of the calling thread, in seconds.

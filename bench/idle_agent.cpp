@@ -1,7 +1,7 @@
 // The agent at rest: the built program's `run` in a scratch home whose Voice Memos folder holds
 // 1,000 old recordings (indexed at the start, never captured) and nothing new arrives. After
-// 60 seconds its resident memory and threads are read from /proc/<pid>/status, and its CPU
-// time over that minute from /proc/<pid>/stat. Baseline: the peak memory of the same program
+// 60 seconds its resident memory, threads and CPU time over that minute are read from the
+// system (/proc on Linux, libproc on macOS). Baseline: the peak memory of the same program
 // running `version` (the libraries and start-up alone).
 // Budget: at most 8 MB resident and at most 8 threads; the CPU time is printed.
 //
@@ -73,7 +73,7 @@ int main(int argc, char** argv)
     int status = 0;
     rusage usage{};
     bench::check(::wait4(version, &status, 0, &usage) == version, "wait4");
-    double versionPeak = static_cast<double>(usage.ru_maxrss) / 1024.0;
+    double versionPeak = static_cast<double>(bench::peakKiB(usage)) / 1024.0;
 
     pid_t agent = spawnProgram("run");
     std::string pid = std::to_string(agent);
@@ -81,31 +81,27 @@ int main(int argc, char** argv)
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }
     bench::check(logHas("initial index complete (1000 existing files marked seen)"), "agent indexed the folder");
-    double cpuStart = bench::cpuSeconds(pid);
-    double runStart = bench::scheduledSeconds(pid);
+    auto before = bench::measure(pid);
     std::this_thread::sleep_for(std::chrono::seconds(seconds));
-    double cpuEnd = bench::cpuSeconds(pid);
-    double runEnd = bench::scheduledSeconds(pid);
-    auto proc = bench::procStatus(pid);
-    double pss = bench::rollupMebibytes(pid, "Pss");
+    auto after = bench::measure(pid);
     ::kill(agent, SIGTERM);
     ::waitpid(agent, &status, 0);
 
-    double rss = bench::mebibytes(proc, "VmRSS");
-    double peak = bench::mebibytes(proc, "VmHWM");
-    int threads = bench::threads(proc);
+    double rss = after.residentMiB;
+    int threads = after.threads;
+    double cpu = after.cpuSeconds - before.cpuSeconds;
     std::printf("idle agent after %d s, 1,000 files watched: resident %.1f MiB (peak %.1f MiB), `version` peak %.1f "
                 "MiB, ratio %.2f (budget at most 8 MiB) %s\n",
-                seconds, rss, peak, versionPeak, rss / versionPeak, bench::verdict(rss <= 8.0));
-    std::printf("  of which anonymous (the program's own) %.1f MiB, file-backed (mapped libraries and program) %.1f "
-                "MiB; proportional share %.1f MiB\n",
-                bench::mebibytes(proc, "RssAnon"), bench::mebibytes(proc, "RssFile"), pss);
+                seconds, rss, after.peakMiB, versionPeak, rss / versionPeak, bench::verdict(rss <= 8.0));
+    if (after.anonymousMiB && after.fileMiB && after.proportionalMiB) {
+        std::printf("  of which anonymous (the program's own) %.1f MiB, file-backed (mapped libraries and program) "
+                    "%.1f MiB; proportional share %.1f MiB\n",
+                    *after.anonymousMiB, *after.fileMiB, *after.proportionalMiB);
+    }
     std::printf("idle agent threads %d, `version` 1, ratio %.2f (budget at most 8) %s\n", threads,
                 static_cast<double>(threads), bench::verdict(threads <= 8));
-    std::printf("idle agent CPU over %d s: %.1f ms scheduled (%.4f%% of one core), %.2f s in clock ticks; exit status "
-                "after SIGTERM %d\n",
-                seconds, (runEnd - runStart) * 1000, 100.0 * (runEnd - runStart) / seconds, cpuEnd - cpuStart,
-                WIFEXITED(status) ? WEXITSTATUS(status) : -1);
+    std::printf("idle agent CPU over %d s: %.1f ms (%.4f%% of one core); exit status after SIGTERM %d\n", seconds,
+                cpu * 1000, 100.0 * cpu / seconds, WIFEXITED(status) ? WEXITSTATUS(status) : -1);
 
     std::error_code ignored;
     fs::remove_all(home, ignored);

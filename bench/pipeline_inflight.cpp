@@ -1,9 +1,9 @@
 // 1,000 captures in flight: each new recording is copied, noted, uploaded and then polled
 // against a service that keeps answering "processing", with the real clock (5 s between polls
 // during the first minute). Once every capture has been uploaded and has polled a few times, the
-// process's threads and memory are read from /proc/self/status and compared with the same
-// process holding a single capture in flight.
-// Budget: at most 16 threads and at most 64 MB resident (peak, VmHWM) with 1,000 in flight.
+// process's threads and memory are read from the system (/proc on Linux, libproc on macOS) and
+// compared with the same process holding a single capture in flight.
+// Budget: at most 16 threads and at most 64 MB resident (peak) with 1,000 in flight.
 //
 // Usage: bench_pipeline_inflight [captures]   (default 1000)
 
@@ -79,7 +79,7 @@ int main(int argc, char** argv)
     runtime::spawn(pipeline.handle(newRecording(recordings, 0)));
     bench::check(waitFor([] { return sent.load() == 1; }, 60s), "first upload");
     std::this_thread::sleep_for(6s);
-    auto one = bench::procStatus();
+    auto one = bench::measure();
 
     auto started = std::chrono::steady_clock::now();
     for (int i = 1; i < captures; ++i) {
@@ -94,15 +94,15 @@ int main(int argc, char** argv)
     double uploading = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
     // Every capture polls at least twice more.
     std::this_thread::sleep_for(11s);
-    auto many = bench::procStatus();
+    auto many = bench::measure();
     int inFlight = pipeline.tasksInFlight();
 
-    int threadsOne = bench::threads(one);
-    int threadsMany = bench::threads(many);
-    double rssOne = bench::mebibytes(one, "VmRSS");
-    double rssMany = bench::mebibytes(many, "VmRSS");
-    double peakOne = bench::mebibytes(one, "VmHWM");
-    double peakMany = bench::mebibytes(many, "VmHWM");
+    int threadsOne = one.threads;
+    int threadsMany = many.threads;
+    double rssOne = one.residentMiB;
+    double rssMany = many.residentMiB;
+    double peakOne = one.peakMiB;
+    double peakMany = many.peakMiB;
     std::printf("in flight: %d captures polling (all %d uploaded in %.1f s)\n", inFlight, captures, uploading);
     std::printf("threads with %d in flight %d, with 1 in flight %d, ratio %.2f (budget at most 16) %s\n", captures,
                 threadsMany, threadsOne, static_cast<double>(threadsMany) / threadsOne,
