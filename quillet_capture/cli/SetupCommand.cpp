@@ -39,16 +39,21 @@ std::string chooseVault(const std::vector<std::string>& arguments)
 }
 
 // Every "--watch <folder>", in order; a second mention of the same folder (by id, so "~/x"
-// and its absolute form are one folder) is dropped.
+// and its absolute form are one folder, or by resolved path, so "x/", "x/." and a link to x
+// are too) is dropped, and so is the Voice Memos folder, which is watched anyway.
 std::vector<WatchedFolder> watchOptions(const std::vector<std::string>& arguments)
 {
     std::vector<WatchedFolder> folders;
+    auto voiceMemos = WatchedFolder::voiceMemos(true).resolvedURL();
     for (size_t i = 0; i + 1 < arguments.size(); ++i) {
         if (arguments[i] != "--watch") {
             continue;
         }
         auto folder = WatchedFolder::generic(arguments[++i]);
-        bool known = std::any_of(folders.begin(), folders.end(), [&](const auto& f) { return f.id == folder.id; });
+        auto resolved = folder.resolvedURL();
+        bool known = resolved == voiceMemos || std::any_of(folders.begin(), folders.end(), [&](const auto& f) {
+                         return f.id == folder.id || f.resolvedURL() == resolved;
+                     });
         if (!known) {
             folders.push_back(std::move(folder));
         }

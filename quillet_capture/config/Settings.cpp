@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <array>
+#include <filesystem>
 
 namespace quillet {
 
@@ -375,8 +376,9 @@ std::vector<WatchedFolder> Settings::watchedFolders() const
 std::vector<WatchedFolder> Settings::enabledWatchedFolders() const
 {
     std::vector<WatchedFolder> result;
+    std::set<std::filesystem::path> resolved;
     for (auto& folder : watchedFolders()) {
-        if (folder.enabled) {
+        if (folder.enabled && resolved.insert(folder.resolvedURL()).second) {
             result.push_back(std::move(folder));
         }
     }

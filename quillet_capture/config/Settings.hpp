@@ -117,7 +117,8 @@ public:
     /// The stored folders when present and not empty; otherwise the Voice Memos folder alone,
     /// enabled as `captureVoiceMemosEnabled()` says.
     std::vector<WatchedFolder> watchedFolders() const;
-    /// The enabled elements of `watchedFolders()`, in order.
+    /// The enabled elements of `watchedFolders()`, in order; an entry whose resolved URL is an
+    /// earlier enabled entry's is left out, so that no folder is watched twice.
     std::vector<WatchedFolder> enabledWatchedFolders() const;
 
     /// True when `fileName` matches one of `excludeFilePatterns()` as a shell wildcard

@@ -61,6 +61,21 @@ std::filesystem::path WatchedFolder::url() const
     return Paths::expandTilde(path);
 }
 
+std::filesystem::path WatchedFolder::resolvedURL() const
+{
+    std::error_code error;
+    auto resolved = std::filesystem::weakly_canonical(url(), error);
+    if (error) {
+        resolved = url();
+    }
+    resolved = resolved.lexically_normal();
+    // "/a/b/" and "/a/b" name one folder; only the root keeps its separator.
+    if (!resolved.has_filename() && resolved.has_parent_path() && resolved != resolved.root_path()) {
+        resolved = resolved.parent_path();
+    }
+    return resolved;
+}
+
 std::set<std::string> WatchedFolder::effectiveExtensions() const
 {
     return lowerCasedSet(extensions);

@@ -43,6 +43,10 @@ struct WatchedFolder {
     /// `path` says), otherwise `path` with a leading tilde expanded.
     std::filesystem::path url() const;
 
+    /// `url()` with symbolic links, "." and ".." resolved as far as the folder exists and no
+    /// trailing separator: two entries with the same resolved URL are one folder on disk.
+    std::filesystem::path resolvedURL() const;
+
     /// `extensions` lower-cased, as a set.
     std::set<std::string> effectiveExtensions() const;
 

@@ -325,8 +325,9 @@ TEST_F(SettingsTest, AFileThatCannotBeReadOrWrittenIsSilent)
     EXPECT_TRUE(fs::is_directory(file));
 
     // A folder on the way that cannot be made.
-    fs::remove_all(file.parent_path());
-    test::writeFile(file.parent_path(), "a file where the folder should be");
+    // (~/.config on Linux, ~/Library/Application Support on macOS)
+    fs::remove_all(file.parent_path().parent_path());
+    test::writeFile(file.parent_path().parent_path(), "a file where the folder should be");
     store.reload();
     store.save();
     EXPECT_TRUE(store.isFirstRun());
@@ -347,6 +348,32 @@ TEST_F(SettingsTest, SetWatchedFoldersCopiesTheVoiceMemosSwitchAndSaves)
     store.setWatchedFolders({phone});
     EXPECT_FALSE(store.captureVoiceMemosEnabled()); // no Voice Memos entry: the switch stays
     EXPECT_EQ(store.enabledWatchedFolders(), std::vector{phone});
+}
+
+TEST_F(SettingsTest, AFolderListedTwiceIsWatchedOnce)
+{
+    fs::path synced = home.path() / "Synced";
+    fs::create_directories(synced);
+    fs::create_symlink(synced, home.path() / "link");
+    auto disabled = WatchedFolder::generic(synced.string() + "/../Synced");
+    disabled.enabled = false;
+    store.settings.watchedFoldersRaw = std::vector<WatchedFolder>{
+        disabled,
+        WatchedFolder::voiceMemos(true),
+        WatchedFolder::generic(synced.string() + "/"),
+        WatchedFolder::generic(synced.string()),
+        WatchedFolder::generic(synced.string() + "/."),
+        WatchedFolder::generic((home.path() / "link").string()),
+        WatchedFolder::generic("~/Synced"),
+        WatchedFolder::generic("~/Elsewhere/"),
+        WatchedFolder::generic("~/Elsewhere"),
+    };
+    auto enabled = store.enabledWatchedFolders();
+    ASSERT_EQ(enabled.size(), 3u);
+    EXPECT_TRUE(enabled[0].isVoiceMemos());
+    EXPECT_EQ(enabled[1].path, synced.string() + "/"); // the first mention, as written
+    EXPECT_EQ(enabled[2].path, "~/Elsewhere/");         // one that does not exist yet
+    EXPECT_EQ(store.watchedFolders().size(), 9u);       // the stored list is left as it is
 }
 
 TEST_F(SettingsTest, BaseUrlMustBeAbsoluteHttp)

@@ -142,6 +142,20 @@ TEST_F(SetupTest, WatchAddsFoldersAfterVoiceMemos)
     EXPECT_EQ(folders[2]["displayName"], "recordings");
 }
 
+TEST_F(SetupTest, AFolderGivenTwiceIsWatchedOnce)
+{
+    fs::create_directories(home.path() / "Sync/Phone");
+    fs::create_directories(voiceMemos);
+    auto result = setup({"--vault", h + "/v", "--watch", h + "/Sync/Phone", "--watch", h + "/Sync/Phone/", "--watch",
+                         h + "/Sync/./Phone", "--watch", voiceMemos + "/"});
+    ASSERT_EQ(result.status, 0) << result.errors;
+    EXPECT_EQ(result.output, summary(h + "/v", "on", "on", "off", "  watched folder:     " + h + "/Sync/Phone\n"));
+    auto folders = saved()["watchedFoldersRaw"];
+    ASSERT_EQ(folders.size(), 2u);
+    EXPECT_EQ(folders[0]["id"], "voice-memos");
+    EXPECT_EQ(folders[1]["path"], h + "/Sync/Phone");
+}
+
 TEST_F(SetupTest, FoldersThatCannotBeWritten)
 {
     test::writeFile(home.path() / "occupied", "a file, not a folder");
@@ -156,8 +170,9 @@ TEST_F(SetupTest, FoldersThatCannotBeWritten)
     EXPECT_EQ(result.errors, "--vault needs a folder\n");
 
     // Settings that cannot be saved still give the summary.
-    fs::remove_all(settingsFile.parent_path());
-    test::writeFile(settingsFile.parent_path(), "a file where the folder should be");
+    // (~/.config on Linux, ~/Library/Application Support on macOS)
+    fs::remove_all(settingsFile.parent_path().parent_path());
+    test::writeFile(settingsFile.parent_path().parent_path(), "a file where the folder should be");
     result = setup({"--vault", h + "/v"});
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(result.output, summary(h + "/v"));
