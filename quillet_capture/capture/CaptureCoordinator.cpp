@@ -92,6 +92,11 @@ void CaptureCoordinator::setOnNewCapture(std::function<void(const FolderWatcher:
     queue_.sync([&] { onNewCapture_ = std::move(handler); });
 }
 
+void CaptureCoordinator::setCapturedCheck(FolderWatcher::CapturedCheck captured)
+{
+    queue_.sync([&] { captured_ = std::move(captured); });
+}
+
 void CaptureCoordinator::start()
 {
     queue_.async([this, alive = std::weak_ptr(alive_)] {
@@ -141,7 +146,7 @@ void CaptureCoordinator::startOnQueue()
     }
     watchers_.clear();
     for (auto& folder : folders_()) {
-        watchers_.emplace_back(std::move(folder), store_, true, clock_, probes_, intake_);
+        watchers_.emplace_back(std::move(folder), store_, true, clock_, probes_, intake_, captured_);
     }
     if (watchers_.empty()) {
         rlog("[quillet] capture: no folders enabled; coordinator idle");

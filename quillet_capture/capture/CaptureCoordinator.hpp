@@ -53,6 +53,10 @@ public:
     /// must return quickly. Set it before `start`.
     void setOnNewCapture(std::function<void(const FolderWatcher::NewCapture&)> handler);
 
+    /// Sets what tells the watchers' first index which recordings the vault holds already
+    /// (see `FolderWatcher::runInitialIndex`). Set it before `start`.
+    void setCapturedCheck(FolderWatcher::CapturedCheck captured);
+
     /// Each returns at once; the work runs on the queue.
     void start();
     void stop();
@@ -85,6 +89,7 @@ private:
     bool hasInitialised_ = false;
     std::map<std::string, CaptureAccess::State> lastStates_;
     std::function<void(const FolderWatcher::NewCapture&)> onNewCapture_;
+    FolderWatcher::CapturedCheck captured_;
     std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
 };
 

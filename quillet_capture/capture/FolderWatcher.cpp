@@ -2,6 +2,7 @@
 
 #include "quillet_capture/capture/CollisionResolver.hpp"
 #include "quillet_capture/capture/FilenameNormaliser.hpp"
+#include "quillet_capture/capture/FirstWatched.hpp"
 #include "quillet_capture/config/Log.hpp"
 #include "quillet_capture/pipeline/CaptureIntake.hpp"
 #include "quillet_capture/pipeline/CaptureStateStore.hpp"
@@ -14,13 +15,16 @@ namespace quillet {
 namespace fs = std::filesystem;
 
 FolderWatcher::FolderWatcher(WatchedFolder folder, CaptureStateStore& store, bool runGuards, runtime::Clock& clock,
-                             CaptureGuards::Probes probes, CaptureIntake* intake)
+                             CaptureGuards::Probes probes, CaptureIntake* intake, CapturedCheck captured,
+                             fs::path firstWatchedFile)
     : folder_(std::move(folder))
     , store_(store)
     , runGuards_(runGuards)
     , clock_(clock)
     , probes_(std::move(probes))
     , intake_(intake)
+    , captured_(std::move(captured))
+    , firstWatchedFile_(firstWatchedFile.empty() ? FirstWatched::defaultFile() : std::move(firstWatchedFile))
 {
 }
 
@@ -70,18 +74,40 @@ std::optional<FolderWatcher::TimePoint> FolderWatcher::startTime(const fs::path&
 int FolderWatcher::runInitialIndex()
 {
     if (store_.seenCount(folder_.id) != 0) {
+        // A folder indexed before moments were kept: its earliest entry tells when.
+        if (!FirstWatched::find(folder_.id, firstWatchedFile_)) {
+            auto state = store_.state();
+            std::optional<TimePoint> earliest;
+            for (const auto& [name, entry] : state.seenByFolder[folder_.id]) {
+                earliest = earliest ? std::min(*earliest, entry.firstSeen) : entry.firstSeen;
+            }
+            if (earliest) {
+                FirstWatched::fix(folder_.id, *earliest, firstWatchedFile_);
+            }
+        }
         return 0;
     }
+    // An empty folder is indexed too: what arrives in it later, while the agent is stopped as
+    // well, is new.
     auto listed = listing();
-    if (!listed.state.isUsable()) {
+    if (!listed.state.isUsable() && listed.state.kind() != CaptureAccess::State::Kind::empty) {
         return 0;
     }
+    const auto since = FirstWatched::fix(folder_.id, clock_.now(), firstWatchedFile_);
     auto root = folder_.url();
     std::vector<CaptureStateStore::SeenName> names;
     names.reserve(listed.names.size());
+    int arrived = 0;
     for (auto& name : listed.names) {
+        const fs::path file = root / name;
         auto start = startTime(root, name);
         auto id = start ? FilenameNormaliser::canonicalId(*start) : "";
+        auto modified = probes_.modified ? probes_.modified(file) : CaptureGuards::defaultModified(file);
+        bool history = !modified || *modified < since;
+        if (!history && !(captured_ && !id.empty() && captured_(id, file))) {
+            ++arrived;
+            continue;
+        }
         names.push_back({std::move(name), std::move(id)});
     }
     // One write for the whole folder: a crash part-way through leaves the folder unindexed,
@@ -89,6 +115,11 @@ int FolderWatcher::runInitialIndex()
     int count = static_cast<int>(names.size());
     store_.markIndexed(std::move(names), folder_.id, clock_.now());
     rlog("[quillet] capture: [%@] initial index complete (%d existing files marked seen)", folder_.displayName, count);
+    if (arrived > 0) {
+        rlog("[quillet] capture: [%@] %d file(s) arrived after %@ was first watched and are not in the vault; "
+             "capturing them",
+             folder_.displayName, arrived, folder_.displayName);
+    }
     return count;
 }
 

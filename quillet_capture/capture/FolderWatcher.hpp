@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <functional>
 #include <optional>
 #include <set>
 #include <string>
@@ -33,12 +34,19 @@ public:
         bool operator==(const NewCapture&) const = default;
     };
 
+    /// True when the vault already holds the capture of `file` under `canonicalId` (its id
+    /// before any suffix for a twin of the same second).
+    using CapturedCheck = std::function<bool(const std::string& canonicalId, const std::filesystem::path& file)>;
+
     /// A watcher of `folder` (a copy) over `store`. `clock` gives "now" and the guards'
     /// stability waits; `probes` replace the guards' file-system probes in tests. Each new
-    /// capture is written to `intake` (when given) before it is marked seen.
+    /// capture is written to `intake` (when given) before it is marked seen. `captured` tells
+    /// the first index which recordings the vault holds already; `firstWatchedFile` keeps
+    /// when the folder was first watched.
     FolderWatcher(WatchedFolder folder, CaptureStateStore& store, bool runGuards = true,
                   runtime::Clock& clock = runtime::systemClock(), CaptureGuards::Probes probes = {},
-                  CaptureIntake* intake = nullptr);
+                  CaptureIntake* intake = nullptr, CapturedCheck captured = {},
+                  std::filesystem::path firstWatchedFile = {});
 
     const WatchedFolder& folder() const { return folder_; }
 
@@ -53,8 +61,15 @@ public:
     /// listing order (none unless usable). The coordinator's tick takes both from it.
     CaptureAccess::Listing listing() const;
 
-    /// On a folder the store has never seen: marks every candidate seen in one write without
-    /// capturing any, logs the count and returns it. Returns 0 at once otherwise.
+    /// On a folder the store has never seen: marks seen, in one write and without capturing
+    /// them, the candidates that were there before the folder was first watched (their
+    /// modification time is earlier than the moment kept in `FirstWatched`, which is fixed now
+    /// when none is kept) and those whose capture the vault holds already; logs the count and
+    /// returns it. The others stay unseen, for the next poll to capture: recordings that
+    /// arrived while the agent was stopped before its first index ended, or after the state
+    /// file was lost. The folder counts as indexed afterwards even when it is empty. Returns
+    /// 0 at once on a folder the store has seen (keeping, for a folder indexed before
+    /// moments were kept, the time of its index as the moment).
     int runInitialIndex();
 
     /// The new recordings of this poll, in listing order, each already marked seen.
@@ -76,6 +91,8 @@ private:
     runtime::Clock& clock_;
     CaptureGuards::Probes probes_;
     CaptureIntake* intake_;
+    CapturedCheck captured_;
+    std::filesystem::path firstWatchedFile_;
 };
 
 } // namespace quillet

@@ -6,6 +6,7 @@
 #include "quillet_capture/config/Keychain.hpp"
 #include "quillet_capture/config/Settings.hpp"
 #include "quillet_capture/pipeline/CapturePipeline.hpp"
+#include "quillet_capture/pipeline/CaptureRetry.hpp"
 #include "quillet_capture/pipeline/CaptureStatus.hpp"
 #include "quillet_capture/platform/Paths.hpp"
 #include "quillet_capture/platform/System.hpp"
@@ -64,6 +65,9 @@ void cmdRun()
         rlog("[quillet] capture-cli: no watched folders enabled -- run setup");
         runtime::exitProcess(1);
     }
+
+    // Captures are made from here on, so from here on they can be retried.
+    CaptureRetry::retryWatermark();
 
     if (settings.captureVeldaneEnabled() && !Keychain::hasCredentials()) {
         rlog("[quillet] capture-cli: upload is on but this Mac is not paired -- run pair. Capturing to the vault "

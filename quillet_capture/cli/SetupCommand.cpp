@@ -1,10 +1,13 @@
 #include "quillet_capture/cli/Commands.hpp"
 #include "quillet_capture/cli/Console.hpp"
+#include "quillet_capture/capture/FirstWatched.hpp"
+#include "quillet_capture/pipeline/CaptureRetry.hpp"
 #include "quillet_capture/config/Settings.hpp"
 #include "quillet_capture/config/WatchedFolder.hpp"
 #include "quillet_capture/platform/Paths.hpp"
 
 #include <algorithm>
+#include <chrono>
 #include <filesystem>
 
 namespace quillet {
@@ -99,6 +102,13 @@ void cmdSetup(const std::vector<std::string>& arguments)
     }
     store.settings = changed;
     store.save();
+    // From here on whatever arrives in these folders is the user's to capture, even should
+    // the agent's first index never end, and every capture can be retried.
+    auto now = std::chrono::system_clock::now();
+    for (const auto& folder : store.enabledWatchedFolders()) {
+        FirstWatched::fix(folder.id, now);
+    }
+    CaptureRetry::retryWatermark();
 
     out("Saved " + fs::absolute(Settings::fileURL(), error).string());
     out("  vault:              " + vault);

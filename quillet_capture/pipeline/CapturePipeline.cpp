@@ -194,6 +194,8 @@ void CapturePipeline::start()
 {
     recoverIntake();
     if (coordinator_ != nullptr) {
+        coordinator_->setCapturedCheck(
+            [this](const std::string& id, const fs::path& file) { return holdsCaptureOf(id, file); });
         coordinator_->setOnNewCapture([this](const FolderWatcher::NewCapture& capture) {
             // The coordinator's queue only hands over; the capture runs as a task of its own.
             runtime::spawn(handle(capture), "capture " + capture.canonicalId);
@@ -222,6 +224,28 @@ InboxWriter CapturePipeline::writer() const
 VeldaneClient CapturePipeline::client() const
 {
     return VeldaneClient(environment_.baseURL(), *environment_.clock, environment_.timeouts);
+}
+
+bool CapturePipeline::holdsCaptureOf(const std::string& canonicalId, const fs::path& file) const
+{
+    auto inbox = writer();
+    std::error_code error;
+    auto size = fs::file_size(file, error);
+    if (error) {
+        return false;
+    }
+    // Twins take "_2", "_3" ... in turn, so the first id without a note ends the search.
+    for (int n = 1; n < 1000; ++n) {
+        auto id = n == 1 ? canonicalId : canonicalId + "_" + std::to_string(n);
+        if (!fs::exists(inbox.noteURL(id), error)) {
+            return false;
+        }
+        auto copy = inbox.audioURL(id);
+        if (!fs::exists(copy, error) || fs::file_size(copy, error) == size) {
+            return true;
+        }
+    }
+    return false;
 }
 
 bool CapturePipeline::claim(const std::string& id)

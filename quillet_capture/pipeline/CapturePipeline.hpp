@@ -116,6 +116,11 @@ public:
     /// The profile used to upload the capture `id` again, from its note.
     UploadProfile uploadProfile(const std::string& id) const;
 
+    /// True when the vault holds a capture of `file` under `canonicalId` or one of the ids a
+    /// twin of the same second gets ("_2" on): a note whose audio copy, if it has one, has the
+    /// file's size.
+    bool holdsCaptureOf(const std::string& canonicalId, const std::filesystem::path& file) const;
+
     /// True while `id` is being handled.
     bool isClaimed(const std::string& id) const;
 

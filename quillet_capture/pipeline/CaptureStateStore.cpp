@@ -669,6 +669,7 @@ void CaptureStateStore::load()
             }
             return;
         }
+        keepUnreadableAside();
     }
     auto legacy = readWholeFile(legacyPath_);
     auto processed = legacy ? CaptureStateMigration::legacyProcessedNames(*legacy) : std::nullopt;
@@ -679,6 +680,31 @@ void CaptureStateStore::load()
     state_ = CaptureStateMigration::fromLegacyPythonState(*processed, normalised(clock_.now()));
     encoded_.reset(state_);
     persistLocked();
+}
+
+void CaptureStateStore::keepUnreadableAside()
+{
+    // Kept for the user to look at, never overwritten: the next write makes a new file.
+    auto stamp = Iso8601::format(clock_.now());
+    std::erase(stamp, ':');
+    std::error_code error;
+    for (int n = 1; n < 100; ++n) {
+        auto aside = storePath_;
+        aside += ".unreadable-" + stamp + (n == 1 ? "" : "-" + std::to_string(n));
+        if (std::filesystem::exists(aside, error)) {
+            continue;
+        }
+        std::filesystem::rename(storePath_, aside, error);
+        if (error) {
+            break;
+        }
+        rlog("[quillet] capture: state file %@ cannot be read; kept it as %@ and started afresh (recordings "
+             "that arrived since their folder was first watched are captured unless the vault has them)",
+             storePath_.string(), aside.string());
+        return;
+    }
+    rlog("[quillet] capture: state file %@ cannot be read and cannot be kept aside (%@); starting afresh",
+         storePath_.string(), error ? error.message() : std::string("too many kept already"));
 }
 
 void CaptureStateStore::persistLocked()

@@ -100,7 +100,8 @@ public:
 
     /// A store on explicit files: creates the state file's folder (a failure is ignored; the
     /// first write then fails and is logged), then loads `storePath`, migrating it, or imports
-    /// `legacyPath` when there is no usable state file. Reads the time from `clock`, which
+    /// `legacyPath` when there is no usable state file; a state file that is there but cannot
+    /// be read is first renamed to "state.json.unreadable-<time>" and logged. Reads the time from `clock`, which
     /// must outlive the store.
     CaptureStateStore(std::filesystem::path storePath, std::filesystem::path legacyPath,
                       runtime::Clock& clock = runtime::systemClock());
@@ -155,6 +156,8 @@ public:
 
 private:
     void load();
+    /// Renames an unreadable state file beside itself and logs it.
+    void keepUnreadableAside();
     void persistLocked();
     TimePoint stamp(std::optional<TimePoint> at) const;
 

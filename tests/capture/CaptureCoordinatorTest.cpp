@@ -7,6 +7,9 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <sys/stat.h>
+
 namespace quillet {
 namespace {
 
@@ -77,6 +80,9 @@ TEST_F(CoordinatorFixture, NoFoldersLeavesItIdleAndAReloadStartsIt)
 
     fs::create_directories(folderPath);
     test::writeFile(folderPath / "old.m4a", "audio");
+    // There long before the folder is first watched (now, on the virtual clock).
+    timespec old[2] = {{1'600'000'000, 0}, {1'600'000'000, 0}};
+    ASSERT_EQ(utimensat(AT_FDCWD, (folderPath / "old.m4a").c_str(), old, 0), 0);
     folders.push_back(WatchedFolder::generic(folderPath.string(), std::string("Synced")));
     coordinator->reload();
     coordinator->queue().drain();

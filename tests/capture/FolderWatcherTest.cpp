@@ -1,4 +1,5 @@
 #include "quillet_capture/capture/CaptureCoordinator.hpp"
+#include "quillet_capture/capture/FirstWatched.hpp"
 #include "quillet_capture/capture/FolderWatcher.hpp"
 #include "quillet_capture/pipeline/CaptureIntake.hpp"
 #include "quillet_capture/pipeline/CaptureStateStore.hpp"
@@ -9,6 +10,10 @@
 #include "tests/support/Scratch.hpp"
 
 #include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+#include <fcntl.h>
 
 #include <cstdlib>
 #include <ctime>
@@ -44,9 +49,16 @@ struct WatcherFixture : ::testing::Test {
 
     FolderWatcher watcher(WatchedFolder folder) { return FolderWatcher(std::move(folder), store, true, clock, probes); }
 
-    void add(const std::string& name, const std::string& contents = "audio bytes")
+    // A file that has been there for a day unless `modified` says when it was written.
+    void add(const std::string& name, const std::string& contents = "audio bytes",
+             std::optional<std::chrono::system_clock::time_point> modified = std::nullopt)
     {
         test::writeFile(folderPath / name, contents);
+        auto seconds = std::chrono::duration_cast<std::chrono::seconds>(
+                           modified.value_or(clock.now() - std::chrono::hours(24)).time_since_epoch())
+                           .count();
+        timespec times[2] = {{static_cast<time_t>(seconds), 0}, {static_cast<time_t>(seconds), 0}};
+        ASSERT_EQ(utimensat(AT_FDCWD, (folderPath / name).c_str(), times, 0), 0);
     }
 };
 
@@ -75,6 +87,55 @@ TEST_F(WatcherFixture, FirstIndexMarksOldFilesAndLaterFilesAreCapturedOnce)
     EXPECT_EQ(test::countLogLines("[quillet] capture: [Voice Memos] new file -- 20240201 090000-ABC.m4a -> 240201-090000"),
               1);
     EXPECT_EQ(test::countLogLines("initial index complete (50 existing files marked seen)"), 1);
+}
+
+// What arrived after the folder was first watched is never taken for history, even when the
+// first index comes late (the agent died before it ended) or again (the state file was lost):
+// only what the vault already holds is marked seen with it.
+TEST_F(WatcherFixture, TheFirstIndexLeavesWhatArrivedAfterTheFolderWasFirstWatched)
+{
+    const auto firstWatched = clock.now();
+    ASSERT_EQ(FirstWatched::fix("voice-memos-test", firstWatched), firstWatched);
+    clock.advance(std::chrono::minutes(10));
+    ASSERT_EQ(FirstWatched::fix("voice-memos-test", clock.now()), firstWatched) << "a kept moment never moves";
+
+    add("20240131 142500.m4a");                                                        // history
+    add("20240131 142600.m4a", "new", firstWatched + std::chrono::minutes(1));         // arrived
+    add("20240131 142700.m4a", "in the vault", firstWatched + std::chrono::minutes(2)); // captured before
+    std::set<std::string> asked;
+    FolderWatcher w(voiceMemos(), store, true, clock, probes, nullptr,
+                    [&](const std::string& id, const fs::path& file) {
+                        asked.insert(id);
+                        return file.filename() == "20240131 142700.m4a";
+                    });
+    EXPECT_EQ(w.runInitialIndex(), 2);
+    EXPECT_EQ(asked, (std::set<std::string>{"240131-142600", "240131-142700"})) << "history needs no look";
+    EXPECT_TRUE(store.hasSeen("20240131 142500.m4a", "voice-memos-test"));
+    EXPECT_EQ(store.state().seenByFolder.at("voice-memos-test").at("20240131 142700.m4a").canonicalId,
+              "240131-142700");
+    EXPECT_EQ(test::countLogLines("[quillet] capture: [Voice Memos] 1 file(s) arrived after Voice Memos was first "
+                                  "watched and are not in the vault; capturing them"),
+              1);
+    auto captures = w.poll();
+    ASSERT_EQ(captures.size(), 1u);
+    EXPECT_EQ(captures[0].canonicalId, "240131-142600");
+}
+
+TEST_F(WatcherFixture, AnEmptyFolderIsIndexedAndAnOldIndexKeepsItsMoment)
+{
+    auto w = watcher(voiceMemos());
+    EXPECT_EQ(w.runInitialIndex(), 0);
+    EXPECT_TRUE(store.hasSeen(CaptureStateStore::indexedMarker, "voice-memos-test")) << "an empty folder is indexed";
+    EXPECT_EQ(FirstWatched::find("voice-memos-test"), clock.now());
+
+    // A folder indexed before moments were kept takes the time of its first entry.
+    const auto indexedAt = clock.now() - std::chrono::hours(72);
+    store.markIndexed({{"20240131 142500.m4a", "240131-142500"}}, "older-folder", indexedAt);
+    store.markSeen("20240131 142600.m4a", "240131-142600", "older-folder", clock.now());
+    auto older = voiceMemos();
+    older.id = "older-folder";
+    EXPECT_EQ(watcher(older).runInitialIndex(), 0);
+    EXPECT_EQ(FirstWatched::find("older-folder"), indexedAt);
 }
 
 TEST_F(WatcherFixture, CandidatesSkipHiddenAndForeignFilesAndKeepUpperCaseExtensions)

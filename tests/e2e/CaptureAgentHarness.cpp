@@ -1,5 +1,6 @@
 #include "tests/e2e/CaptureAgentHarness.hpp"
 
+#include "quillet_capture/capture/FirstWatched.hpp"
 #include "quillet_capture/config/Keychain.hpp"
 #include "quillet_capture/pipeline/CaptureStateStore.hpp"
 #include "quillet_capture/platform/Paths.hpp"
@@ -326,6 +327,15 @@ CaptureAgentHarness::Recording CaptureAgentHarness::dropHistory(int index)
 void CaptureAgentHarness::start()
 {
     ASSERT_LT(pid_, 0) << "an agent is already running";
+    if (!setUp_) {
+        // The harness writes the settings itself; `setup`, which the user runs before the
+        // agent, would also have fixed the moment each folder was first watched.
+        setUp_ = true;
+        auto now = std::chrono::system_clock::now();
+        for (const auto& folder : Settings::shared().enabledWatchedFolders()) {
+            FirstWatched::fix(folder.id, now);
+        }
+    }
     runsBefore_ = runsLogged();
     auto output = home() / "agent-output.log";
     auto environment = kEnvironment;

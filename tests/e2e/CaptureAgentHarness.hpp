@@ -94,7 +94,8 @@ public:
     /// A recording that is already there when the agent first starts (history, never captured).
     Recording dropHistory(int index);
 
-    /// Starts `quillet-capture run`. At most one agent runs at a time.
+    /// Starts `quillet-capture run`. At most one agent runs at a time. The first start fixes,
+    /// as `setup` does, the moment each enabled folder was first watched.
     void start();
     /// Starts it and waits until its coordinator has started (its first index done), at most
     /// `seconds`; false when it did not.
@@ -170,6 +171,7 @@ private:
     // default, about 10 ms, makes a loaded machine's slow request an empty reply, a fault the
     // tests did not ask for.
     FakeVeldane service_{FakeVeldane::Options{.keepAliveSeconds = 2}};
+    bool setUp_ = false;
 };
 
 /// The environment of a capture pipeline run in the test's process, as `retry` builds it:

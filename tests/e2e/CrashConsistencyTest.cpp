@@ -91,11 +91,12 @@ TEST(CrashConsistency, EveryRecordingIsCapturedOnceWhereverTheAgentIsKilled)
     const auto started = std::chrono::steady_clock::now();
 
     for (int kill = 0; kill < kills; ++kill) {
-        // New recordings arrive only after the first index; before it they would be history.
-        // The guards take 2 s per new file and an agent lives about 4 s here, so recordings
-        // arrive about as fast as a killed agent can take them in.
+        // New recordings arrive from the first start on, before the first index has ended too
+        // (only what was there before the first start is history). The guards take 2 s per
+        // new file and an agent lives about 4 s here, so recordings arrive about as fast as a
+        // killed agent can take them in.
         bool indexed = agent.indexed();
-        if (indexed && (chance(0.25) || kill == 1 || kill == 3)) {
+        if (kill > 0 && (chance(0.25) || kill == 1 || kill == 3)) {
             int batch = 1 + static_cast<int>(random() % 2);
             for (int i = 0; i < batch; ++i) {
                 // Some are large, so that copies take long enough for kills to land in them.
@@ -111,8 +112,8 @@ TEST(CrashConsistency, EveryRecordingIsCapturedOnceWhereverTheAgentIsKilled)
         // Early kills hit the start (index, intake recovery, resume); later ones anything,
         // up to a first tick with its guards, uploads and a few status polls.
         double delay = !indexed || chance(0.2) ? uniform(0, 0.25) : uniform(0.25, 9);
-        if (indexed && chance(0.2)) {
-            // A recording that arrives while the agent runs.
+        if (chance(0.2)) {
+            // A recording that arrives while the agent runs, perhaps while it indexes.
             double first = uniform(0, delay);
             std::this_thread::sleep_for(std::chrono::duration<double>(first));
             agent.drop(next++);

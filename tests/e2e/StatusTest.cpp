@@ -175,6 +175,9 @@ TEST_F(StatusTest, AfterSetupWithNotesOfEveryStatus)
 TEST_F(StatusTest, WithoutAWatermarkRecorderCapturesCountAndNothingIsStored)
 {
     ASSERT_EQ(run({"setup", "--vault", h + "/Vault"}).status, 0);
+    // Set up by an earlier version, which left the watermark to the first retry.
+    ASSERT_TRUE(fs::remove(Paths::defaultsFile()));
+    fs::remove(logFile);
     const fs::path vault = home.path() / "Vault";
     note(vault, "250101-090000", "failed", std::nullopt, true);
     auto recorded = InboxWriter::Frontmatter::forCapture("250101-100000", std::chrono::system_clock::now());

@@ -350,19 +350,32 @@ TEST(CaptureStateStoreFile, DatesBeyondTheClockArePinnedNotOverflowed)
 
 // --- loading: broken files, migration, the legacy watcher ------------------------------------
 
-TEST(CaptureStateStoreLoad, BrokenFileStartsFreshAndIsOverwrittenByTheNextWrite)
+// A state file that cannot be read is never overwritten: it is kept beside, under a name of
+// its own even when another was kept in the same second, and the log says where.
+TEST(CaptureStateStoreLoad, BrokenFileIsKeptAsideAndTheStoreStartsFresh)
 {
     for (const char* broken : {"{\"seenByFolder\": {\"voice-memos\": {\"a.m4a\": {\"firstS", "garbage\x01\x02",
                                R"({"seenByFolder": {"voice-memos": {"a.m4a": {"firstSeen": 3}}}})", ""}) {
         StoreFixture f;
-        f.writeStateFile(broken);
-        auto store = f.open();
-        EXPECT_EQ(store->state(), State{}) << broken;
-        EXPECT_EQ(test::readFile(f.storePath), broken) << "nothing is written before a change";
-        EXPECT_TRUE(test::logMessages().empty());
+        auto aside = f.storePath.string() + ".unreadable-2024-05-01T093000Z";
+        std::size_t logged = 0;
+        for (const auto& kept : {aside, aside + "-2"}) {
+            f.writeStateFile(broken);
+            auto store = f.open();
+            EXPECT_EQ(store->state(), State{}) << broken;
+            EXPECT_FALSE(fs::exists(f.storePath)) << "nothing is written before a change";
+            EXPECT_EQ(test::readFile(kept), broken);
+            auto lines = test::logMessages();
+            ASSERT_EQ(lines.size(), ++logged);
+            EXPECT_EQ(lines.back(), "[quillet] capture: state file " + f.storePath.string() + " cannot be read; kept it as " +
+                                    kept +
+                                    " and started afresh (recordings that arrived since their folder was first "
+                                    "watched are captured unless the vault has them)");
 
-        store->markSeen("b.m4a", "b");
-        EXPECT_EQ(f.onDisk(), store->state());
+            store->markSeen("b.m4a", "b");
+            EXPECT_EQ(f.onDisk(), store->state());
+        }
+        EXPECT_EQ(test::readFile(aside), broken) << "a kept file is never overwritten";
     }
 }
 
