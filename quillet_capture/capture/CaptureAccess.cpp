@@ -106,6 +106,29 @@ std::string State::explanation() const
     return "";
 }
 
+std::string State::explanation(std::string_view folderName, bool voiceMemos) const
+{
+    if (voiceMemos || Paths::current() == Platform::macOS) {
+        return explanation();
+    }
+    const std::string name(folderName);
+    switch (kind_) {
+    case Kind::ok:
+        return "quillet can read " + name + " (" + files(fileCount_) + ").";
+    case Kind::empty:
+        return "quillet can read " + name + ", but it contains no audio files yet. Recordings that appear in it are "
+               "captured within a poll.";
+    case Kind::denied:
+        return "quillet cannot list " + name + ": this user may not read the folder. Give it read and search "
+               "permission (for example chmod u+rx on the folder); quillet picks it up at its next poll.";
+    case Kind::missing:
+        return name + " does not exist. quillet will pick it up automatically once the folder appears.";
+    case Kind::notConfigured:
+        return "Capture from " + name + " is switched off in Settings.";
+    }
+    return "";
+}
+
 namespace {
 
 // readdir and the bare names: the watcher lists its folders every 30 seconds, and with

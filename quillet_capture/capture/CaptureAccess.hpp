@@ -40,6 +40,10 @@ public:
     std::string menuSummary() const;
     /// The long text that tells the user what the state means and what to do.
     std::string explanation() const;
+    /// The long text for the folder `folderName`: `explanation()` on macOS and for the Voice
+    /// Memos folder (`voiceMemos`); elsewhere a text that names the folder and says nothing of
+    /// macOS, iCloud or Full Disk Access, which do not apply there.
+    std::string explanation(std::string_view folderName, bool voiceMemos) const;
 
     /// Same case and, for `ok`, same count.
     bool operator==(const State&) const = default;

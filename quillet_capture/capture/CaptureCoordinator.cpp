@@ -187,7 +187,7 @@ void CaptureCoordinator::tick()
             std::string prefix = "capture-access-" + folder.id + "-";
             if (state.needsAttention()) {
                 EnvironmentCheck::notifyOnce(prefix + noticeKind(state), state.summary(folder.displayName),
-                                             state.explanation());
+                                             state.explanation(folder.displayName, folder.isVoiceMemos()));
             } else {
                 for (const char* kind : kNoticeKinds) {
                     EnvironmentCheck::clearNotifyOnce(prefix + kind);

@@ -6,6 +6,7 @@
 #include "quillet_capture/config/Settings.hpp"
 #include "quillet_capture/pipeline/CapturePipeline.hpp"
 #include "quillet_capture/pipeline/CaptureRetry.hpp"
+#include "quillet_capture/platform/Paths.hpp"
 #include "quillet_capture/runtime/MainLoop.hpp"
 #include "quillet_capture/runtime/Tasks.hpp"
 #include "quillet_capture/service/BackfillSync.hpp"
@@ -24,8 +25,18 @@ namespace quillet {
 
 namespace {
 
-constexpr const char* kNoToken =
-    "No device token readable here. Run pair first (over SSH the keychain is locked: run this in Terminal on the Mac).";
+// What to say when no token can be read: on Linux there is no Keychain to be locked over SSH.
+std::string noTokenText()
+{
+    if (Paths::current() == Platform::macOS) {
+        return "No device token readable here. Run pair first (over SSH the keychain is locked: run this in Terminal "
+               "on the Mac).";
+    }
+    if (auto file = Keychain::unreadableTokenFile()) {
+        return "No device token readable here (" + file->string() + " cannot be read). Run pair first.";
+    }
+    return "No device token readable here. Run pair first.";
+}
 
 void requireSetup()
 {
@@ -37,7 +48,7 @@ void requireSetup()
 void requireToken()
 {
     if (!Keychain::hasCredentials()) {
-        fail(kNoToken);
+        fail(noTokenText());
     }
 }
 

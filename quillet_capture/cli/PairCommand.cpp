@@ -214,9 +214,16 @@ void cmdPair()
 
 void requirePairedForUpload()
 {
-    if (Settings::shared().captureVeldaneEnabled() && !Keychain::hasCredentials()) {
+    if (!Settings::shared().captureVeldaneEnabled() || Keychain::hasCredentials()) {
+        return;
+    }
+    if (Paths::current() == Platform::macOS) {
         out("No device token readable here: either this Mac is not paired (run pair first), or the keychain is "
             "locked because this runs over SSH (the agent can still read it).");
+    } else if (auto file = Keychain::unreadableTokenFile()) {
+        out("No device token readable here: " + file->string() + " cannot be read (run pair again).");
+    } else {
+        out("No device token readable here: this computer is not paired (run pair first).");
     }
 }
 

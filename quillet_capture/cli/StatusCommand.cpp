@@ -9,6 +9,7 @@
 #include "quillet_capture/pipeline/CapturePipeline.hpp"
 #include "quillet_capture/pipeline/CaptureRetry.hpp"
 #include "quillet_capture/platform/AgentManager.hpp"
+#include "quillet_capture/platform/Paths.hpp"
 #include "quillet_capture/platform/Process.hpp"
 #include "quillet_capture/platform/UserDefaults.hpp"
 #include "quillet_capture/util/Utf8.hpp"
@@ -127,6 +128,11 @@ std::string inboxSummary(const fs::path& inbox,
     std::error_code error;
     fs::directory_iterator it(inbox, error);
     if (error) {
+        // On Linux a folder that is there but cannot be listed is said to be so.
+        std::error_code missing;
+        if (Paths::current() != Platform::macOS && fs::exists(inbox, missing)) {
+            return "cannot read _inbox (" + error.message() + ")";
+        }
         return "no _inbox yet";
     }
     const auto& resumable = CapturePipeline::resumableStates();
@@ -196,9 +202,13 @@ void cmdStatus()
     // An empty item (written so by another program) is no token, as everywhere else.
     if (auto token = Keychain::deviceToken(); token && !token->empty()) {
         out("  paired:      yes (" + Utf8::prefix(*token, 12) + "...)");
-    } else {
+    } else if (Paths::current() == Platform::macOS) {
         out("  paired:      no token readable here -- run pair (over SSH the keychain is locked; the agent can "
             "still read it)");
+    } else if (auto file = Keychain::unreadableTokenFile()) {
+        out("  paired:      no token readable here -- run pair (" + file->string() + " cannot be read)");
+    } else {
+        out("  paired:      no token readable here -- run pair");
     }
     out("  keep Voice Memos running: " + onOff(settings.keepVoiceMemosRunning()) +
         (VoiceMemosKeeper::shared().isVoiceMemosRunning() ? " (running now)" : " (not running now)"));

@@ -1,7 +1,11 @@
 #include "quillet_capture/config/Keychain.hpp"
 
+#include "quillet_capture/platform/Paths.hpp"
 #include "quillet_capture/platform/SecretStore.hpp"
+#include "quillet_capture/util/AtomicFile.hpp"
 #include "quillet_capture/util/Utf8.hpp"
+
+#include <nlohmann/json.hpp>
 
 namespace quillet::Keychain {
 
@@ -36,6 +40,23 @@ bool hasCredentials()
 {
     auto token = deviceToken();
     return token && !token->empty();
+}
+
+std::optional<std::filesystem::path> unreadableTokenFile()
+{
+    if (Paths::current() == Platform::macOS) {
+        return std::nullopt;
+    }
+    auto file = Paths::credentialsFile();
+    std::error_code error;
+    if (!std::filesystem::exists(file, error)) {
+        return std::nullopt;
+    }
+    auto text = readWholeFile(file);
+    if (text && nlohmann::json::parse(*text, nullptr, false).is_object()) {
+        return std::nullopt;
+    }
+    return file;
 }
 
 bool hasDeviceToken()

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <filesystem>
 #include <optional>
 #include <string>
 
@@ -36,6 +37,11 @@ bool setDeviceToken(const std::optional<std::string>& value);
 bool hasCredentials();
 /// The same test as hasCredentials.
 bool hasDeviceToken();
+
+/// Where no token is readable on Linux: the token file when one is there but cannot be read
+/// or is not a JSON object (a token saved while no Secret Service answered is then lost until
+/// the next pair). Absent on macOS, and when there is no such file.
+std::optional<std::filesystem::path> unreadableTokenFile();
 
 /// "Bearer " + the token when it reads back and is not empty; otherwise absent.
 std::optional<std::string> authorizationHeader();

@@ -107,6 +107,30 @@ TEST(CaptureAccessState, PropertiesSummariesAndExplanations)
     EXPECT_EQ(State::denied().explanation(), denied);
 }
 
+// A folder of the user's own on Linux is spoken of by its name, without macOS, iCloud or Full
+// Disk Access; on macOS, and for the Voice Memos folder, the texts above stay.
+TEST(CaptureAccessState, ExplanationsOfOtherFoldersOnLinuxSayWhatIsTrueThere)
+{
+    for (const auto& state : {State::ok(2), State::empty(), State::denied(), State::missing(), State::notConfigured()}) {
+        EXPECT_EQ(state.explanation("Voice Memos", true), state.explanation());
+        if (Paths::current() == Platform::macOS) {
+            EXPECT_EQ(state.explanation("Phone", false), state.explanation());
+            continue;
+        }
+        auto text = state.explanation("Phone", false);
+        EXPECT_NE(text.find("Phone"), std::string::npos) << text;
+        for (const char* foreign : {"Voice Memos", "macOS", "Mac", "iCloud", "Full Disk Access"}) {
+            EXPECT_EQ(text.find(foreign), std::string::npos) << text;
+        }
+    }
+    if (Paths::current() != Platform::macOS) {
+        EXPECT_EQ(State::empty().explanation("Phone", false),
+                  "quillet can read Phone, but it contains no audio files yet. Recordings that appear in it are "
+                  "captured within a poll.");
+        EXPECT_EQ(State::ok(2).explanation("Phone", false), "quillet can read Phone (2 files).");
+    }
+}
+
 TEST(CaptureAccessVoiceMemos, PrefersTheGroupContainerAndFallsBackToIt)
 {
     test::ScratchHome home;

@@ -30,9 +30,7 @@ using Lines = std::vector<std::string>;
 using TimePoint = std::chrono::system_clock::time_point;
 
 constexpr const char* kToken = "tok_batch_0123456789";
-constexpr const char* kNoToken =
-    "No device token readable here. Run pair first (over SSH the keychain is locked: run this in Terminal on the "
-    "Mac).\n";
+constexpr const char* kNoToken = "No device token readable here. Run pair first.\n";
 
 Lines splitLines(const std::string& text)
 {
@@ -174,8 +172,7 @@ TEST_F(BatchCommandsTest, ImportWithoutADateTakesEverythingAndWarnsWhenNotPaired
     EXPECT_EQ(result.status, 0) << result.errors;
     EXPECT_EQ(result.output, notInstalled() + "Queued 2 recordings from " + voiceMemos.string() +
                                  ".\n"
-                                 "No device token readable here: either this Mac is not paired (run pair first), or "
-                                 "the keychain is locked because this runs over SSH (the agent can still read it).\n"
+                                 "No device token readable here: this computer is not paired (run pair first).\n"
                                  "The capture agent picks them up within about 30 seconds and uploads them one at a "
                                  "time.\n"
                                  "Follow progress with: quillet-capture status\n");
@@ -297,6 +294,12 @@ TEST_F(BatchCommandsTest, RetryAndSyncNeedSetupAndAToken)
         EXPECT_EQ(result.status, 1) << command;
         EXPECT_EQ(result.output, "");
         EXPECT_EQ(result.errors, kNoToken);
+        test::writeFile(Paths::credentialsFile(), "not JSON");
+        result = run({command});
+        EXPECT_EQ(result.status, 1) << command;
+        EXPECT_EQ(result.errors, "No device token readable here (" + Paths::credentialsFile().string() +
+                                     " cannot be read). Run pair first.\n");
+        fs::remove(Paths::credentialsFile());
 
         fs::remove(Paths::settingsFile());
         result = run({command});

@@ -258,9 +258,12 @@ TEST(RequirePairedForUpload, WarnsOnlyWhenUploadingIsOnAndNoTokenReads)
 {
     test::ScratchHome home;
     setenv("QUILLET_TOKEN_STORE", "file", 1);
+    // On Linux there is no Keychain that SSH would lock.
+    const bool mac = Paths::current() == Platform::macOS;
     const std::string warning =
-        "No device token readable here: either this Mac is not paired (run pair first), or the keychain is locked "
-        "because this runs over SSH (the agent can still read it).\n";
+        mac ? "No device token readable here: either this Mac is not paired (run pair first), or the keychain is "
+              "locked because this runs over SSH (the agent can still read it).\n"
+            : "No device token readable here: this computer is not paired (run pair first).\n";
     auto printed = [] {
         ::testing::internal::CaptureStdout();
         requirePairedForUpload();
@@ -274,6 +277,13 @@ TEST(RequirePairedForUpload, WarnsOnlyWhenUploadingIsOnAndNoTokenReads)
     test::writeSettings([](AppSettings& s) { s.captureVeldaneEnabled = false; });
     ASSERT_TRUE(Keychain::setDeviceToken(std::nullopt));
     EXPECT_EQ(printed(), "");
+
+    // A token file that cannot be read is named, so that the user knows what pair replaces.
+    test::writeSettings([](AppSettings& s) { s.captureVeldaneEnabled = true; });
+    test::writeFile(Paths::credentialsFile(), "{\"se.Brannick.quillet.mac\": {\"vd_dev");
+    EXPECT_EQ(printed(), mac ? warning
+                             : "No device token readable here: " + Paths::credentialsFile().string() +
+                                   " cannot be read (run pair again).\n");
 }
 
 } // namespace

@@ -91,8 +91,7 @@ TEST_F(StatusTest, BeforeSetup)
               "  folder:      Voice Memos off -- " + voiceMemos() + "\n"
               "  upload:      off\n"
               "  after a transcript: off\n"
-              "  paired:      no token readable here -- run pair (over SSH the keychain is locked; the agent can "
-              "still read it)\n"
+              "  paired:      no token readable here -- run pair\n"
               "  keep Voice Memos running: off (not running now)\n"
               "  LaunchAgent: not loaded -- run install\n"
               "  inbox:       no _inbox yet\n" +
@@ -196,6 +195,24 @@ TEST_F(StatusTest, WithoutAWatermarkRecorderCapturesCountAndNothingIsStored)
     EXPECT_EQ(result.errors, "");
     EXPECT_FALSE(fs::exists(home.path() / ".local/state/quillet/defaults.json"));
     EXPECT_FALSE(fs::exists(logFile));
+}
+
+// On Linux there is no Keychain to be locked over SSH and an _inbox that is there is not
+// "not yet": a token file that cannot be read and an _inbox that cannot be listed are named.
+TEST_F(StatusTest, AnUnreadableTokenFileOrInboxIsSaidToBeSo)
+{
+    ASSERT_EQ(run({"setup", "--vault", h + "/Vault"}).status, 0);
+    test::writeFile(Paths::credentialsFile(), "{\"se.Brannick.quillet.mac\": ");
+    fs::remove_all(home.path() / "Vault/_inbox");
+    test::writeFile(home.path() / "Vault/_inbox", "a file where the folder should be");
+    auto result = status();
+    ASSERT_EQ(result.status, 0) << result.errors;
+    EXPECT_NE(result.output.find("\n  paired:      no token readable here -- run pair (" +
+                                 Paths::credentialsFile().string() + " cannot be read)\n"),
+              std::string::npos)
+        << result.output;
+    EXPECT_NE(result.output.find("\n  inbox:       cannot read _inbox (Not a directory)\n"), std::string::npos)
+        << result.output;
 }
 
 // How the log's bytes and lines are read is StatusLogTest's; here, that a log that cannot be
