@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
+#include <mutex>
+#include <set>
 
 #include <dirent.h>
 
@@ -39,7 +41,11 @@ State listingFailed(const fs::path& folder, const std::error_code& error)
 {
     // Whatever the cause, the user can do nothing but check the grant, so every failure is
     // reported as denied; only the log tells the unexpected ones apart.
-    if (!isPermissionError(error)) {
+    // Logged once per folder and error: the watcher probes every poll.
+    static std::mutex lock;
+    static std::set<std::string> logged;
+    std::lock_guard guard(lock);
+    if (!isPermissionError(error) && logged.insert(folder.string() + '\0' + error.message()).second) {
         rlog("[quillet] capture: unexpected error probing %@: %@", folder.string(), error.message());
     }
     return State::denied();

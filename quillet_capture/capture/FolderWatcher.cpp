@@ -14,6 +14,12 @@ namespace quillet {
 
 namespace fs = std::filesystem;
 
+namespace {
+
+constexpr std::string_view kCannotStat = "cannot stat file";
+
+} // namespace
+
 FolderWatcher::FolderWatcher(WatchedFolder folder, CaptureStateStore& store, bool runGuards, runtime::Clock& clock,
                              CaptureGuards::Probes probes, CaptureIntake* intake, CapturedCheck captured,
                              fs::path firstWatchedFile)
@@ -123,6 +129,22 @@ int FolderWatcher::runInitialIndex()
     return count;
 }
 
+std::optional<std::string> FolderWatcher::notARecording(const fs::path& file)
+{
+    std::error_code error;
+    auto status = fs::symlink_status(file, error);
+    if (error) {
+        return std::nullopt;  // gone already, or unreadable: the guards say which
+    }
+    if (status.type() == fs::file_type::symlink) {
+        return "a symbolic link";
+    }
+    if (status.type() != fs::file_type::regular) {
+        return "not a regular file";
+    }
+    return std::nullopt;
+}
+
 std::vector<FolderWatcher::NewCapture> FolderWatcher::poll()
 {
     return poll(listing());
@@ -140,10 +162,23 @@ std::vector<FolderWatcher::NewCapture> FolderWatcher::poll(const CaptureAccess::
             continue;
         }
         const fs::path file = root / name;
+        // A link would copy and upload whatever file it points at (any file the user can
+        // read), and a folder, FIFO or device named like a recording is no recording: skipped,
+        // not marked seen (a recording put in its place later is captured), and said once.
+        if (auto other = notARecording(file)) {
+            if (reported_.insert(name).second) {
+                rlog("[quillet] capture: [%@] skipping %@ (%@)", folder_.displayName, name, *other);
+            }
+            continue;
+        }
         if (runGuards_) {
             auto verdict = CaptureGuards::evaluate(file, clock_.now(), probes_, clock_);
             if (verdict.kind == CaptureGuards::Verdict::Kind::defer) {
-                rlog("[quillet] capture: [%@] deferring %@ (%@)", folder_.displayName, name, verdict.reason);
+                // A file in flux is reported at each poll; one that cannot be looked at stays
+                // so, and is reported once.
+                if (verdict.reason != kCannotStat || reported_.insert(name).second) {
+                    rlog("[quillet] capture: [%@] deferring %@ (%@)", folder_.displayName, name, verdict.reason);
+                }
                 continue;
             }
             if (verdict.kind == CaptureGuards::Verdict::Kind::skip) {

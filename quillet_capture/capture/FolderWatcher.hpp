@@ -81,6 +81,9 @@ public:
 private:
     /// The extensions to take: the folder's own, or the default audio set.
     std::set<std::string> extensions() const;
+    /// Why `file` is no recording to take ("a symbolic link", "not a regular file"), or
+    /// nothing when it is a regular file or cannot be looked at.
+    static std::optional<std::string> notARecording(const std::filesystem::path& file);
     /// The start time of the recording `name` in `root`: from the name for Voice Memos, else
     /// the file's date.
     std::optional<TimePoint> startTime(const std::filesystem::path& root, const std::string& name) const;
@@ -93,6 +96,8 @@ private:
     CaptureIntake* intake_;
     CapturedCheck captured_;
     std::filesystem::path firstWatchedFile_;
+    /// The names skipped as no recording, each logged once while this watcher lives.
+    std::set<std::string> reported_;
 };
 
 } // namespace quillet

@@ -8,6 +8,7 @@
 #include "quillet_capture/pipeline/CapturePipeline.hpp"
 #include "quillet_capture/pipeline/CaptureRetry.hpp"
 #include "quillet_capture/pipeline/CaptureStatus.hpp"
+#include "quillet_capture/platform/AgentLock.hpp"
 #include "quillet_capture/platform/Paths.hpp"
 #include "quillet_capture/platform/System.hpp"
 #include "quillet_capture/runtime/MainLoop.hpp"
@@ -52,6 +53,15 @@ void cmdRun()
         rlog("[quillet] capture-cli: stopping (SIGTERM)");
         runtime::exitProcess(0);
     });
+
+    // Before anything else: a second agent on the same state folder would capture, upload and
+    // run the after-transcript command for every recording a second time.
+    static AgentLock lock = AgentLock::take();
+    if (!lock.taken()) {
+        rlog("[quillet] capture-cli: another agent is already running (pid %d) -- not starting a second one",
+             *lock.holder());
+        runtime::exitProcess(1);
+    }
 
     rlog("[quillet] capture-cli: run %@ (%@, " + System::osName() + " %@)", toolVersion, System::hostName(),
          System::osVersion());

@@ -5,6 +5,8 @@
 #include "quillet_capture/config/Settings.hpp"
 #include "quillet_capture/config/WatchedFolder.hpp"
 #include "quillet_capture/platform/Paths.hpp"
+#include "quillet_capture/util/AtomicFile.hpp"
+#include "quillet_capture/util/Iso8601.hpp"
 
 #include <algorithm>
 #include <chrono>
@@ -21,6 +23,21 @@ bool hasFlag(const std::vector<std::string>& arguments, std::string_view flag)
     return std::find(arguments.begin(), arguments.end(), flag) != arguments.end();
 }
 
+// A relative `folder` made absolute: the agent and later commands run from other working
+// folders. Absolute paths and "~" paths (the home folder wherever the program runs) are kept
+// as typed.
+std::string absoluteFolder(const std::string& folder)
+{
+    if (folder.empty() || folder.starts_with('~') || fs::path(folder).is_absolute()) {
+        return folder;
+    }
+    auto path = fs::absolute(folder).lexically_normal();
+    if (!path.has_filename() && path != path.root_path()) {
+        path = path.parent_path();
+    }
+    return path.string();
+}
+
 // The vault named by --vault, or the iCloud Drive folder when the Mac has one (so notes show
 // up in Files on the phone), else the documents folder.
 std::string chooseVault(const std::vector<std::string>& arguments)
@@ -30,7 +47,7 @@ std::string chooseVault(const std::vector<std::string>& arguments)
         if (vault->empty()) {
             fail("--vault needs a folder");
         }
-        return Paths::expandTilde(*vault);
+        return absoluteFolder(Paths::expandTilde(*vault));
     }
     std::error_code ignored;
     if (fs::is_directory(Paths::iCloudDrive(), ignored)) {
@@ -52,7 +69,7 @@ std::vector<WatchedFolder> watchOptions(const std::vector<std::string>& argument
         if (arguments[i] != "--watch") {
             continue;
         }
-        auto folder = WatchedFolder::generic(arguments[++i]);
+        auto folder = WatchedFolder::generic(absoluteFolder(arguments[++i]));
         auto resolved = folder.resolvedURL();
         bool known = resolved == voiceMemos || std::any_of(folders.begin(), folders.end(), [&](const auto& f) {
                          return f.id == folder.id || f.resolvedURL() == resolved;
@@ -101,6 +118,14 @@ void cmdSetup(const std::vector<std::string>& arguments)
         changed.afterTranscriptCommand = trimmed.empty() ? std::nullopt : std::optional(trimmed);
     }
     store.settings = changed;
+    // A settings file that could not be read is the user's: kept beside the new one.
+    if (store.unreadable()) {
+        auto stamp = Iso8601::format(std::chrono::system_clock::now());
+        std::erase(stamp, ':');
+        if (auto kept = keepAside(Settings::fileURL(), stamp); kept.path) {
+            out("Kept the settings file that could not be read as " + kept.path->string());
+        }
+    }
     store.save();
     // From here on whatever arrives in these folders is the user's to capture, even should
     // the agent's first index never end, and every capture can be retried.

@@ -14,6 +14,7 @@
 #include "quillet_capture/platform/UserDefaults.hpp"
 #include "quillet_capture/util/Utf8.hpp"
 #include "quillet_capture/vault/InboxWriter.hpp"
+#include "quillet_capture/util/AtomicFile.hpp"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -79,7 +80,7 @@ private:
 
 StatusLog readStatusLog(const fs::path& file, std::size_t tailLines)
 {
-    int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
+    int fd = openRegularFile(file, O_RDONLY);
     if (fd < 0) {
         return {};
     }

@@ -4,6 +4,8 @@
 #include "quillet_capture/platform/System.hpp"
 #include "quillet_capture/runtime/MainLoop.hpp"
 #include "quillet_capture/runtime/SerialQueue.hpp"
+#include "quillet_capture/util/AtomicFile.hpp"
+#include "quillet_capture/util/Utf8.hpp"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -19,6 +21,8 @@ namespace quillet {
 namespace {
 
 constexpr std::uintmax_t kRotateAbove = 5'000'000;
+// The most of one text (a file name, a service's answer) that a log line carries.
+constexpr std::size_t kLongestText = 2048;
 
 std::string formatNumber(const std::string& spec, char conversion, const LogArg& arg)
 {
@@ -52,7 +56,9 @@ std::string formatNumber(const std::string& spec, char conversion, const LogArg&
 std::string formatText(const LogArg& arg)
 {
     if (auto* text = std::get_if<std::string>(&arg.value)) {
-        return *text;
+        // An error page of megabytes, logged at every poll, would push every other line out
+        // of both log generations.
+        return Utf8::cut(*text, kLongestText);
     }
     if (auto* integer = std::get_if<long long>(&arg.value)) {
         return std::to_string(*integer);
@@ -144,10 +150,13 @@ std::string formatLog(std::string_view format, std::initializer_list<LogArg> arg
 
 void rlogMessage(const std::string& message)
 {
-    System::systemLog(message);
-    std::string line = message + "\n";
+    // One line of UTF-8 whatever the message holds: a file name with a line break cannot
+    // forge a line, and one that is not UTF-8 cannot keep status from showing the log.
+    const std::string safe = Utf8::escapedLine(message);
+    System::systemLog(safe);
+    std::string line = safe + "\n";
     std::fwrite(line.data(), 1, line.size(), stderr);
-    QuilletLog::write(message);
+    QuilletLog::write(safe);
 }
 
 namespace QuilletLog {
@@ -186,8 +195,16 @@ void append(const std::filesystem::path& file, const std::string& line)
         std::filesystem::rename(file, rotated, ignored);
     }
     // O_APPEND keeps whole lines whole when the menu-bar app appends at the same time.
-    int fd = ::open(file.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
+    int fd = openRegularFile(file, O_WRONLY | O_APPEND | O_CREAT, 0600);
     if (fd < 0) {
+        // Only the log's queue runs this.
+        static bool told = false;
+        if (errno == EINVAL && !told) {
+            told = true;
+            std::string text = "[quillet] log: " + Utf8::escapedLine(file.string()) +
+                               " is not a regular file; log lines go to standard error only\n";
+            std::fwrite(text.data(), 1, text.size(), stderr);
+        }
         return;
     }
     const char* data = line.data();

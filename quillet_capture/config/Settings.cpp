@@ -63,15 +63,24 @@ fs::path Settings::fileURL()
 
 void Settings::load()
 {
-    auto contents = readWholeFile(fileURL());
-    if (!contents) {
-        return;
+    // A broken file behaves like no file: the caller keeps what it had. But it is said, or
+    // the user would follow "run setup" and lose the folders and the service address.
+    auto file = fileURL();
+    std::optional<std::string> problem;
+    if (auto contents = readWholeFile(file)) {
+        try {
+            settings = AppSettings::decode(*contents);
+        } catch (const std::exception& error) {
+            problem = error.what();
+        }
+    } else if (std::error_code error; fs::exists(fs::symlink_status(file, error))) {
+        problem = fs::is_regular_file(file, error) ? "it cannot be read" : "it is not a regular file";
     }
-    try {
-        settings = AppSettings::decode(*contents);
-    } catch (const std::exception&) {
-        // A broken file behaves like no file: the caller keeps what it had.
+    if (problem && problem != unreadable_) {
+        rlog("[quillet] capture-cli: settings file %@ cannot be used (%@); using the defaults", file.string(),
+             *problem);
     }
+    unreadable_ = std::move(problem);
 }
 
 void Settings::reload()

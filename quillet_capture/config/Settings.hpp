@@ -33,8 +33,12 @@ public:
 
     /// Reads the whole file; when it decodes as a record, that record replaces `settings`.
     /// Otherwise (no file, unreadable, not JSON, a required key missing, a wrong type, an
-    /// unknown enumeration string) `settings` stays as it was. Silent.
+    /// unknown enumeration string) `settings` stays as it was; a file that is there but cannot
+    /// be used is logged (and so shown on standard error) in one line that names it and its
+    /// first problem, once per problem and process.
     void load();
+    /// The first problem of the settings file when one is there that `load()` could not use.
+    const std::optional<std::string>& unreadable() const { return unreadable_; }
     /// The same as `load()`.
     void reload();
     /// Puts the defaults back and reads the file at `fileURL()` again (for tests that move
@@ -137,6 +141,8 @@ public:
 
 private:
     Settings();
+
+    std::optional<std::string> unreadable_;
 };
 
 } // namespace quillet

@@ -1,4 +1,5 @@
 #include "quillet_capture/migration/ItemMover.hpp"
+#include "quillet_capture/util/AtomicFile.hpp"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -102,8 +103,8 @@ bool sameItem(const fs::path& a, const struct stat& sa, const fs::path& b, const
     if (!S_ISREG(sa.st_mode) || !S_ISREG(sb.st_mode) || sa.st_size != sb.st_size) {
         return false;
     }
-    int fa = ::open(a.c_str(), O_RDONLY | O_CLOEXEC);
-    int fb = ::open(b.c_str(), O_RDONLY | O_CLOEXEC);
+    int fa = openRegularFile(a, O_RDONLY);
+    int fb = openRegularFile(b, O_RDONLY);
     bool same = fa >= 0 && fb >= 0;
     static constexpr size_t kChunk = 64 * 1024;
     std::string ba(kChunk, '\0');
@@ -366,7 +367,7 @@ ItemMover::Placed ItemMover::copyAcross(const fs::path& from, const fs::path& to
     // file (removed by the next attempt) or two equal copies (the next attempt drops one).
     fs::path temp = temporaryName(to);
     ::unlink(temp.c_str());
-    int in = ::open(from.c_str(), O_RDONLY | O_CLOEXEC);
+    int in = openRegularFile(from, O_RDONLY);
     if (in < 0) {
         failure(from, to, errno);
         return Placed::failed;

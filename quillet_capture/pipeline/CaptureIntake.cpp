@@ -4,6 +4,7 @@
 #include "quillet_capture/platform/Paths.hpp"
 #include "quillet_capture/util/AtomicFile.hpp"
 #include "quillet_capture/util/Iso8601.hpp"
+#include "quillet_capture/util/Utf8.hpp"
 
 #include <nlohmann/json.hpp>
 
@@ -50,7 +51,7 @@ CaptureIntake::CaptureIntake(fs::path file)
         if (!folderId || !name || !source || !canonicalId || !timestamp) {
             continue;
         }
-        entries_.push_back({*folderId, *name, *source, *canonicalId, *timestamp});
+        entries_.push_back({*folderId, Utf8::bytesOf(*name), Utf8::bytesOf(*source), *canonicalId, *timestamp});
     }
 }
 
@@ -84,8 +85,9 @@ void CaptureIntake::persistLocked()
         pending.push_back({
             {"canonicalId", entry.canonicalId},
             {"folderId", entry.folderId},
-            {"name", entry.name},
-            {"source", entry.source.string()},
+            // Names that are not UTF-8 are kept byte for byte: the entry must find its file.
+            {"name", Utf8::lossless(entry.name)},
+            {"source", Utf8::lossless(entry.source.string())},
             {"timestamp", Iso8601::format(entry.timestamp)},
         });
     }

@@ -5,6 +5,7 @@
 #include "quillet_capture/platform/Paths.hpp"
 #include "quillet_capture/util/AtomicFile.hpp"
 #include "quillet_capture/util/Iso8601.hpp"
+#include "quillet_capture/util/Utf8.hpp"
 
 #include <nlohmann/json.hpp>
 
@@ -203,26 +204,13 @@ bool isUtf8(std::string_view text)
     return true;
 }
 
-// A name as the file keeps it: each byte that is not part of UTF-8 becomes U+FFFD. The store
-// looks names up and keeps them in this form, so that the state read at the next start still
-// knows a file whose name is not UTF-8 (it would be captured again otherwise). Names that are
-// UTF-8, nearly all, are kept as they are (see keyOf).
+// A name as the file keeps it: UTF-8 that keeps every byte (Utf8::lossless), so that two
+// names that differ only in bytes that are not UTF-8 are two entries, and the state read at
+// the next start still knows such a file (it would be captured again otherwise). Names that
+// are UTF-8, nearly all, are kept as they are (see keyOf).
 std::string storedName(std::string_view name)
 {
-    std::string out;
-    out.reserve(name.size());
-    for (size_t i = 0; i < name.size();) {
-        if (static_cast<unsigned char>(name[i]) < 0x80) {
-            out += name[i++];
-        } else if (size_t length = validSequence(name.substr(i)); length > 0) {
-            out.append(name.substr(i, length));
-            i += length;
-        } else {
-            out += "\xEF\xBF\xBD";
-            ++i;
-        }
-    }
-    return out;
+    return Utf8::lossless(name);
 }
 
 // The key of `name` in a folder's set, without a copy when the name is UTF-8.
@@ -687,24 +675,15 @@ void CaptureStateStore::keepUnreadableAside()
     // Kept for the user to look at, never overwritten: the next write makes a new file.
     auto stamp = Iso8601::format(clock_.now());
     std::erase(stamp, ':');
-    std::error_code error;
-    for (int n = 1; n < 100; ++n) {
-        auto aside = storePath_;
-        aside += ".unreadable-" + stamp + (n == 1 ? "" : "-" + std::to_string(n));
-        if (std::filesystem::exists(aside, error)) {
-            continue;
-        }
-        std::filesystem::rename(storePath_, aside, error);
-        if (error) {
-            break;
-        }
+    auto kept = keepAside(storePath_, stamp);
+    if (kept.path) {
         rlog("[quillet] capture: state file %@ cannot be read; kept it as %@ and started afresh (recordings "
              "that arrived since their folder was first watched are captured unless the vault has them)",
-             storePath_.string(), aside.string());
+             storePath_.string(), kept.path->string());
         return;
     }
     rlog("[quillet] capture: state file %@ cannot be read and cannot be kept aside (%@); starting afresh",
-         storePath_.string(), error ? error.message() : std::string("too many kept already"));
+         storePath_.string(), kept.failure);
 }
 
 void CaptureStateStore::persistLocked()

@@ -54,7 +54,7 @@ void AgentManager::install(const std::string& executable, const Print& print)
     // The agent's output carries every log line, like the log, which is owner-only; the
     // service manager would create the file readable by everyone, and keeps the mode of one
     // that exists.
-    int output = ::open(where.agentOutputFile.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+    int output = openRegularFile(where.agentOutputFile, O_WRONLY | O_CREAT | O_APPEND, 0600);
     if (output >= 0) {
         ::fchmod(output, 0600);
         ::close(output);

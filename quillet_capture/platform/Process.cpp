@@ -100,9 +100,12 @@ Child spawn(const std::string& path, const std::vector<std::string>& arguments, 
         flags |= POSIX_SPAWN_SETPGROUP;
         posix_spawnattr_setpgroup(&setup.attributes, 0);
     }
+    // Nothing but the three standard descriptors reaches the child, also a descriptor that a
+    // library opened without close-on-exec (a connection to the service, say).
 #if defined(POSIX_SPAWN_CLOEXEC_DEFAULT)
-    // Darwin only: nothing but the three standard descriptors reaches the child.
     flags |= POSIX_SPAWN_CLOEXEC_DEFAULT;
+#else
+    posix_spawn_file_actions_addclosefrom_np(&setup.actions, STDERR_FILENO + 1);
 #endif
     posix_spawnattr_setflags(&setup.attributes, flags);
 

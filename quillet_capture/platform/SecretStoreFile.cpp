@@ -1,3 +1,4 @@
+#include "quillet_capture/config/Log.hpp"
 #include "quillet_capture/platform/Paths.hpp"
 #include "quillet_capture/platform/SecretStore.hpp"
 #include "quillet_capture/util/AtomicFile.hpp"
@@ -23,6 +24,13 @@ std::mutex fileLock;
 
 json load(const std::filesystem::path& file)
 {
+    // The token gives the whole account: a file that others can read (copied in from a
+    // backup, say) is made owner-only, and said.
+    struct stat info {};
+    if (::stat(file.c_str(), &info) == 0 && S_ISREG(info.st_mode) && (info.st_mode & 077) != 0 &&
+        ::chmod(file.c_str(), 0600) == 0) {
+        rlog("[quillet] token store: %@ was readable by others; made it owner-only (0600)", file.string());
+    }
     auto text = readWholeFile(file);
     if (!text) {
         return json::object();

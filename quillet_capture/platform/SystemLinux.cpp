@@ -58,6 +58,8 @@ void openURL(const std::string& url)
             dup2(null, STDOUT_FILENO);
             dup2(null, STDERR_FILENO);
         }
+        // The browser keeps nothing of ours open: not the log, not a connection to the service.
+        closefrom(STDERR_FILENO + 1);
         const char* opener = std::getenv("QUILLET_URL_OPENER");
         if (opener == nullptr || *opener == '\0') {
             opener = "xdg-open";

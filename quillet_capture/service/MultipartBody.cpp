@@ -1,5 +1,7 @@
 #include "quillet_capture/service/MultipartBody.hpp"
 
+#include "quillet_capture/util/AtomicFile.hpp"
+
 #include <nlohmann/json.hpp>
 
 #include <fcntl.h>
@@ -116,7 +118,7 @@ std::string MultipartBody::mediaType(const std::filesystem::path& file)
 MultipartBody::MultipartBody(std::string boundary, const Fields& fields, const std::filesystem::path& file)
     : boundary_(std::move(boundary)), file_(file)
 {
-    fd_ = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
+    fd_ = openRegularFile(file, O_RDONLY);
     if (fd_ < 0) {
         throwErrno(file.string());
     }

@@ -132,17 +132,39 @@ void flushFileSystem(const std::filesystem::path& folder)
     ::close(dir);
 }
 
+int openRegularFile(const std::filesystem::path& file, int flags, mode_t mode)
+{
+    // Looked at first too: opening a FIFO that has no reader for writing fails with ENXIO,
+    // which would hide what the path names.
+    struct stat named {};
+    if (::stat(file.c_str(), &named) == 0 && !S_ISREG(named.st_mode)) {
+        errno = EINVAL;
+        return -1;
+    }
+    int fd = ::open(file.c_str(), flags | O_CLOEXEC | O_NONBLOCK, mode);
+    if (fd < 0) {
+        return -1;
+    }
+    struct stat info {};
+    int error = ::fstat(fd, &info) != 0 ? errno : S_ISREG(info.st_mode) ? 0 : EINVAL;
+    if (error != 0) {
+        ::close(fd);
+        errno = error;
+        return -1;
+    }
+    // Reads and writes of a regular file block as usual; only the open had to not.
+    ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) & ~O_NONBLOCK);
+    return fd;
+}
+
 std::optional<std::string> readWholeFile(const std::filesystem::path& file)
 {
-    int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
+    int fd = openRegularFile(file, O_RDONLY);
     if (fd < 0) {
         return std::nullopt;
     }
     struct stat info {};
-    if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
-        ::close(fd);
-        return std::nullopt;
-    }
+    ::fstat(fd, &info);
     std::string contents;
     contents.reserve(static_cast<size_t>(info.st_size));
     char buffer[65536];
@@ -162,6 +184,24 @@ std::optional<std::string> readWholeFile(const std::filesystem::path& file)
     }
     ::close(fd);
     return contents;
+}
+
+KeptAside keepAside(const std::filesystem::path& file, const std::string& stamp)
+{
+    std::error_code error;
+    for (int n = 1; n < 100; ++n) {
+        auto aside = file;
+        aside += ".unreadable-" + stamp + (n == 1 ? "" : "-" + std::to_string(n));
+        if (std::filesystem::exists(std::filesystem::symlink_status(aside, error))) {
+            continue;
+        }
+        std::filesystem::rename(file, aside, error);
+        if (error) {
+            return {std::nullopt, error.message()};
+        }
+        return {aside, {}};
+    }
+    return {std::nullopt, "too many kept already"};
 }
 
 bool isAtomicWriteLeftover(std::string_view fileName)

@@ -34,9 +34,26 @@ void writeFileAtomically(const std::filesystem::path& file, std::string_view con
 /// flushed.
 void flushFileSystem(const std::filesystem::path& folder);
 
-/// The whole contents of `file`, or nothing when it cannot be read (missing, a folder, no
-/// permission).
+/// Opens `file` with `flags` (plus close-on-exec), but only when it is a regular file: a FIFO,
+/// a device or a socket put where a file belongs must not block or feed the program. Opening
+/// never blocks (a FIFO without a writer would hold a read open for ever). Returns the
+/// descriptor, or -1 with errno set; EINVAL when the path names something that is not a
+/// regular file. `mode` applies when `flags` has O_CREAT.
+int openRegularFile(const std::filesystem::path& file, int flags, mode_t mode = 0600);
+
+/// The whole contents of `file`, or nothing when it cannot be read (missing, a folder, a FIFO
+/// or anything else that is not a regular file, no permission).
 std::optional<std::string> readWholeFile(const std::filesystem::path& file);
+
+/// Renames `file` to "<file>.unreadable-<stamp>" (with "-2", "-3", ... when that name is
+/// taken), never over another file, so that a file the program cannot read is kept for the
+/// user rather than overwritten. `stamp` is a time without colons. Returns the new path, or
+/// the reason it could not be kept.
+struct KeptAside {
+    std::optional<std::filesystem::path> path;
+    std::string failure;
+};
+KeptAside keepAside(const std::filesystem::path& file, const std::string& stamp);
 
 /// True for the names of the temporary files that writeFileAtomically leaves behind when the
 /// process dies between writing and renaming.

@@ -31,7 +31,7 @@ constexpr std::string_view kDelimiter = "\n---";
 
 std::string readText(const fs::path& file)
 {
-    int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
+    int fd = openRegularFile(file, O_RDONLY);
     if (fd < 0) {
         throwErrno(errno, "cannot read " + file.string());
     }
@@ -61,7 +61,7 @@ std::string readText(const fs::path& file)
 // Reading stops as soon as the block is closed, or as soon as the text cannot have one.
 std::string readFrontmatterText(const fs::path& file)
 {
-    int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
+    int fd = openRegularFile(file, O_RDONLY);
     if (fd < 0) {
         throwErrno(errno, "cannot read " + file.string());
     }
@@ -108,7 +108,7 @@ int flushToDisk(int fd)
 // Copies the whole of `source` into `fd`, which stands for `target`.
 void copyBytes(const fs::path& source, int fd, const fs::path& target)
 {
-    int in = ::open(source.c_str(), O_RDONLY | O_CLOEXEC);
+    int in = openRegularFile(source, O_RDONLY | O_NOFOLLOW);
     if (in < 0) {
         throwErrno(errno, "cannot read " + source.string());
     }

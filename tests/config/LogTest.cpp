@@ -64,6 +64,24 @@ TEST(LogFile, FirstLineCreatesTheFolderAndTheFile)
     EXPECT_EQ(QuilletLog::fileURL(), Paths::logFile());
 }
 
+// Every line is one line: a name cannot start a line of its own, and a service's error page
+// of megabytes takes about 2 KB of the log, saying how much was left out.
+TEST(LogFile, EachMessageIsOneLineAndLongTextsAreCut)
+{
+    test::ScratchHome home;
+    rlog("[quillet] capture: new file -- %@", "memo\n2024-01-01T00:00:00Z [quillet] capture-cli: forged.m4a");
+    rlog("[quillet] capture pipeline: status poll error for %@: %@", "240101-000000",
+         "HTTP 502: " + std::string(2'800'000, 'x'));
+    QuilletLog::drain();
+    auto lines = test::readLines(Paths::logFile());
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_TRUE(lines[0].ends_with("[quillet] capture: new file -- memo\\n2024-01-01T00:00:00Z [quillet] "
+                                   "capture-cli: forged.m4a"))
+        << lines[0];
+    EXPECT_LT(lines[1].size(), 2200u);
+    EXPECT_TRUE(lines[1].ends_with("x... (" + std::to_string(2'800'000 + 10 - 2048) + " more bytes)")) << lines[1];
+}
+
 TEST(LogFile, LinesFromManyThreadsAreWholeAndInOrderPerThread)
 {
     test::ScratchHome home;

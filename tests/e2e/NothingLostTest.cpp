@@ -10,6 +10,8 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
 #include <atomic>
 #include <chrono>
 #include <filesystem>
@@ -124,6 +126,99 @@ TEST(NothingLost, TheFirstRetryRetriesWhatFailedBeforeIt)
                                           "\nUploaded 1, skipped 0, failed 0.\n"))
         << result.output;
     EXPECT_NE(agent.statuses()[recording.id], "upload_failed");
+}
+
+// One agent at a time works on a state folder: a second `run` (a second login, a copy started
+// by hand) stops at once, naming the first, instead of capturing and uploading everything a
+// second time; import-existing, which must not race an agent, says which process to stop.
+TEST(NothingLost, OneAgentAtATimeWorksOnAStateFolder)
+{
+    CaptureAgentHarness agent(12);
+    agent.setPollInterval(1);
+    agent.setPace({.processingPolls = 0});
+    ASSERT_TRUE(agent.startAndWait());
+    const std::string pid = std::to_string(agent.pid());
+
+    auto second = test::runProcess(test::programPath(), {"run"}, {{"QUILLET_POLL_INTERVAL_SECONDS", "1"}}, 20);
+    EXPECT_EQ(second.status, 1);
+    EXPECT_NE(second.errors.find("[quillet] capture-cli: another agent is already running (pid " + pid +
+                                 ") -- not starting a second one\n"),
+              std::string::npos)
+        << second.errors;
+    auto import = test::runProcess(test::programPath(), {"import-existing"}, {}, 30);
+    EXPECT_EQ(import.status, 1);
+    EXPECT_NE(import.errors.find("Another quillet-capture run is working on this state folder (pid " + pid +
+                                 "). Stop it (kill " + pid + "), then run this command again.\n"),
+              std::string::npos)
+        << import.errors;
+
+    agent.drop(1);
+    ASSERT_TRUE(agent.waitUntilAllDone(60)) << agent.agentOutput();
+    EXPECT_EQ(agent.stop(), 0);
+    EXPECT_EQ(agent.uploadCount(), 1);
+    // The lock goes with the agent.
+    ASSERT_TRUE(agent.startAndWait());
+    EXPECT_EQ(agent.stop(), 0);
+}
+
+// A FIFO where a note, the settings, the token, the state or the log belongs holds no command
+// and no agent: each is read without waiting for a writer and taken for unreadable.
+TEST(NothingLost, AFifoWhereAFileBelongsHangsNothing)
+{
+    CaptureAgentHarness agent(13);
+    agent.setPollInterval(1);
+    agent.setPace({.processingPolls = 0});
+    ASSERT_TRUE(agent.startAndWait());
+    agent.drop(1);
+    ASSERT_TRUE(agent.waitUntilAllDone(60)) << agent.agentOutput();
+    EXPECT_EQ(agent.stop(), 0);
+
+    ASSERT_EQ(::mkfifo((agent.inbox() / "x.md").c_str(), 0600), 0);
+    for (const char* command : {"status", "retry", "sync"}) {
+        auto result = test::runProcess(test::programPath(), {command}, {}, 30);
+        EXPECT_LT(result.status, 128) << command << " hung: " << result.errors;
+    }
+    for (const auto& file : {Paths::settingsFile(), Paths::credentialsFile(), Paths::stateFile(), Paths::logFile()}) {
+        auto aside = file;
+        aside += ".aside";
+        fs::rename(file, aside);
+        ASSERT_EQ(::mkfifo(file.c_str(), 0600), 0) << file;
+        auto result = test::runProcess(test::programPath(), {"status"}, {}, 30);
+        EXPECT_EQ(result.status, 0) << file << ": " << result.errors;
+        fs::remove(file);
+        fs::rename(aside, file);
+    }
+
+    // The agent with a FIFO for its log still starts, and stops when asked.
+    fs::rename(Paths::logFile(), agent.home() / "log.aside");
+    ASSERT_EQ(::mkfifo(Paths::logFile().c_str(), 0600), 0);
+    auto run = test::runProcess("/bin/sh",
+                                {"-c", "\"$0\" run & agent=$!; sleep 3; kill -TERM $agent; wait $agent; echo \"ended $?\"",
+                                 test::programPath()},
+                                {{"QUILLET_POLL_INTERVAL_SECONDS", "1"}}, 40);
+    EXPECT_EQ(run.output, "ended 0\n") << run.errors;
+    EXPECT_NE(run.errors.find(Paths::logFile().string() +
+                              " is not a regular file; log lines go to standard error only\n"),
+              std::string::npos)
+        << run.errors;
+    EXPECT_NE(run.errors.find("[quillet] capture-cli: stopping (SIGTERM)"), std::string::npos) << run.errors;
+    fs::remove(Paths::logFile());
+}
+
+// A token file that others can read (restored from a backup, copied by hand) is made
+// owner-only when it is next read, and the log says so.
+TEST(NothingLost, ATokenFileThatOthersCanReadIsMadeOwnerOnly)
+{
+    CaptureAgentHarness agent(14);
+    ASSERT_EQ(::chmod(Paths::credentialsFile().c_str(), 0644), 0);
+    auto result = test::runProcess(test::programPath(), {"status"});
+    EXPECT_EQ(result.status, 0) << result.errors;
+    EXPECT_EQ(fs::status(Paths::credentialsFile()).permissions() & fs::perms::all, fs::perms::owner_read | fs::perms::owner_write);
+    EXPECT_NE(result.errors.find("[quillet] token store: " + Paths::credentialsFile().string() +
+                                 " was readable by others; made it owner-only (0600)"),
+              std::string::npos)
+        << result.errors;
+    EXPECT_NE(result.output.find("  paired:      yes ("), std::string::npos) << result.output;
 }
 
 } // namespace

@@ -8,6 +8,8 @@
 
 #include <filesystem>
 
+#include <sys/stat.h>
+
 namespace quillet {
 namespace {
 
@@ -164,6 +166,55 @@ TEST_F(SetupTest, AFolderGivenTwiceIsWatchedOnce)
     ASSERT_EQ(folders.size(), 2u);
     EXPECT_EQ(folders[0]["id"], "voice-memos");
     EXPECT_EQ(folders[1]["path"], h + "/Sync/Phone");
+}
+
+// A relative --vault or --watch names a folder of the working folder of setup, not of the
+// agent's or a later command's: it is stored absolute.
+TEST_F(SetupTest, RelativeFoldersAreStoredAbsolute)
+{
+    fs::create_directories(home.path() / "work");
+    auto result = test::runProcess("/bin/sh", {"-c", "cd '" + h + "/work' && exec \"$0\" setup --vault Notes/ "
+                                                      "--watch ../Synced --watch '~/Phone'",
+                                               test::programPath()});
+    ASSERT_EQ(result.status, 0) << result.errors;
+    auto stored = saved();
+    EXPECT_EQ(stored["vaultPath"], h + "/work/Notes");
+    EXPECT_EQ(stored["watchedFoldersRaw"][1]["path"], h + "/Synced");
+    EXPECT_EQ(stored["watchedFoldersRaw"][2]["path"], "~/Phone");
+    EXPECT_TRUE(fs::is_directory(home.path() / "work/Notes/_inbox"));
+}
+
+// Settings that cannot be used are not dropped without a word: every command says which file
+// and why, in one line, and setup keeps the file beside the new one.
+TEST_F(SetupTest, UnusableSettingsAreSaidAndKeptAside)
+{
+    test::writeFile(settingsFile, "{\"vaultPath\": \"/notes\", \"veldaneBaseURL\": ");
+    auto status = test::runProcess(test::programPath(), {"status"});
+    EXPECT_EQ(status.status, 0) << status.errors;
+    EXPECT_THAT(status.errors, ::testing::HasSubstr("[quillet] capture-cli: settings file " + settingsFile.string() +
+                                                    " cannot be used ("));
+    EXPECT_THAT(status.errors, ::testing::HasSubstr("); using the defaults\n"));
+
+    auto result = setup({"--vault", h + "/Vault"});
+    ASSERT_EQ(result.status, 0) << result.errors;
+    std::vector<fs::path> kept;
+    for (const auto& entry : fs::directory_iterator(settingsFile.parent_path())) {
+        if (entry.path().filename().string().starts_with("settings.json.unreadable-")) {
+            kept.push_back(entry.path());
+        }
+    }
+    ASSERT_EQ(kept.size(), 1u);
+    EXPECT_EQ(test::readFile(kept[0]), "{\"vaultPath\": \"/notes\", \"veldaneBaseURL\": ");
+    EXPECT_THAT(result.output, ::testing::StartsWith("Kept the settings file that could not be read as " +
+                                                     kept[0].string() + "\n"));
+    EXPECT_EQ(saved()["vaultPath"], h + "/Vault");
+
+    // Something that is no file at all where the settings belong hangs nothing.
+    fs::remove(settingsFile);
+    ASSERT_EQ(::mkfifo(settingsFile.c_str(), 0600), 0);
+    status = test::runProcess(test::programPath(), {"status"}, {}, 20);
+    EXPECT_EQ(status.status, 0) << status.errors;
+    EXPECT_THAT(status.errors, ::testing::HasSubstr(" cannot be used (it is not a regular file)"));
 }
 
 TEST_F(SetupTest, FoldersThatCannotBeWritten)

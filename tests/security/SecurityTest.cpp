@@ -6,6 +6,7 @@
 #include "quillet_capture/platform/UserDefaults.hpp"
 #include "quillet_capture/runtime/Tasks.hpp"
 #include "quillet_capture/util/AtomicFile.hpp"
+#include "quillet_capture/util/Utf8.hpp"
 #include "quillet_capture/vault/InboxWriter.hpp"
 
 #include "tests/e2e/CaptureAgentHarness.hpp"
@@ -370,6 +371,8 @@ TEST(Security, HostileFileNamesCannotLeaveTheInboxOrReachACommand)
         "up\\..\\..\\escape.m4a",
         " spaced .m4a",
         "not utf8 \xff\xfe.m4a",
+        // The same name but for a byte that is not UTF-8 either: another recording.
+        "not utf8 \xff\xfd.m4a",
         std::string(250, 'x') + ".m4a",
     };
     // APFS refuses a name that is not UTF-8 (EILSEQ): there no such file can reach the agent.
@@ -378,8 +381,14 @@ TEST(Security, HostileFileNamesCannotLeaveTheInboxOrReachACommand)
         ::close(probe);
         fs::remove(agent.home() / notUtf8);
     } else if (errno == EILSEQ) {
-        hostile.erase(std::find(hostile.begin(), hostile.end(), notUtf8));
+        std::erase_if(hostile, [](const std::string& name) { return name.starts_with("not utf8 "); });
     }
+    // Entries named like recordings that are none: a link to a file the user can read (it
+    // would be uploaded), a folder and a FIFO (copying it would wait for a writer for ever).
+    test::writeFile(agent.home() / "private.txt", fixture + "private");
+    fs::create_symlink(agent.home() / "private.txt", synced / "link.m4a");
+    fs::create_directories(synced / "folder.m4a");
+    ASSERT_EQ(::mkfifo((synced / "pipe.m4a").c_str(), 0600), 0);
     // Each copy ends with the number of the name it was captured from.
     auto tagOf = [](const std::string& bytes) { return bytes.substr(bytes.rfind("hostile ")); };
     std::set<std::string> contents;
@@ -424,7 +433,8 @@ TEST(Security, HostileFileNamesCannotLeaveTheInboxOrReachACommand)
         EXPECT_TRUE(watched || file.filename().string().find("PWNED") == std::string::npos) << file;
         bool expected = false;
         for (const auto& place : {agent.memos(), synced, agent.inbox(), agent.stateFolder(), Paths::logFolder(),
-                                  Paths::settingsFile().parent_path(), agent.home() / "agent-output.log", after}) {
+                                  Paths::settingsFile().parent_path(), agent.home() / "agent-output.log", after,
+                                  agent.home() / "private.txt"}) {
             auto [end, ignored] = std::mismatch(place.begin(), place.end(), file.begin(), file.end());
             expected = expected || end == place.end();
         }
@@ -432,12 +442,50 @@ TEST(Security, HostileFileNamesCannotLeaveTheInboxOrReachACommand)
     }
     EXPECT_FALSE(fs::exists(fs::current_path() / "PWNED"));
     EXPECT_EQ(test::countLogLines("unparseable name, marking seen"), 3);
-    // What a name can do: its line breaks go into the log as they are, so it can start a line
-    // of its own there (which `status` may show). It changes nothing else.
+    // Skipped, and said once in all the polls of two runs of the agent.
+    EXPECT_EQ(test::countLogLines("skipping link.m4a (a symbolic link)"), 2);
+    EXPECT_EQ(test::countLogLines("skipping folder.m4a (not a regular file)"), 2);
+    EXPECT_EQ(test::countLogLines("skipping pipe.m4a (not a regular file)"), 2);
+    // A name cannot start a log line of its own (which `status` would show as genuine) nor
+    // keep status from showing the log: every line is one line of UTF-8 that starts with its
+    // time, and the name's line breaks and stray bytes are written as escapes.
     auto lines = test::readLines(Paths::logFile());
-    EXPECT_TRUE(std::any_of(lines.begin(), lines.end(), [](const std::string& line) {
-        return line.starts_with("[quillet] capture-cli: paired (tok_forged)");
-    }));
+    const std::regex stamped(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d(Z|[+-]\d\d:\d\d) .*)");
+    for (const auto& line : lines) {
+        EXPECT_TRUE(std::regex_match(line, stamped)) << line;
+        EXPECT_TRUE(Utf8::isValid(line)) << line;
+    }
+    EXPECT_EQ(test::countLogLines("line\\nbreak\\n[quillet] capture-cli: paired (tok_forged).m4a"), 1);
+    if (std::any_of(hostile.begin(), hostile.end(), [](const auto& name) { return name.starts_with("not utf8 "); })) {
+        EXPECT_GE(test::countLogLines("not utf8 \\xff\\xfe.m4a"), 1);
+    }
+    auto status = test::runProcess(test::programPath(), {"status"});
+    auto tail = status.output.find("Last log lines (");
+    ASSERT_NE(tail, std::string::npos) << status.output;
+    EXPECT_NE(status.output.find(" [quillet] capture", tail), std::string::npos) << status.output;
+}
+
+// What the after-transcript command inherits of the agent: its three standard streams and
+// nothing else (no log file, no connection to the service, no lock).
+TEST(Security, TheAfterTranscriptCommandGetsOnlyItsStandardStreams)
+{
+    CaptureAgentHarness agent(11);
+    auto fds = agent.home() / "fds.txt";
+    agent.editSettings([&](AppSettings& settings) {
+        settings.afterTranscriptCommand =
+            // Not a redirection of the loop: bash would keep its own standard output open
+            // in descriptor 10 meanwhile.
+            "exec > '" + fds.string() + "'; for fd in $(seq 3 200); do if (: >&$fd) 2>/dev/null; then echo \"fd $fd\"; "
+            "fi; done; echo checked";
+    });
+    agent.setPollInterval(1);
+    agent.setPace({.processingPolls = 0});
+    ASSERT_TRUE(agent.startAndWait());
+    agent.drop(1);
+    ASSERT_TRUE(test::eventually([&] { return test::readFile(fds).find("checked") != std::string::npos; }, 60))
+        << agent.agentOutput();
+    EXPECT_EQ(agent.stop(), 0);
+    EXPECT_EQ(test::readFile(fds), "checked\n");
 }
 
 } // namespace
