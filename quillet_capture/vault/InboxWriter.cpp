@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <charconv>
 #include <system_error>
@@ -274,6 +275,22 @@ std::string_view checkedId(std::string_view id)
     return id;
 }
 
+bool isKnownTopLevel(std::string_view key)
+{
+    static constexpr std::array<std::string_view, 14> kKeys = {
+        "id",   "created", "classification", "status",       "confidence",   "source",      "target_skill",
+        "target_folder", "title", "tags", "processed_at", "processed_by", "output_file", "archived_to"};
+    return std::find(kKeys.begin(), kKeys.end(), key) != kKeys.end();
+}
+
+bool isKnownSourceKey(std::string_view key)
+{
+    static constexpr std::array<std::string_view, 11> kKeys = {
+        "type",          "origin",      "audio_path",    "audio_duration_sec", "ingestion_tool", "external_id",
+        "vd_job_status", "uploaded_at", "app",           "microphone",         "channel_layout"};
+    return std::find(kKeys.begin(), kKeys.end(), key) != kKeys.end();
+}
+
 void setTopLevel(InboxWriter::Frontmatter& fm, std::string_view key, std::string_view raw)
 {
     auto value = decodeValue(raw);
@@ -478,10 +495,24 @@ void InboxWriter::writeTranscript(std::string_view id, std::string_view transcri
     checkedId(id);
     auto now = std::chrono::system_clock::now();
     Frontmatter fm;
+    std::string earlier;
     try {
-        fm = frontmatterFromText(readText(noteURL(id)), now);
+        auto text = readText(noteURL(id));
+        fm = frontmatterFromText(text, now);
+        earlier = bodyFromText(text);
     } catch (const std::exception&) {
         fm = Frontmatter::forCapture(std::string(id), now);
+    }
+    // The program writes no body before the transcript: what is there was typed by the user
+    // (or is this transcript, written before), and stays below it.
+    std::string body(transcript);
+    if (std::string_view typed = trim(earlier); !typed.empty()) {
+        if (std::string_view(earlier).starts_with(transcript)) {
+            body = earlier;
+        } else {
+            body += "\n\n";
+            body += typed;
+        }
     }
     // The transcript belongs in the note of `id`, even when a hand edit lost the id line.
     if (fm.id != id) {
@@ -500,7 +531,7 @@ void InboxWriter::writeTranscript(std::string_view id, std::string_view transcri
     if (durationSec) {
         fm.audioDurationSec = durationSec;
     }
-    writeMarkdown(fm, transcript);
+    writeMarkdown(fm, body);
 }
 
 void InboxWriter::updateVDJobStatus(std::string_view id, std::string_view status) const
@@ -532,25 +563,80 @@ InboxWriter::Frontmatter InboxWriter::frontmatterFromText(std::string_view text,
     }
     Frontmatter fm;
     fm.created = now;
+    // The block as entries: a line at the left margin with the lines indented below it (or
+    // list items, or blank lines). What the program does not know is kept verbatim, after the
+    // known key it followed, so that the user's own keys (and what other tools add) survive
+    // every rewrite of the note.
+    std::vector<std::vector<std::string_view>> entries;
     std::string_view rest = *block;
-    std::string section;
     while (!rest.empty()) {
         size_t end = rest.find('\n');
         std::string_view line = rest.substr(0, end);
         rest = end == std::string_view::npos ? std::string_view() : rest.substr(end + 1);
-        bool nested = line.starts_with("  ");
+        bool below = trim(line).empty() || isBlank(line.front()) || line.front() == '-';
+        if (below && !entries.empty()) {
+            entries.back().push_back(line);
+        } else if (!below) {
+            entries.push_back({line});
+        }
+    }
+    auto keyAndValue = [](std::string_view line) -> std::pair<std::string_view, std::string_view> {
         std::string_view trimmed = trim(line);
         size_t colon = trimmed.find(':');
         if (colon == std::string_view::npos) {
+            return {};
+        }
+        return {trim(trimmed.substr(0, colon)), trim(trimmed.substr(colon + 1))};
+    };
+    auto joined = [](auto first, auto last) {
+        std::string text(*first);
+        for (auto it = first + 1; it < last; ++it) {
+            text += '\n';
+            text += *it;
+        }
+        return text;
+    };
+    // Blank lines at the end of an entry are spacing, not part of it.
+    auto lastLine = [](const std::vector<std::string_view>& lines, size_t from) {
+        size_t last = lines.size();
+        while (last > from && trim(lines[last - 1]).empty()) {
+            --last;
+        }
+        return last;
+    };
+    std::string anchor;
+    for (const auto& lines : entries) {
+        auto [key, value] = keyAndValue(lines.front());
+        if (key.empty() || !isKnownTopLevel(key)) {
+            fm.kept.emplace_back(anchor, joined(lines.begin(), lines.begin() + lastLine(lines, 1)));
             continue;
         }
-        std::string_view key = trim(trimmed.substr(0, colon));
-        std::string_view value = trim(trimmed.substr(colon + 1));
-        if (!nested) {
-            section = key;
-            setTopLevel(fm, key, value);
-        } else if (section == "source") {
-            setSource(fm, key, value);
+        anchor = key;
+        setTopLevel(fm, key, value);
+        if (key != "source") {
+            continue;  // what another key has below it was never the program's to keep
+        }
+        // The source map: its known keys are read (at any depth, as always), anything else is
+        // kept with the lines indented deeper below it.
+        std::string inner = "source";
+        bool open = false;
+        for (size_t i = 1; i < lastLine(lines, 1); ++i) {
+            auto line = lines[i];
+            auto [innerKey, innerValue] = keyAndValue(line);
+            if (line.starts_with("  ") && !innerKey.empty() && isKnownSourceKey(innerKey)) {
+                inner = "source." + std::string(innerKey);
+                setSource(fm, innerKey, innerValue);
+                open = false;
+                continue;
+            }
+            auto trimmed = trim(line);
+            if (open && (line.starts_with("   ") || trimmed.empty() || trimmed.starts_with('-'))) {
+                fm.kept.back().second += '\n';
+                fm.kept.back().second += line;
+                continue;
+            }
+            fm.kept.emplace_back(inner, std::string(line));
+            open = true;
         }
     }
     return fm;
@@ -613,12 +699,32 @@ std::string InboxWriter::renderMarkdown(const Frontmatter& fm, std::string_view 
 {
     std::string out;
     out.reserve(512 + body.size());
+    // The kept lines go back after the key they followed; those whose key is not written
+    // now go at the end of their map.
+    std::vector<bool> placed(fm.kept.size(), false);
+    auto placeKept = [&](auto belongs) {
+        for (size_t i = 0; i < fm.kept.size(); ++i) {
+            if (!placed[i] && belongs(fm.kept[i].first)) {
+                placed[i] = true;
+                out += fm.kept[i].second;
+                out += '\n';
+            }
+        }
+    };
     auto line = [&](std::string_view key, std::string_view value) {
         out += key;
         out += value;
         out += '\n';
+        if (fm.kept.empty() || key == "---") {
+            return;
+        }
+        // "  type: " follows the key "source.type", "title: " the key "title".
+        std::string anchor = key.starts_with("  ") ? "source." : "";
+        anchor += trim(key.substr(0, key.find(':')));
+        placeKept([&](const std::string& after) { return after == anchor; });
     };
     line("---", "");
+    placeKept([](const std::string& after) { return after.empty(); });
     line("id: ", unquotedValue(fm.id));
     line("created: ", Iso8601::format(fm.created));
     line("classification: ", unquotedValue(fm.classification));
@@ -650,6 +756,7 @@ std::string InboxWriter::renderMarkdown(const Frontmatter& fm, std::string_view 
     if (fm.recorderChannelLayout) {
         line("  channel_layout: ", quotedValue(*fm.recorderChannelLayout));
     }
+    placeKept([](const std::string& after) { return after.starts_with("source"); });
     if (fm.targetSkill) {
         line("target_skill: ", unquotedValue(*fm.targetSkill));
     }
@@ -682,6 +789,7 @@ std::string InboxWriter::renderMarkdown(const Frontmatter& fm, std::string_view 
     if (fm.archivedTo) {
         line("archived_to: ", quotedValue(*fm.archivedTo));
     }
+    placeKept([](const std::string&) { return true; });
     line("---", "");
     out += '\n';
     out += body;

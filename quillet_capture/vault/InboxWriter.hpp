@@ -67,6 +67,12 @@ public:
         std::optional<std::string> processedBy;
         std::optional<std::string> outputFile;
         std::optional<std::string> archivedTo;
+        /// The lines of the block that are none of the keys above (keys that the user or
+        /// another tool added, with their nested lines, and comments), verbatim, each with the
+        /// known key it followed: "" for the top of the block, "source" for the top of the
+        /// source map, "source.<key>" inside it, else the top-level key. Rendering puts them
+        /// back after that key.
+        std::vector<std::pair<std::string, std::string>> kept;
 
         bool operator==(const Frontmatter&) const = default;
 
@@ -118,8 +124,10 @@ public:
     /// Writes a transcript into the note of `id`: reads its frontmatter (a new capture's when
     /// that fails for any reason), sets the job status "done" and the cache key, the title
     /// `llmTitle` only when the note has none, appends the `tags` it lacks, sets the duration
-    /// when given, and writes the note with `transcript` as its whole body. `language` is
-    /// accepted and not written. Throws as writeMarkdown.
+    /// when given, and writes the note with `transcript` as its body. Text in the body that
+    /// the program did not write (typed under a stub while the transcript was pending) is kept
+    /// below the transcript, after a blank line; a body that already begins with `transcript`
+    /// stays as it is. `language` is accepted and not written. Throws as writeMarkdown.
     void writeTranscript(std::string_view id, std::string_view transcript, std::string_view vdCacheKey,
                          const std::optional<std::string>& language, std::optional<std::int64_t> durationSec,
                          const std::optional<std::string>& llmTitle, const std::vector<std::string>& tags) const;
@@ -155,8 +163,10 @@ public:
     /// The same from the note's text.
     static std::string bodyFromText(std::string_view text);
 
-    /// The whole text of a note: the frontmatter lines between "---" lines, an empty line,
-    /// then `body` unchanged, joined with line feeds and no line feed added at the end.
+    /// The whole text of a note: the frontmatter lines between "---" lines (the kept lines
+    /// after the key they followed; those whose key is no longer written at the end of their
+    /// map), an empty line, then `body` unchanged, joined with line feeds and no line feed
+    /// added at the end.
     static std::string renderMarkdown(const Frontmatter& frontmatter, std::string_view body);
 
     /// `value` as a YAML value: in double quotes, with backslashes and double quotes escaped,

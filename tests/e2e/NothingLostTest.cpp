@@ -128,6 +128,41 @@ TEST(NothingLost, TheFirstRetryRetriesWhatFailedBeforeIt)
     EXPECT_NE(agent.statuses()[recording.id], "upload_failed");
 }
 
+// What the user writes into a note while its transcript is pending (words under the stub, a
+// key of their own) is still there when the agent writes the transcript.
+TEST(NothingLost, WhatTheUserWritesInAPendingNoteSurvivesTheTranscript)
+{
+    CaptureAgentHarness agent(15);
+    agent.setPollInterval(1);
+    agent.setPace({.processingPolls = 0});
+    std::atomic<bool> hold{true};
+    agent.setFault([&](const test::FakeVeldane::Request& request) -> std::optional<test::FakeVeldane::Answer> {
+        if (hold && request.method == "GET" && request.endpoint.ends_with("/status")) {
+            return test::FakeVeldane::Answer::json(R"({"status":{"transcription":{"status":"processing"}}})");
+        }
+        return std::nullopt;
+    });
+    ASSERT_TRUE(agent.startAndWait());
+    auto recording = agent.drop(1);
+    ASSERT_TRUE(test::eventually([&] { return agent.statuses()[recording.id] == "processing"; }, 60))
+        << agent.agentOutput();
+
+    auto note = agent.inbox() / (recording.id + ".md");
+    auto text = test::readFile(note);
+    text.insert(text.find("\ncreated: ") + 1, "project: apollo\n");
+    text += "Call Anna about the budget.\n";
+    writeFileAtomically(note, text);
+    hold = false;
+    ASSERT_TRUE(agent.waitUntilAllDone(60)) << agent.agentOutput();
+    EXPECT_EQ(agent.stop(), 0);
+
+    auto done = test::readFile(note);
+    EXPECT_NE(done.find("\nproject: apollo\ncreated: "), std::string::npos) << done;
+    EXPECT_TRUE(done.ends_with("---\n\n" + CaptureAgentHarness::transcriptOf(recording.id) +
+                               "\n\nCall Anna about the budget."))
+        << done;
+}
+
 // One agent at a time works on a state folder: a second `run` (a second login, a copy started
 // by hand) stops at once, naming the first, instead of capturing and uploading everything a
 // second time; import-existing, which must not race an agent, says which process to stop.

@@ -434,11 +434,66 @@ TEST(InboxWriterVault, TranscriptKeepsTheNoteAndAddsWhatIsNew)
     EXPECT_EQ(back.tags, (std::vector<std::string>{"voice-memo", "quillet-mac", "meeting"}));
     EXPECT_EQ(back.audioDurationSec, 61);
     EXPECT_EQ(back.created, at("2024-01-31T13:25:30Z"));
-    EXPECT_EQ(InboxWriter::readBody(f.note("240131-132530")), "The transcript.");
+    // What the user typed under the stub while the transcript was pending stays, below it.
+    EXPECT_EQ(InboxWriter::readBody(f.note("240131-132530")), "The transcript.\n\nOld body");
+
+    // Written again (a resumed capture), the note stays as it is, the user's words included.
+    auto before = test::readFile(f.note("240131-132530"));
+    f.writer.writeTranscript("240131-132530", "The transcript.", "DOC_1", "en", 61, "Proposed title",
+                             {"quillet-mac", "meeting"});
+    EXPECT_EQ(test::readFile(f.note("240131-132530")), before);
 
     // Without a duration the old one stays.
     f.writer.writeTranscript("240131-132530", "Again.", "DOC_2", std::nullopt, std::nullopt, std::nullopt, {});
     EXPECT_EQ(InboxWriter::readFrontmatter(f.note("240131-132530")).audioDurationSec, 61);
+}
+
+// Keys that the user or another tool added to a note, with whatever is nested below them, and
+// comments, survive every rewrite verbatim and in place; a note nobody edited is written as
+// before, byte for byte.
+TEST(InboxWriterVault, KeysAndLinesThatTheProgramDoesNotKnowAreKeptInPlace)
+{
+    VaultFixture f;
+    auto fm = Frontmatter::forCapture("240131-132530", at("2024-01-31T13:25:30Z"));
+    f.writer.writeStub(fm);
+    const std::string stub = test::readFile(f.note("240131-132530"));
+    f.writer.updateVDJobStatus("240131-132530", "processing");
+    f.writer.updateVDJobStatus("240131-132530", "queued");
+    EXPECT_EQ(InboxWriter::renderMarkdown(InboxWriter::frontmatterFromText(stub, at("2024-01-31T13:25:30Z")), ""),
+              stub);
+
+    // The user edits the pending note: keys of their own, a list, a comment, a key inside
+    // the source map, and words under the stub.
+    auto edited = test::readFile(f.note("240131-132530"));
+    auto insertAfter = [&](const std::string& line, const std::string& added) {
+        auto at = edited.find(line);
+        ASSERT_NE(at, std::string::npos) << line;
+        edited.insert(at + line.size(), added);
+    };
+    insertAfter("id: 240131-132530\n", "project: apollo\n# keep this\n");
+    insertAfter("  origin: voice_memo\n", "  device: \"Pixel 8\"\n    model: 8a\n");
+    insertAfter("target_skill: /transcript\n", "aliases:\n  - Apollo kickoff\n  - kickoff\n");
+    edited += "My own words.\n";
+    test::writeFile(f.note("240131-132530"), edited);
+
+    f.writer.updateVDJobStatus("240131-132530", "processing");
+    auto afterStatus = test::readFile(f.note("240131-132530"));
+    auto expected = edited;
+    expected.replace(expected.find("vd_job_status: queued"), 21, "vd_job_status: processing");
+    EXPECT_EQ(afterStatus, expected);
+
+    f.writer.writeTranscript("240131-132530", "The transcript.", "DOC_1", "en", 61, "Kickoff", {"meeting"});
+    auto done = test::readFile(f.note("240131-132530"));
+    for (const char* kept : {"\nid: 240131-132530\nproject: apollo\n# keep this\ncreated: ",
+                             "\n  origin: voice_memo\n  device: \"Pixel 8\"\n    model: 8a\n  audio_path: ",
+                             "\ntarget_skill: /transcript\naliases:\n  - Apollo kickoff\n  - kickoff\ntitle: Kickoff\n",
+                             "\n---\n\nThe transcript.\n\nMy own words."}) {
+        EXPECT_NE(done.find(kept), std::string::npos) << kept << "\nin\n" << done;
+    }
+    auto back = InboxWriter::readFrontmatter(f.note("240131-132530"));
+    EXPECT_EQ(back.vdJobStatus, "done");
+    EXPECT_EQ(back.sourceOrigin, "voice_memo");
+    EXPECT_EQ(back.targetSkill, "/transcript");
 }
 
 TEST(InboxWriterVault, TranscriptWithoutAReadableNoteStartsANewOne)
