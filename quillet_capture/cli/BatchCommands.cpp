@@ -5,6 +5,7 @@
 #include "quillet_capture/config/Keychain.hpp"
 #include "quillet_capture/config/Settings.hpp"
 #include "quillet_capture/pipeline/CapturePipeline.hpp"
+#include "quillet_capture/pipeline/CaptureRecovery.hpp"
 #include "quillet_capture/pipeline/CaptureRetry.hpp"
 #include "quillet_capture/platform/Paths.hpp"
 #include "quillet_capture/runtime/MainLoop.hpp"
@@ -61,11 +62,6 @@ std::string defaultText(std::chrono::system_clock::time_point time)
     char text[64];
     std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S +0000", &utc);
     return text;
-}
-
-std::string plural(int count, const std::string& word)
-{
-    return std::to_string(count) + " " + word + (count == 1 ? "" : "s");
 }
 
 // The retry's task: runs the retry, then tells the main loop that it is over. Everything it
@@ -177,6 +173,10 @@ void cmdRetry()
         out("Nothing to upload: every capture since " + defaultText(CaptureRetry::retryWatermark()) +
             " is transcribed or in progress.");
         runtime::exitProcess(0);
+    }
+    // What the user retries starts afresh: a capture the agent gave up on is its again.
+    for (const auto& id : pending) {
+        CaptureRecovery::shared().forget(id);
     }
     out("Uploading " + plural(static_cast<int>(pending.size()), "capture") + "...");
     std::fflush(stdout);

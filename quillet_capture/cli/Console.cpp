@@ -69,4 +69,9 @@ void usage()
     runtime::exitProcess(0);
 }
 
+std::string plural(int count, const std::string& word)
+{
+    return std::to_string(count) + " " + word + (count == 1 ? "" : "s");
+}
+
 } // namespace quillet

@@ -21,6 +21,9 @@ void out(std::string_view text = "");
 /// the log has drained). Only commands call it.
 [[noreturn]] void fail(std::string_view text);
 
+/// "1 capture", "2 captures": `count` and `word`, with an "s" unless the count is one.
+std::string plural(int count, const std::string& word);
+
 /// The element right after the first one equal to `name`; absent when `name` is missing or
 /// last. A value that starts with "--" is returned as it is.
 std::optional<std::string> option(std::string_view name, const std::vector<std::string>& arguments);

@@ -6,6 +6,7 @@
 #include "quillet_capture/config/Keychain.hpp"
 #include "quillet_capture/config/Settings.hpp"
 #include "quillet_capture/pipeline/CapturePipeline.hpp"
+#include "quillet_capture/pipeline/CaptureRecovery.hpp"
 #include "quillet_capture/pipeline/CaptureRetry.hpp"
 #include "quillet_capture/pipeline/CaptureStatus.hpp"
 #include "quillet_capture/platform/AgentLock.hpp"
@@ -41,6 +42,21 @@ void applyTestPollInterval()
     auto interval = std::chrono::milliseconds(std::llround(seconds * 1000));
     CaptureCoordinator::setSharedTiming(std::min<std::chrono::milliseconds>(std::chrono::seconds(2), interval),
                                         interval);
+}
+
+// QUILLET_RETRY_MINUTE_SECONDS (1 to 60) shortens the minute of the schedule on which the
+// agent tries failed captures again, for the same tests.
+void applyTestRetryMinute()
+{
+    const char* text = std::getenv("QUILLET_RETRY_MINUTE_SECONDS");
+    if (text == nullptr) {
+        return;
+    }
+    char* end = nullptr;
+    long seconds = std::strtol(text, &end, 10);
+    if (end != text && *end == '\0' && seconds >= 1 && seconds <= 60) {
+        CaptureRecovery::shared().setMinute(std::chrono::seconds(seconds));
+    }
 }
 
 } // namespace
@@ -96,6 +112,7 @@ void cmdRun()
     });
 
     applyTestPollInterval();
+    applyTestRetryMinute();
     // A killed agent or command leaves the temporary files of the writes it was making; the
     // files they were meant to replace are whole, so the temporary ones only take room.
     InboxWriter inbox(settings.vaultURL());

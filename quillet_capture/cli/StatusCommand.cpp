@@ -7,6 +7,7 @@
 #include "quillet_capture/config/Log.hpp"
 #include "quillet_capture/config/Settings.hpp"
 #include "quillet_capture/pipeline/CapturePipeline.hpp"
+#include "quillet_capture/pipeline/CaptureRecovery.hpp"
 #include "quillet_capture/pipeline/CaptureRetry.hpp"
 #include "quillet_capture/platform/AgentManager.hpp"
 #include "quillet_capture/platform/Paths.hpp"
@@ -216,6 +217,16 @@ void cmdStatus()
     out(std::string("  LaunchAgent: ") +
         (AgentManager::current().agentLoaded() ? "loaded" : "not loaded -- run install"));
     out("  inbox:       " + inboxSummary());
+    // Failed captures that the agent tries again by itself, and those that wait for retry.
+    auto recovery = CaptureRecovery::shared().summary();
+    if (recovery.waiting > 0) {
+        out("  tried again: " + plural(recovery.waiting, "capture") + ", next attempt at " +
+            QuilletLog::stamp(*recovery.next));
+    }
+    if (recovery.givenUp > 0) {
+        out("  failed:      " + plural(recovery.givenUp, "capture") + " the service failed " +
+            std::to_string(CaptureRecovery::maxServiceFailures + 1) + " times -- run retry");
+    }
     out();
 
     // Whatever this process logged (the migration from Pellam) belongs in the file before it

@@ -6,6 +6,7 @@
 #include "quillet_capture/config/Settings.hpp"
 #include "quillet_capture/pipeline/AfterTranscriptCommand.hpp"
 #include "quillet_capture/pipeline/CaptureIntake.hpp"
+#include "quillet_capture/pipeline/CaptureRecovery.hpp"
 #include "quillet_capture/pipeline/CaptureStateStore.hpp"
 #include "quillet_capture/platform/FileTimes.hpp"
 #include "quillet_capture/runtime/Tasks.hpp"
@@ -145,6 +146,7 @@ CapturePipeline& CapturePipeline::shared()
             {},
             &CaptureIntake::shared(),
             &CaptureStateStore::shared(),
+            &CaptureRecovery::shared(),
         },
         &CaptureCoordinator::shared());
     return *pipeline;
@@ -206,6 +208,94 @@ void CapturePipeline::start()
     if (environment_.uploadsEnabled()) {
         runtime::spawn(resumeUnfinished(), "resume");
     }
+    {
+        std::lock_guard guard(recoveryLock_);
+        recoveryArmed_ = true;
+    }
+    scheduleRecovery();
+}
+
+void CapturePipeline::noteFailure(const std::string& id, const std::string& reason)
+{
+    if (environment_.recovery == nullptr) {
+        return;
+    }
+    if (auto next = environment_.recovery->failed(id, reason)) {
+        rlog("[quillet] capture pipeline: %@ will be tried again at %@ (%@)", id, Iso8601::format(*next), reason);
+    } else {
+        rlog("[quillet] capture pipeline: %@ failed in VD %d times; it waits for retry", id,
+             CaptureRecovery::maxServiceFailures + 1);
+    }
+    scheduleRecovery();
+}
+
+void CapturePipeline::scheduleRecovery()
+{
+    if (environment_.recovery == nullptr) {
+        return;
+    }
+    std::lock_guard guard(recoveryLock_);
+    if (!recoveryArmed_) {
+        return;
+    }
+    auto earliest = environment_.recovery->earliest();
+    if (!earliest) {
+        recoveryTimer_.reset();
+        return;
+    }
+    auto delay = std::max<std::chrono::system_clock::duration>(*earliest - environment_.clock->now(), {});
+    recoveryTimer_ = runtime::Timer::once(runtime::utilityExecutor(),
+                                          std::chrono::duration_cast<runtime::Timer::Duration>(delay),
+                                          [this] { runtime::spawn(recoverDue(), "recovery"); });
+}
+
+asio::awaitable<void> CapturePipeline::recoverDue()
+{
+    TaskCount counting(*this);
+    auto due = environment_.recovery->takeDue(environment_.clock->now());
+    auto inbox = writer();
+    bool withoutNote = false;
+    for (const auto& id : due) {
+        if (isClaimed(id)) {
+            continue;  // under way: its end says what follows
+        }
+        std::error_code error;
+        if (!fs::exists(inbox.noteURL(id), error)) {
+            withoutNote = true;
+            continue;
+        }
+        InboxWriter::Frontmatter frontmatter;
+        try {
+            frontmatter = InboxWriter::readFrontmatter(inbox.noteURL(id));
+        } catch (const std::exception& failure) {
+            rlog("[quillet] capture pipeline: cannot read the note of %@: %@", id, failure.what());
+            noteFailure(id, "note_unreadable");
+            continue;
+        }
+        const std::string status = frontmatter.vdJobStatus.value_or("");
+        if (status == "done") {
+            environment_.recovery->forget(id);
+            continue;
+        }
+        rlog("[quillet] capture pipeline: trying %@ again (%@)", id, status);
+        const auto& key = frontmatter.externalId;
+        if (key && !key->empty() && status != "upload_failed" && status != "failed") {
+            if (claim(id)) {
+                spawnPolling(id, *key);
+            }
+            continue;
+        }
+        auto profile = uploadProfile(id);
+        std::optional<std::string> source = std::move(profile.contentSource);
+        std::optional<std::vector<std::string>> tags = std::move(profile.tags);
+        std::optional<std::map<std::string, std::string>> metadata = std::move(profile.sourceMetadata);
+        co_await uploadExisting(id, std::move(source), std::move(tags), std::move(metadata));
+    }
+    // A copy or stub that failed left the capture in the intake journal only.
+    if (withoutNote) {
+        recoverIntake();
+    }
+    scheduleRecovery();
 }
 
 void CapturePipeline::stop()
@@ -358,6 +448,7 @@ asio::awaitable<void> CapturePipeline::handle(FolderWatcher::NewCapture capture)
     co_await runtime::blocking(std::move(copy));
     if (copyError) {
         rlog("[quillet] capture pipeline: copyAudio failed for %@: %@", id, *copyError);
+        noteFailure(id, "copy_failed");
         co_return;
     }
 
@@ -385,6 +476,7 @@ asio::awaitable<void> CapturePipeline::handle(FolderWatcher::NewCapture capture)
         inbox.writeStub(frontmatter);
     } catch (const std::exception& error) {
         rlog("[quillet] capture pipeline: writeStub failed for %@: %@", id, error.what());
+        noteFailure(id, "copy_failed");
         co_return;
     }
     // The note now carries the capture; a failed copy or stub leaves the journal entry for
@@ -415,6 +507,7 @@ asio::awaitable<void> CapturePipeline::handle(FolderWatcher::NewCapture capture)
         rlog("[quillet] capture pipeline: upload failed for %@: %@", id, error.what());
         setStatus(id, "upload_failed");
         send(CaptureEvent::Kind::failed, id, "upload_failed");
+        noteFailure(id, "upload_failed");
         co_return;
     }
     send(CaptureEvent::Kind::sent, id);
@@ -424,6 +517,7 @@ asio::awaitable<void> CapturePipeline::handle(FolderWatcher::NewCapture capture)
     if (!key) {
         setStatus(id, "upload_failed");
         send(CaptureEvent::Kind::failed, id, "upload_failed");
+        noteFailure(id, "upload_failed");
         co_return;
     }
 
@@ -483,6 +577,7 @@ asio::awaitable<void> CapturePipeline::pollUntilDone(VeldaneClient& client, std:
                 rlog("[quillet] capture pipeline: VD reported failed for %@", id);
                 setStatus(id, "failed");
                 send(CaptureEvent::Kind::failed, id, "failed");
+                noteFailure(id, "failed");
                 co_return;
             } else if (cacheKey.starts_with("DOC_") && !detailConsulted) {
                 detailConsulted = true;
@@ -524,6 +619,7 @@ asio::awaitable<void> CapturePipeline::pollUntilDone(VeldaneClient& client, std:
                 rlog("[quillet] capture pipeline: VD has no document for %@ (cache_key %@); giving up", id, cacheKey);
                 setStatus(id, "failed");
                 send(CaptureEvent::Kind::failed, id, "failed");
+                noteFailure(id, "failed");
                 co_return;
             }
         }
@@ -538,6 +634,7 @@ asio::awaitable<void> CapturePipeline::pollUntilDone(VeldaneClient& client, std:
             rlog("[quillet] capture pipeline: polling timed out for %@ (>%g min)", id, pollTimeout / 60);
             setStatus(id, "poll_timeout");
             send(CaptureEvent::Kind::failed, id, "poll_timeout");
+            noteFailure(id, "poll_timeout");
             co_return;
         }
         co_await clock.wait(std::chrono::duration<double>(backoff(elapsed)));
@@ -557,10 +654,12 @@ asio::awaitable<void> CapturePipeline::fetchTranscriptAndWrite(VeldaneClient& cl
             send(CaptureEvent::Kind::failed, id, "failed");
         } else {
             rlog("[quillet] capture pipeline: fetch transcript failed for %@: %@", id, error.what());
+            noteFailure(id, "fetch_failed");
         }
         co_return;
     } catch (const std::exception& error) {
         rlog("[quillet] capture pipeline: fetch transcript failed for %@: %@", id, error.what());
+        noteFailure(id, "fetch_failed");
         co_return;
     }
 
@@ -574,12 +673,16 @@ asio::awaitable<void> CapturePipeline::fetchTranscriptAndWrite(VeldaneClient& cl
     try {
         inbox.writeTranscript(id, text, cacheKey, detail.result.language, duration, detail.result.llm_title, {});
     } catch (const std::exception& error) {
-        // The note keeps its status, so the next start polls it again and writes it then.
+        // The note keeps its status, so the next attempt polls it again and writes it then.
         rlog("[quillet] capture pipeline: fetch transcript failed for %@: %@", id, error.what());
+        noteFailure(id, "fetch_failed");
         co_return;
     }
     int words = detail.result.word_count ? static_cast<int>(*detail.result.word_count) : countWords(text);
     rlog("[quillet] capture pipeline: transcript written for %@ (%d words)", id, words);
+    if (environment_.recovery != nullptr) {
+        environment_.recovery->forget(id);
+    }
     if (environment_.transcriptWritten) {
         environment_.transcriptWritten(id, inbox.noteURL(id));
     }
@@ -656,6 +759,7 @@ asio::awaitable<bool> CapturePipeline::uploadExisting(std::string id, std::optio
         rlog("[quillet] capture retry: upload failed for %@: %@", id, failure.what());
         setStatus(id, "upload_failed");
         send(CaptureEvent::Kind::failed, id, "upload_failed");
+        noteFailure(id, "upload_failed");
         co_return false;
     }
     send(CaptureEvent::Kind::sent, id);
@@ -663,6 +767,7 @@ asio::awaitable<bool> CapturePipeline::uploadExisting(std::string id, std::optio
     if (!key) {
         setStatus(id, "upload_failed");
         send(CaptureEvent::Kind::failed, id, "upload_failed");
+        noteFailure(id, "upload_failed");
         co_return false;
     }
     recordKey(id, *key);
@@ -694,7 +799,10 @@ asio::awaitable<void> CapturePipeline::resumeUnfinished()
         }
         try {
             auto frontmatter = InboxWriter::readFrontmatter(note);
-            if (frontmatter.vdJobStatus && resumableStates().contains(*frontmatter.vdJobStatus)) {
+            // One whose next attempt is later waits for it: restarts do not make attempts.
+            if (frontmatter.vdJobStatus && resumableStates().contains(*frontmatter.vdJobStatus) &&
+                !(environment_.recovery != nullptr &&
+                  environment_.recovery->isWaiting(note.stem().string(), environment_.clock->now()))) {
                 unfinished.push_back({note.stem().string(), std::move(frontmatter)});
             }
         } catch (const std::exception&) {

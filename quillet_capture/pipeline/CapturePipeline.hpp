@@ -2,6 +2,7 @@
 
 #include "quillet_capture/capture/FolderWatcher.hpp"
 #include "quillet_capture/runtime/Clock.hpp"
+#include "quillet_capture/runtime/Timer.hpp"
 #include "quillet_capture/service/VeldaneClient.hpp"
 #include "quillet_capture/vault/InboxWriter.hpp"
 
@@ -13,6 +14,7 @@
 #include <filesystem>
 #include <functional>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <set>
@@ -23,6 +25,7 @@ namespace quillet {
 
 class CaptureCoordinator;
 class CaptureIntake;
+class CaptureRecovery;
 class CaptureStateStore;
 
 /// Carries each new recording from the watched folder to a transcribed note: settles its id,
@@ -55,6 +58,9 @@ public:
         /// belong to; none: no recovery.
         CaptureIntake* intake = nullptr;
         CaptureStateStore* store = nullptr;
+        /// Where failed captures wait for the agent to try them again; none: they wait for
+        /// `retry` or the next start.
+        CaptureRecovery* recovery = nullptr;
     };
 
     /// The upload profile of a capture sent again.
@@ -82,8 +88,13 @@ public:
 
     /// Hands over again the captures of the intake journal (a crash came between their
     /// hand-over and their note), subscribes to the coordinator, starts it, logs "started",
-    /// and resumes unfinished captures when uploads are on. Main thread.
+    /// resumes unfinished captures when uploads are on (but for those whose next attempt is
+    /// later), and from then on tries failed captures again when their time comes. Main thread.
     void start();
+
+    /// Tries again the failed captures whose attempt is due: hands over again those without a
+    /// note, polls those with a cache key, uploads the others again one at a time.
+    asio::awaitable<void> recoverDue();
 
     /// The recovery step of `start`: each journal entry whose file is still there is marked
     /// seen and handled again; the others are dropped.
@@ -142,6 +153,10 @@ private:
     void setStatus(const std::string& id, const std::string& status);
     void recordKey(const std::string& id, const std::string& key);
     void spawnPolling(std::string id, std::string key);
+    /// Records a failure of `id` for the agent to try again, and when.
+    void noteFailure(const std::string& id, const std::string& reason);
+    /// Arms the timer for the earliest attempt due (the agent only, after `start`).
+    void scheduleRecovery();
     void forgetIntake(const FolderWatcher::NewCapture& capture);
 
     asio::awaitable<std::optional<std::string>> resolvedCacheKey(const VeldaneClient::UploadResult& result,
@@ -157,6 +172,10 @@ private:
 
     mutable std::mutex claimLock_;
     std::set<std::string> claimed_;
+
+    std::mutex recoveryLock_;
+    bool recoveryArmed_ = false;
+    std::unique_ptr<runtime::Timer> recoveryTimer_;
 
     std::atomic<int> inFlight_{0};
     std::mutex idleLock_;

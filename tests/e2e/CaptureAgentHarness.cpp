@@ -342,6 +342,9 @@ void CaptureAgentHarness::start()
     if (pollInterval_ > 0) {
         environment["QUILLET_POLL_INTERVAL_SECONDS"] = std::to_string(pollInterval_);
     }
+    if (retryMinute_ > 0) {
+        environment["QUILLET_RETRY_MINUTE_SECONDS"] = std::to_string(retryMinute_);
+    }
     std::string program = programPath();
     pid_ = ::fork();
     if (pid_ == 0) {

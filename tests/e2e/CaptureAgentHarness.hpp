@@ -74,6 +74,9 @@ public:
     void setFault(Fault fault);
     /// Sets the agent's poll interval (the test-only variable of `run`); 0 keeps the default.
     void setPollInterval(double seconds) { pollInterval_ = seconds; }
+    /// Sets how many seconds a minute of the agent's schedule for trying failed captures again
+    /// lasts (the test-only variable of `run`); 0 keeps real minutes.
+    void setRetryMinute(int seconds) { retryMinute_ = seconds; }
 
     /// The fixture recording's bytes.
     const std::string& fixture() const { return fixture_; }
@@ -85,6 +88,8 @@ public:
     /// Places a recording in the Voice Memos folder. `padding` bytes more in its free box make
     /// it larger.
     Recording drop(int index, std::size_t padding = 0);
+    /// The recording that `drop(index)` would place, without placing it.
+    Recording recordingFor(int index) const { return filled(index, 0); }
     /// The same into another folder (one that will become the Voice Memos folder).
     Recording dropInto(const std::filesystem::path& folder, int index, std::size_t padding = 0);
     /// Writes a recording in small pieces over about `seconds`, on a thread of its own (the
@@ -150,6 +155,7 @@ private:
     std::filesystem::path memos_;
     std::string fixture_;
     double pollInterval_ = 0;
+    int retryMinute_ = 0;
 
     mutable std::mutex lock_;
     std::mt19937 random_;

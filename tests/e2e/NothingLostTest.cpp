@@ -15,6 +15,7 @@
 #include <atomic>
 #include <chrono>
 #include <filesystem>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -126,6 +127,82 @@ TEST(NothingLost, TheFirstRetryRetriesWhatFailedBeforeIt)
                                           "\nUploaded 1, skipped 0, failed 0.\n"))
         << result.output;
     EXPECT_NE(agent.statuses()[recording.id], "upload_failed");
+}
+
+// A capture that failed (a copy that could not be written, an upload the service refused, a
+// capture the service reported failed) is tried again by the running agent, with growing
+// pauses, without a restart; status says how many wait and when; one that the service keeps
+// failing waits for retry after three more attempts, also across a restart.
+TEST(NothingLost, StuckCapturesAreTriedAgainByTheRunningAgent)
+{
+    CaptureAgentHarness agent(16);
+    agent.setPollInterval(1);
+    agent.setRetryMinute(1);
+    agent.setPace({.processingPolls = 0});
+    std::atomic<bool> refuseUploads{true};
+    std::atomic<int> uploadsOfFailing{0};
+    std::string failing;
+    std::mutex failingLock;
+    agent.setFault([&](const test::FakeVeldane::Request& request) -> std::optional<test::FakeVeldane::Answer> {
+        if (request.method == "POST" && request.endpoint == "sources") {
+            if (refuseUploads) {
+                return test::FakeVeldane::Answer::json("storage full", 507);
+            }
+            std::lock_guard guard(failingLock);
+            if (!failing.empty() && request.body.find("filename=\"" + failing + ".m4a\"") != std::string::npos) {
+                ++uploadsOfFailing;
+            }
+        }
+        std::lock_guard guard(failingLock);
+        if (!failing.empty() && request.method == "GET" && request.endpoint == "sources/key-" + failing + "/status") {
+            return test::FakeVeldane::Answer::json(R"({"status":{"transcription":{"status":"failed"}}})");
+        }
+        return std::nullopt;
+    });
+    ASSERT_TRUE(agent.startAndWait());
+
+    // An upload refused: the note says so, status says when the next attempt is.
+    auto refused = agent.drop(1);
+    ASSERT_TRUE(test::eventually([&] { return agent.statuses()[refused.id] == "upload_failed"; }, 60))
+        << agent.agentOutput();
+    auto status = test::runProcess(test::programPath(), {"status"});
+    EXPECT_NE(status.output.find("\n  tried again: 1 capture, next attempt at "), std::string::npos) << status.output;
+    refuseUploads = false;
+    EXPECT_TRUE(test::eventually([&] { return agent.statuses()[refused.id] == "done"; }, 60)) << agent.agentOutput();
+
+    // A copy that cannot be written (a file where the audio folder belongs).
+    fs::remove_all(agent.inbox() / ".audio");
+    test::writeFile(agent.inbox() / ".audio", "in the way");
+    auto blocked = agent.drop(2);
+    ASSERT_TRUE(test::eventually([&] { return test::countLogLines("copyAudio failed for " + blocked.id) >= 1; }, 60))
+        << agent.agentOutput();
+    fs::remove(agent.inbox() / ".audio");
+    EXPECT_TRUE(test::eventually([&] { return agent.statuses()[blocked.id] == "done"; }, 60)) << agent.agentOutput();
+
+    // The service fails a capture every time: three more attempts, then it waits for retry.
+    auto doomed = agent.recordingFor(3);
+    {
+        std::lock_guard guard(failingLock);
+        failing = doomed.id;
+    }
+    agent.drop(3);
+    EXPECT_TRUE(test::eventually(
+        [&] { return test::countLogLines(doomed.id + " failed in VD 4 times; it waits for retry") == 1; }, 90))
+        << agent.agentOutput();
+    EXPECT_EQ(uploadsOfFailing.load(), 4);
+    status = test::runProcess(test::programPath(), {"status"});
+    EXPECT_NE(status.output.find("\n  failed:      1 capture the service failed 4 times -- run retry\n"),
+              std::string::npos)
+        << status.output;
+    EXPECT_EQ(status.output.find("tried again:"), std::string::npos) << status.output;
+    EXPECT_EQ(agent.stop(), 0);
+
+    // A restart does not count afresh.
+    ASSERT_TRUE(agent.startAndWait());
+    std::this_thread::sleep_for(std::chrono::seconds(4));
+    EXPECT_EQ(agent.stop(), 0);
+    EXPECT_EQ(uploadsOfFailing.load(), 4);
+    EXPECT_EQ(agent.statuses()[doomed.id], "failed");
 }
 
 // What the user writes into a note while its transcript is pending (words under the stub, a
