@@ -295,6 +295,7 @@ TEST_F(BatchCommandsTest, RetryAndSyncNeedSetupAndAToken)
         EXPECT_EQ(result.output, "");
         EXPECT_EQ(result.errors, kNoToken);
         test::writeFile(Paths::credentialsFile(), "not JSON");
+        fs::permissions(Paths::credentialsFile(), fs::perms::owner_read | fs::perms::owner_write);
         result = run({command});
         EXPECT_EQ(result.status, 1) << command;
         EXPECT_EQ(result.errors, "No device token readable here (" + Paths::credentialsFile().string() +

@@ -31,19 +31,21 @@ TEST(EntryTest, NoCommandOrUnknownCommandPrintsUsageAndVersionFormsTheVersionAlo
 }
 
 // `run` without settings, with Voice Memos off, or with a broken settings file (which reads as
-// the defaults, whose only folder is off) logs its start line and why, and fails.
+// the defaults, whose only folder is off, and is said to be broken) logs its start line and
+// why, and fails.
 TEST(EntryTest, RunWithoutSettingsOrAnEnabledFolderLogsTwoLinesAndFails)
 {
     struct Case {
         std::optional<std::string> settings;
         std::string why;
+        bool broken = false;
     };
     const std::vector<Case> cases = {
         {std::nullopt, "no settings file -- run setup first"},
         {R"({"vaultPath": "~/v", "vaultName": "v", "additionalPaths": [], "refreshInterval": 60, "recentDays": 7,
              "maxFiles": 500, "includeExtensions": [], "excludeDirs": [], "captureVoiceMemosEnabled": false})",
          "no watched folders enabled -- run setup"},
-        {"{}", "no watched folders enabled -- run setup"},
+        {"{}", "no watched folders enabled -- run setup", true},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.settings.value_or("no settings"));
@@ -54,9 +56,14 @@ TEST(EntryTest, RunWithoutSettingsOrAnEnabledFolderLogsTwoLinesAndFails)
         auto result = test::runProcess(test::programPath(), {"run"});
         EXPECT_EQ(result.status, 1);
         auto messages = test::logMessages();
-        ASSERT_EQ(messages.size(), 2u);
+        ASSERT_EQ(messages.size(), c.broken ? 3u : 2u);
         EXPECT_TRUE(messages[0].starts_with("[quillet] capture-cli: run 1.7.3 (")) << messages[0];
-        EXPECT_EQ(messages[1], "[quillet] capture-cli: " + c.why);
+        if (c.broken) {
+            EXPECT_TRUE(messages[1].starts_with("[quillet] capture-cli: settings file " +
+                                                Paths::settingsFile().string() + " cannot be used ("))
+                << messages[1];
+        }
+        EXPECT_EQ(messages.back(), "[quillet] capture-cli: " + c.why);
         // The same lines reach standard error (the system log's echo).
         EXPECT_NE(result.errors.find(c.why), std::string::npos);
     }

@@ -87,7 +87,7 @@ TEST_F(AfterTranscriptTest, RunsInTheVaultWithTheThreeVariablesAndLogsExitAndOut
         << logged[0];
     // `cat` ended at once: standard input is the null device.
     EXPECT_EQ(logged[1], "[quillet] after-transcript: 240101-120000 exited 3 after 0 s");
-    EXPECT_EQ(logged[2], "[quillet] after-transcript: 240101-120000 output (end):\nto-out\nto-err");
+    EXPECT_EQ(logged[2], "[quillet] after-transcript: 240101-120000 output (end):\\nto-out\\nto-err");
 }
 
 TEST_F(AfterTranscriptTest, BlankCommandRunsAndLogsNothing)
@@ -99,10 +99,11 @@ TEST_F(AfterTranscriptTest, BlankCommandRunsAndLogsNothing)
 }
 
 // A silent command logs no output line; only the last 2000 bytes of output are logged, without
-// the final line feed; output that is not UTF-8 is repaired.
+// the final line feed, on one line (its line breaks written as escapes); output that is not
+// UTF-8 is repaired.
 TEST_F(AfterTranscriptTest, TheOutputLineHoldsTheRepairedTailOfTheOutput)
 {
-    const std::string head = "[quillet] after-transcript: 240101-120000 output (end):\n";
+    const std::string head = "[quillet] after-transcript: 240101-120000 output (end):\\n";
     const std::vector<std::pair<std::string, std::optional<std::string>>> cases = {
         {"true", std::nullopt},
         // 3000 "a", "END" and a line feed: the tail is 1996 "a", "END" and the line feed.
@@ -147,7 +148,7 @@ TEST_F(AfterTranscriptTest, SameIdIsNotStartedTwiceWhileRunningButOthersRunAlong
     // Idle again: the next transcript for the id runs the command again.
     start("240101-120000", "echo again");
     ASSERT_TRUE(finished("240101-120000"));
-    EXPECT_EQ(messages().back(), "[quillet] after-transcript: 240101-120000 output (end):\nagain");
+    EXPECT_EQ(messages().back(), "[quillet] after-transcript: 240101-120000 output (end):\\nagain");
 }
 
 TEST_F(AfterTranscriptTest, CommandOverTheTimeLimitIsStoppedWithEverythingItStarted)
@@ -159,7 +160,7 @@ TEST_F(AfterTranscriptTest, CommandOverTheTimeLimitIsStoppedWithEverythingItStar
     auto logged = messages();
     ASSERT_EQ(logged.size(), 3u) << ::testing::PrintToString(logged);
     EXPECT_EQ(logged[1], "[quillet] after-transcript: 240101-120000 stopped after 0 s (time limit)");
-    EXPECT_EQ(logged[2], "[quillet] after-transcript: 240101-120000 output (end):\nwaiting");
+    EXPECT_EQ(logged[2], "[quillet] after-transcript: 240101-120000 output (end):\\nwaiting");
 
     // The background sleep belonged to the command and went with it.
     pid_t background = std::stoi(test::readFile(vault / "background.pid"));
