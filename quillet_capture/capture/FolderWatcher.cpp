@@ -7,6 +7,8 @@
 #include "quillet_capture/pipeline/CaptureIntake.hpp"
 #include "quillet_capture/pipeline/CaptureStateStore.hpp"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cctype>
 
@@ -17,6 +19,8 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr std::string_view kCannotStat = "cannot stat file";
+// How long after its capture a file is looked at at every poll, for growth.
+constexpr auto kWatchedAfterCapture = std::chrono::hours(1);
 
 } // namespace
 
@@ -101,18 +105,24 @@ int FolderWatcher::runInitialIndex()
     }
     const auto since = FirstWatched::fix(folder_.id, clock_.now(), firstWatchedFile_);
     auto root = folder_.url();
+    // A folder whose entries last changed before that moment holds only files that were there
+    // then: no file need be looked at (a folder of thousands costs one look, not thousands).
+    const auto folderChanged = probes_.modified ? std::nullopt : CaptureGuards::defaultModified(root);
+    const bool allOlder = folderChanged && *folderChanged < since;
     std::vector<CaptureStateStore::SeenName> names;
     names.reserve(listed.names.size());
     int arrived = 0;
     for (auto& name : listed.names) {
-        const fs::path file = root / name;
         auto start = startTime(root, name);
         auto id = start ? FilenameNormaliser::canonicalId(*start) : "";
-        auto modified = probes_.modified ? probes_.modified(file) : CaptureGuards::defaultModified(file);
-        bool history = !modified || *modified < since;
-        if (!history && !(captured_ && !id.empty() && captured_(id, file))) {
-            ++arrived;
-            continue;
+        if (!allOlder) {
+            const fs::path file = root / name;
+            auto modified = probes_.modified ? probes_.modified(file) : CaptureGuards::defaultModified(file);
+            bool history = !modified || *modified < since;
+            if (!history && !(captured_ && !id.empty() && captured_(id, file))) {
+                ++arrived;
+                continue;
+            }
         }
         names.push_back({std::move(name), std::move(id)});
     }
@@ -145,6 +155,52 @@ std::optional<std::string> FolderWatcher::notARecording(const fs::path& file)
     return std::nullopt;
 }
 
+std::optional<std::string> FolderWatcher::fileIdentity(const fs::path& file)
+{
+    struct stat info {};
+    if (::stat(file.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) {
+        return std::nullopt;
+    }
+    auto modified = CaptureGuards::defaultModified(file);
+    auto nanoseconds = modified ? std::chrono::duration_cast<std::chrono::nanoseconds>(modified->time_since_epoch())
+                                : std::chrono::nanoseconds(0);
+    return std::to_string(info.st_size) + ":" + std::to_string(nanoseconds.count()) + ":" +
+           std::to_string(static_cast<unsigned long long>(info.st_ino));
+}
+
+std::optional<std::string> FolderWatcher::folderStamp(const fs::path& folder)
+{
+    struct stat info {};
+    if (::stat(folder.c_str(), &info) != 0) {
+        return std::nullopt;
+    }
+    auto modified = CaptureGuards::defaultModified(folder);
+    return std::to_string(static_cast<unsigned long long>(info.st_ino)) + ":" +
+           std::to_string(modified ? modified->time_since_epoch().count() : 0);
+}
+
+bool FolderWatcher::changedSinceCapture(const fs::path& file, const std::string& name,
+                                        const CaptureStateStore::State::SeenEntry& seen)
+{
+    auto now = fileIdentity(file);
+    if (!now || *now == seen.file) {
+        changing_.erase(name);
+        return false;
+    }
+    // A file still being changed is taken once it has stayed the same for a whole poll.
+    auto [last, first] = changing_.try_emplace(name, *now);
+    if (first) {
+        rlog("[quillet] capture: [%@] %@ changed after it was captured as %@; capturing it again once it is still",
+             folder_.displayName, name, seen.canonicalId);
+        return false;
+    }
+    if (last->second != *now) {
+        last->second = *now;
+        return false;
+    }
+    return true;
+}
+
 std::vector<FolderWatcher::NewCapture> FolderWatcher::poll()
 {
     return poll(listing());
@@ -157,9 +213,21 @@ std::vector<FolderWatcher::NewCapture> FolderWatcher::poll(const CaptureAccess::
         return captures;
     }
     const auto root = folder_.url();
+    // Whether the files captured before are looked at again: all of them when the folder's
+    // entries changed (a file deleted, created or renamed over another) and at the first poll,
+    // otherwise those captured in the last hour (a recording still being written).
+    auto stamp = folderStamp(root);
+    const bool everyFile = !stamp || stamp != folderStamp_;
+    folderStamp_ = stamp;
+    const auto now = clock_.now();
     for (const auto& name : listed.names) {
-        if (store_.hasSeen(name, folder_.id)) {
-            continue;
+        bool again = false;
+        if (auto seen = store_.seenEntry(name, folder_.id)) {
+            if (seen->file.empty() || !(everyFile || now - seen->firstSeen < kWatchedAfterCapture) ||
+                !changedSinceCapture(root / name, name, *seen)) {
+                continue;
+            }
+            again = true;
         }
         const fs::path file = root / name;
         // A link would copy and upload whatever file it points at (any file the user can
@@ -196,17 +264,25 @@ std::vector<FolderWatcher::NewCapture> FolderWatcher::poll(const CaptureAccess::
         // Two recordings of one second (Voice Memos' "-hex" twins, or files that a sync dates
         // by their arrival) would share an id, and the second would never get a copy and a
         // note of its own: an id that the seen set gives another file takes a suffix.
-        std::string id = CollisionResolver::resolve(
-            FilenameNormaliser::canonicalId(*start),
-            [&](const std::string& candidate) { return !store_.holdsCanonicalId(candidate); });
+        // Another recording under a name captured before also never takes an id whose note
+        // the vault has: the earlier recording's entry no longer holds it.
+        std::string id = CollisionResolver::resolve(FilenameNormaliser::canonicalId(*start), [&](const std::string& candidate) {
+            return !store_.holdsCanonicalId(candidate) && !(again && captured_ && captured_(candidate, fs::path()));
+        });
         // Journal first: once the file counts as seen, only the journal remembers it until
         // the pipeline has written its note.
         if (intake_ != nullptr) {
             intake_->add({folder_.id, name, file, id, *start});
         }
-        store_.markSeen(name, id, folder_.id, clock_.now());
+        store_.markSeen(name, id, folder_.id, clock_.now(), fileIdentity(file).value_or(""));
+        changing_.erase(name);
         captures.push_back({file, id, *start, folder_.id});
-        rlog("[quillet] capture: [%@] new file -- %@ -> %@", folder_.displayName, name, id);
+        if (again) {
+            rlog("[quillet] capture: [%@] %@ is another recording now -- %@ -> %@", folder_.displayName, name, name,
+                 id);
+        } else {
+            rlog("[quillet] capture: [%@] new file -- %@ -> %@", folder_.displayName, name, id);
+        }
     }
     return captures;
 }

@@ -3,11 +3,13 @@
 #include "quillet_capture/capture/CaptureAccess.hpp"
 #include "quillet_capture/capture/CaptureGuards.hpp"
 #include "quillet_capture/config/Settings.hpp"
+#include "quillet_capture/pipeline/CaptureStateStore.hpp"
 #include "quillet_capture/runtime/Clock.hpp"
 
 #include <chrono>
 #include <filesystem>
 #include <functional>
+#include <map>
 #include <optional>
 #include <set>
 #include <string>
@@ -16,7 +18,6 @@
 namespace quillet {
 
 class CaptureIntake;
-class CaptureStateStore;
 
 /// Lists one watched folder and reports each new recording in it once: it drops what the
 /// state store has seen, runs the capture guards, derives the recording's start time and id,
@@ -35,7 +36,8 @@ public:
     };
 
     /// True when the vault already holds the capture of `file` under `canonicalId` (its id
-    /// before any suffix for a twin of the same second).
+    /// before any suffix for a twin of the same second); with an empty `file`, true when the
+    /// vault has a note under exactly `canonicalId`.
     using CapturedCheck = std::function<bool(const std::string& canonicalId, const std::filesystem::path& file)>;
 
     /// A watcher of `folder` (a copy) over `store`. `clock` gives "now" and the guards'
@@ -81,6 +83,15 @@ public:
 private:
     /// The extensions to take: the folder's own, or the default audio set.
     std::set<std::string> extensions() const;
+    /// What tells `file` from another file under its name: "size:modification time in
+    /// ns:inode"; nothing when it is not a regular file.
+    static std::optional<std::string> fileIdentity(const std::filesystem::path& file);
+    /// What changes when entries of `folder` are created, deleted or renamed.
+    static std::optional<std::string> folderStamp(const std::filesystem::path& folder);
+    /// True when the captured file `name` (its entry `seen`) is now another file, or has
+    /// changed, and has stayed the same since the last poll.
+    bool changedSinceCapture(const std::filesystem::path& file, const std::string& name,
+                             const CaptureStateStore::State::SeenEntry& seen);
     /// Why `file` is no recording to take ("a symbolic link", "not a regular file"), or
     /// nothing when it is a regular file or cannot be looked at.
     static std::optional<std::string> notARecording(const std::filesystem::path& file);
@@ -98,6 +109,9 @@ private:
     std::filesystem::path firstWatchedFile_;
     /// The names skipped as no recording, each logged once while this watcher lives.
     std::set<std::string> reported_;
+    /// Captured files seen changed, with what they were at the last poll.
+    std::map<std::string, std::string> changing_;
+    std::optional<std::string> folderStamp_;
 };
 
 } // namespace quillet

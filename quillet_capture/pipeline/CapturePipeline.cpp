@@ -196,8 +196,10 @@ void CapturePipeline::start()
 {
     recoverIntake();
     if (coordinator_ != nullptr) {
-        coordinator_->setCapturedCheck(
-            [this](const std::string& id, const fs::path& file) { return holdsCaptureOf(id, file); });
+        coordinator_->setCapturedCheck([this](const std::string& id, const fs::path& file) {
+            std::error_code error;
+            return file.empty() ? fs::exists(writer().noteURL(id), error) : holdsCaptureOf(id, file);
+        });
         coordinator_->setOnNewCapture([this](const FolderWatcher::NewCapture& capture) {
             // The coordinator's queue only hands over; the capture runs as a task of its own.
             runtime::spawn(handle(capture), "capture " + capture.canonicalId);

@@ -294,11 +294,12 @@ struct EntryPieces {
         std::string keyIndent = "\n" + std::string(static_cast<size_t>(depth + 2) * 2, ' ');
         beforeName = entryIndent + "\"";
         beforeId = "\": {" + keyIndent + "\"canonicalId\": \"";
+        beforeFile = "\"," + keyIndent + "\"file\": \"";
         beforeTime = "\"," + keyIndent + "\"firstSeen\": \"";
         closing = "\"" + entryIndent + "}";
     }
 
-    std::string beforeName, beforeId, beforeTime, closing;
+    std::string beforeName, beforeId, beforeFile, beforeTime, closing;
 };
 
 // The sets of "seenByFolder" sit two levels deep, "voiceMemosSeen" one.
@@ -321,6 +322,10 @@ bool appendEntry(std::string& out, std::string_view name, const State::SeenEntry
     bool utf8 = appendStringBody(out, name);
     out += pieces.beforeId;
     appendStringBody(out, entry.canonicalId);
+    if (!entry.file.empty()) {
+        out += pieces.beforeFile;
+        appendStringBody(out, entry.file);
+    }
     out += pieces.beforeTime;
     out += dates.of(entry.firstSeen);
     out += pieces.closing;
@@ -408,7 +413,10 @@ std::optional<State::FolderSet> decodeFolderSet(const json& value)
         if (!time) {
             return std::nullopt;
         }
-        set.emplace_hint(set.end(), name, State::SeenEntry{*time, id->get<std::string>()});
+        auto file = entry.find("file");
+        set.emplace_hint(set.end(), name,
+                         State::SeenEntry{*time, id->get<std::string>(),
+                                          file != entry.end() && file->is_string() ? file->get<std::string>() : ""});
     }
     return set;
 }
@@ -707,14 +715,29 @@ bool CaptureStateStore::hasSeen(std::string_view name, std::string_view folderId
     return folder != state_.seenByFolder.end() && holds(folder->second, name);
 }
 
+std::optional<CaptureStateStore::State::SeenEntry> CaptureStateStore::seenEntry(std::string_view name,
+                                                                               std::string_view folderId) const
+{
+    std::lock_guard guard(queue_);
+    auto folder = state_.seenByFolder.find(folderId);
+    if (folder == state_.seenByFolder.end()) {
+        return std::nullopt;
+    }
+    auto entry = isUtf8(name) ? folder->second.find(name) : folder->second.find(storedName(name));
+    if (entry == folder->second.end()) {
+        return std::nullopt;
+    }
+    return entry->second;
+}
+
 void CaptureStateStore::markSeen(std::string_view name, std::string_view canonicalId, std::string_view folderId,
-                                 std::optional<TimePoint> at)
+                                 std::optional<TimePoint> at, std::string_view file)
 {
     auto firstSeen = stamp(at);
     std::lock_guard guard(queue_);
     auto& set = state_.seenByFolder[std::string(folderId)];
     auto stored = storedName(name);
-    set.insert_or_assign(stored, State::SeenEntry{firstSeen, std::string(canonicalId)});
+    set.insert_or_assign(stored, State::SeenEntry{firstSeen, std::string(canonicalId), std::string(file)});
     encoded_.entrySet(state_, folderId, stored);
     persistLocked();
 }

@@ -34,6 +34,9 @@ public:
         struct SeenEntry {
             TimePoint firstSeen;
             std::string canonicalId;  // "" when the file was not captured under an id
+            /// The captured file as it was then ("size:modification time in ns:inode"), so
+            /// that another file under the same name is told apart; "" when not kept.
+            std::string file = {};
 
             bool operator==(const SeenEntry&) const = default;
         };
@@ -112,12 +115,16 @@ public:
     /// True when the folder has a seen set that holds `name`.
     bool hasSeen(std::string_view name, std::string_view folderId = voiceMemosFolderId) const;
 
-    /// Sets the folder's entry for `name` to (`at`, or now; `canonicalId`), replacing any entry
-    /// there, then writes the file. Returns once the file is written (a failed write is logged,
-    /// and the change stays in memory).
+    /// The folder's entry for `name`, when it has one.
+    std::optional<State::SeenEntry> seenEntry(std::string_view name,
+                                              std::string_view folderId = voiceMemosFolderId) const;
+
+    /// Sets the folder's entry for `name` to (`at`, or now; `canonicalId`; `file`), replacing
+    /// any entry there, then writes the file. Returns once the file is written (a failed write
+    /// is logged, and the change stays in memory).
     void markSeen(std::string_view name, std::string_view canonicalId,
                   std::string_view folderId = voiceMemosFolderId,
-                  std::optional<TimePoint> at = std::nullopt);
+                  std::optional<TimePoint> at = std::nullopt, std::string_view file = {});
 
     /// A folder's first full index in one write: marks every name of `files` seen with its
     /// canonical id and the time `at` (or now), adds the `indexedMarker` entry, then writes
@@ -150,8 +157,8 @@ public:
 
     /// Reads a state file's text. Absent when it is not JSON or not a `State`: the root must
     /// be an object; "version" (an integer), "seenByFolder" and "voiceMemosSeen" may be missing
-    /// or null; every entry needs a text "canonicalId" and a "firstSeen" date. Unknown keys are
-    /// ignored. Never throws except for memory.
+    /// or null; every entry needs a text "canonicalId" and a "firstSeen" date, and may have a
+    /// text "file". Unknown keys are ignored. Never throws except for memory.
     static std::optional<State> decode(std::string_view text);
 
 private:

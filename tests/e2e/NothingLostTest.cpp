@@ -12,9 +12,11 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <filesystem>
+#include <fstream>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -127,6 +129,65 @@ TEST(NothingLost, TheFirstRetryRetriesWhatFailedBeforeIt)
                                           "\nUploaded 1, skipped 0, failed 0.\n"))
         << result.output;
     EXPECT_NE(agent.statuses()[recording.id], "upload_failed");
+}
+
+// Recorders reuse names ("Recording.m4a"), and a sync may still be writing a file that looked
+// finished: a file under a name captured before that is another file now (replaced, deleted
+// and made again) or has grown is captured again in full, once it has stayed the same for a
+// poll, under an id of its own; what was captured before stays.
+TEST(NothingLost, AnotherRecordingUnderAUsedNameOrAGrownFileIsCaptured)
+{
+    CaptureAgentHarness agent(17);
+    auto synced = agent.home() / "Synced";
+    fs::create_directories(synced);
+    agent.editSettings([&](AppSettings& settings) {
+        settings.watchedFoldersRaw =
+            std::vector<WatchedFolder>{WatchedFolder::voiceMemos(true), WatchedFolder::generic(synced.string())};
+    });
+    agent.setPollInterval(1);
+    agent.setPace({.processingPolls = 0});
+    ASSERT_TRUE(agent.startAndWait());
+    auto copies = [&] {
+        std::set<std::string> contents;
+        for (const auto& id : agent.noteIds()) {
+            contents.insert(test::readFile(agent.inbox() / ".audio" / (id + ".m4a")));
+        }
+        return contents;
+    };
+
+    // Replaced (renamed over), then deleted and made again, under one Voice Memos name.
+    auto first = agent.drop(1);
+    ASSERT_TRUE(agent.waitUntilAllDone(60)) << agent.agentOutput();
+    auto second = agent.recordingFor(1);
+    second.bytes += std::string(64, 'b');
+    CaptureAgentHarness::place(agent.memos() / first.name, second.bytes);
+    ASSERT_TRUE(test::eventually([&] { return agent.noteIds().size() == 2; }, 60)) << agent.agentOutput();
+    fs::remove(agent.memos() / first.name);
+    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+    auto third = second.bytes + std::string(64, 'c');
+    test::writeFile(agent.memos() / first.name, third);
+    ASSERT_TRUE(test::eventually([&] { return agent.noteIds().size() == 3; }, 60)) << agent.agentOutput();
+    EXPECT_EQ(agent.noteIds(), (std::set<std::string>{first.id, first.id + "_2", first.id + "_3"}));
+
+    // Grown in place in a synced folder, after it was captured.
+    auto when = std::chrono::time_point_cast<std::chrono::seconds>(fs::file_time_type::clock::now()) - std::chrono::hours(1);
+    auto growing = synced / "memo.m4a";
+    CaptureAgentHarness::place(growing, agent.fixture() + "part one", when);
+    ASSERT_TRUE(test::eventually([&] { return agent.noteIds().size() == 4; }, 60)) << agent.agentOutput();
+    std::ofstream(growing, std::ios::binary | std::ios::app) << std::string(4096, 'g');
+    ASSERT_TRUE(test::eventually([&] { return agent.noteIds().size() == 5; }, 60)) << agent.agentOutput();
+    EXPECT_TRUE(test::eventually([&] {
+        auto ids = agent.noteIds();
+        return agent.uploadCount() == 5 && std::all_of(ids.begin(), ids.end(), [&](const std::string& id) {
+                   return test::readFile(agent.inbox() / (id + ".md")).find("vd_job_status: done") != std::string::npos;
+               });
+    }, 60)) << agent.agentOutput();
+    std::this_thread::sleep_for(std::chrono::seconds(3));  // polls that would capture something again
+    EXPECT_EQ(agent.stop(), 0);
+
+    EXPECT_EQ(copies(), (std::set<std::string>{first.bytes, second.bytes, third, agent.fixture() + "part one",
+                                               agent.fixture() + "part one" + std::string(4096, 'g')}));
+    EXPECT_EQ(agent.uploadCount(), 5);
 }
 
 // A capture that failed (a copy that could not be written, an upload the service refused, a

@@ -211,6 +211,8 @@ TEST(CaptureStateStoreFile, TextIsWhatTheJsonLibraryWouldPrintAndReadsBack)
     set["quote\" back\\slash"] = {at("1999-12-31T23:59:59Z"), "tab\there"};
     set["ctl \x01\x1f\x7f \b\f\n\r"] = {at("2000-02-29T12:00:00Z"), ""};
     set["unicode \xC3\xA5\xE2\x80\xA8\xF0\x9F\x8E\x99"] = {at("2038-01-19T03:14:08Z"), "\xE6\x97\xA5"};
+    // What the captured file was, kept to tell another file under its name apart.
+    set["captured.m4a"] = {at("2024-03-01T08:00:00Z"), "240301-080000", "592044:1709280000123456789:4242"};
     state.voiceMemosSeen["old.m4a"] = {at("1970-01-01T00:00:00Z"), "z"};
 
     auto text = CaptureStateStore::encode(state);
@@ -272,7 +274,8 @@ TEST(CaptureStateStoreFile, TextKeptInStepChangeByChangeEqualsAFreshEncoding)
         case 1:
         case 2:
             state.seenByFolder[folder][name] = {TimePoint(std::chrono::seconds(1'700'000'000 + random() % 1000)),
-                                                std::to_string(random() % 3)};
+                                                std::to_string(random() % 3),
+                                                random() % 2 ? "" : std::to_string(random() % 1000) + ":1:2"};
             encoded.entrySet(state, folder, name);
             break;
         case 3:
