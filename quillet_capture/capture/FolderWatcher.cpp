@@ -107,7 +107,7 @@ int FolderWatcher::runInitialIndex()
     auto root = folder_.url();
     // A folder whose entries last changed before that moment holds only files that were there
     // then: no file need be looked at (a folder of thousands costs one look, not thousands).
-    const auto folderChanged = probes_.modified ? std::nullopt : CaptureGuards::defaultModified(root);
+    const auto folderChanged = probes_.modified ? probes_.modified(root) : CaptureGuards::defaultModified(root);
     const bool allOlder = folderChanged && *folderChanged < since;
     std::vector<CaptureStateStore::SeenName> names;
     names.reserve(listed.names.size());

@@ -10,10 +10,12 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <map>
+#include <mutex>
 #include <random>
 #include <set>
 #include <string>
@@ -43,6 +45,8 @@ std::string phaseOf(const std::string& message)
         {"resumed (uploading again)", "uploading"},
         {"new file --", "handing over / copying / uploading"},
         {"has no note yet", "recovering the intake"},
+        {"will be tried again", "waiting to try a failed capture again"},
+        {"again (", "trying a failed capture again"},
         {"deferring", "guarding"},
         {"resuming", "resuming"},
         {"coordinator started", "waiting for the first tick / guarding"},
@@ -79,6 +83,19 @@ TEST(CrashConsistency, EveryRecordingIsCapturedOnceWhereverTheAgentIsKilled)
     agent.setPace({.uploadMin = 0.2, .uploadMax = 1.5, .statusMin = 0, .statusMax = 0.3, .sourceMin = 0,
                    .sourceMax = 0.8, .processingPolls = 2});
     agent.setPollInterval(3);
+    // Some uploads are refused, so that kills also land while the agent tries failed captures
+    // again by itself (a minute of its schedule lasts a second here).
+    agent.setRetryMinute(1);
+    std::atomic<bool> refusing{true};
+    std::mt19937 refusals(seed + 1);
+    std::mutex refusalsLock;
+    agent.setFault([&](const CaptureAgentHarness::Request& request) -> std::optional<CaptureAgentHarness::Answer> {
+        std::lock_guard guard(refusalsLock);
+        if (refusing && request.method == "POST" && request.endpoint == "sources" && refusals() % 4 == 0) {
+            return CaptureAgentHarness::Answer::json("storage full", 507);
+        }
+        return std::nullopt;
+    });
     for (int i = 0; i < 3; ++i) {
         agent.dropHistory(i);
     }
@@ -146,6 +163,7 @@ TEST(CrashConsistency, EveryRecordingIsCapturedOnceWhereverTheAgentIsKilled)
 
     // The last run is left alone until everything is done. Waiting for its start keeps the
     // final stop from landing while the process is still being loaded, before it can handle it.
+    refusing = false;
     ASSERT_TRUE(agent.startAndWait());
     const double budget = 60 + 3.0 * static_cast<double>(agent.recordings().size());
     bool done = agent.waitUntilAllDone(budget);
