@@ -91,16 +91,21 @@ std::optional<std::int64_t> defaultSize(const std::filesystem::path& file)
     return static_cast<std::int64_t>(info.st_size);
 }
 
-std::optional<TimePoint> defaultModified(const std::filesystem::path& file)
+namespace {
+
+// The modification time, or the status change time, of `file`.
+enum class Stamp { modified, statusChanged };
+
+std::optional<TimePoint> fileTime(const std::filesystem::path& file, Stamp which)
 {
     struct stat info {};
     if (::stat(file.c_str(), &info) != 0) {
         return std::nullopt;
     }
 #ifdef __APPLE__
-    const timespec& stamp = info.st_mtimespec;
+    const timespec& stamp = which == Stamp::modified ? info.st_mtimespec : info.st_ctimespec;
 #else
-    const timespec& stamp = info.st_mtim;
+    const timespec& stamp = which == Stamp::modified ? info.st_mtim : info.st_ctim;
 #endif
     // A time point holds a limited span (the years 1678 to 2261 where it counts nanoseconds);
     // a date outside it, which only a hand-set time stamp has, is treated as unreadable.
@@ -112,6 +117,18 @@ std::optional<TimePoint> defaultModified(const std::filesystem::path& file)
     using std::chrono::duration_cast;
     return TimePoint(duration_cast<TimePoint::duration>(std::chrono::seconds(stamp.tv_sec)) +
                      duration_cast<TimePoint::duration>(std::chrono::nanoseconds(stamp.tv_nsec)));
+}
+
+} // namespace
+
+std::optional<TimePoint> defaultModified(const std::filesystem::path& file)
+{
+    return fileTime(file, Stamp::modified);
+}
+
+std::optional<TimePoint> statusChanged(const std::filesystem::path& file)
+{
+    return fileTime(file, Stamp::statusChanged);
 }
 
 bool defaultFileExists(const std::filesystem::path& file)

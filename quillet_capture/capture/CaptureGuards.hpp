@@ -51,6 +51,11 @@ std::optional<std::int64_t> defaultSize(const std::filesystem::path& file);
 /// The file's modification time (following a symbolic link); absent when it cannot be read.
 std::optional<TimePoint> defaultModified(const std::filesystem::path& file);
 
+/// The time the file's status last changed (following a symbolic link): for a folder, when
+/// an entry was last created, removed or renamed in it, a time no copy tool can set back.
+/// Absent when it cannot be read.
+std::optional<TimePoint> statusChanged(const std::filesystem::path& file);
+
 /// Whether something exists at `file` (a dangling symbolic link does not count).
 bool defaultFileExists(const std::filesystem::path& file);
 

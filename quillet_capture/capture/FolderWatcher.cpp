@@ -107,7 +107,12 @@ int FolderWatcher::runInitialIndex()
     auto root = folder_.url();
     // A folder whose entries last changed before that moment holds only files that were there
     // then: no file need be looked at (a folder of thousands costs one look, not thousands).
-    const auto folderChanged = probes_.modified ? probes_.modified(root) : CaptureGuards::defaultModified(root);
+    // Its status change time tells, which no copy tool can set back (its modification time
+    // can be). Only with the real probe: tests that fake files' times keep the look per file.
+    using ModifiedProbe = std::optional<TimePoint> (*)(const fs::path&);
+    const auto* probe = probes_.modified.target<ModifiedProbe>();
+    const bool realProbe = !probes_.modified || (probe != nullptr && *probe == &CaptureGuards::defaultModified);
+    const auto folderChanged = realProbe ? CaptureGuards::statusChanged(root) : std::nullopt;
     const bool allOlder = folderChanged && *folderChanged < since;
     std::vector<CaptureStateStore::SeenName> names;
     names.reserve(listed.names.size());
@@ -223,7 +228,8 @@ std::vector<FolderWatcher::NewCapture> FolderWatcher::poll(const CaptureAccess::
     for (const auto& name : listed.names) {
         bool again = false;
         if (auto seen = store_.seenEntry(name, folder_.id)) {
-            if (seen->file.empty() || !(everyFile || now - seen->firstSeen < kWatchedAfterCapture) ||
+            if (seen->file.empty() ||
+                !(everyFile || now - seen->firstSeen < kWatchedAfterCapture || changing_.contains(name)) ||
                 !changedSinceCapture(root / name, name, *seen)) {
                 continue;
             }

@@ -174,14 +174,15 @@ void cmdRetry()
             " is transcribed or in progress.");
         runtime::exitProcess(0);
     }
-    // What the user retries starts afresh: a capture the agent gave up on is its again.
-    for (const auto& id : pending) {
-        CaptureRecovery::shared().forget(id);
-    }
     out("Uploading " + plural(static_cast<int>(pending.size()), "capture") + "...");
     std::fflush(stdout);
 
-    withAgentStopped([] {
+    withAgentStopped([&pending] {
+        // What the user retries starts afresh: a capture the agent gave up on is its again.
+        // Read only now that the agent is stopped, which writes the file while it runs.
+        for (const auto& id : pending) {
+            CaptureRecovery::shared().forget(id);
+        }
         CaptureRetry retry(CapturePipeline::shared(), [] { return Settings::shared().inboxURL(); });
         bool over = false;
         runtime::spawn(retryTask(&retry, printRetryProgress, &over), "retry");

@@ -39,6 +39,9 @@ CaptureRecovery::CaptureRecovery(fs::path file, runtime::Clock& clock) : file_(s
         }
         Entry entry;
         entry.attempts = item["attempts"].get<int>();
+        if (item.contains("serviceFailures") && item["serviceFailures"].is_number_integer()) {
+            entry.serviceFailures = item["serviceFailures"].get<int>();
+        }
         if (item.contains("next") && item["next"].is_string()) {
             entry.next = Iso8601::parse(item["next"].get<std::string>());
         }
@@ -61,7 +64,8 @@ std::optional<CaptureRecovery::TimePoint> CaptureRecovery::failed(const std::str
     auto& entry = entries_[id];
     ++entry.attempts;
     entry.reason = reason;
-    if (reason == "failed" && entry.attempts > maxServiceFailures) {
+    entry.serviceFailures += reason == "failed" ? 1 : 0;
+    if (entry.serviceFailures > maxServiceFailures) {
         entry.next.reset();
     } else {
         entry.next = clock_.now() + pauseAfter(entry.attempts, minute_);
@@ -102,7 +106,7 @@ bool CaptureRecovery::isWaiting(const std::string& id, TimePoint now) const
         return false;
     }
     const auto& entry = found->second;
-    return entry.next ? *entry.next > now : entry.reason == "failed" && entry.attempts > maxServiceFailures;
+    return entry.next ? *entry.next > now : entry.serviceFailures > maxServiceFailures;
 }
 
 std::optional<CaptureRecovery::TimePoint> CaptureRecovery::earliest() const
@@ -127,7 +131,7 @@ CaptureRecovery::Summary CaptureRecovery::summary() const
             if (!summary.next || *entry.next < *summary.next) {
                 summary.next = entry.next;
             }
-        } else if (entry.reason == "failed" && entry.attempts > maxServiceFailures) {
+        } else if (entry.serviceFailures > maxServiceFailures) {
             ++summary.givenUp;
         }
     }
@@ -144,7 +148,8 @@ void CaptureRecovery::persistLocked()
 {
     auto json = nlohmann::json::object();
     for (const auto& [id, entry] : entries_) {
-        nlohmann::json item = {{"attempts", entry.attempts}, {"reason", entry.reason}};
+        nlohmann::json item = {
+            {"attempts", entry.attempts}, {"reason", entry.reason}, {"serviceFailures", entry.serviceFailures}};
         if (entry.next) {
             item["next"] = Iso8601::format(*entry.next);
         }

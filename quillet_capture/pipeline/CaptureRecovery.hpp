@@ -26,6 +26,7 @@ public:
 
     struct Entry {
         int attempts = 0;
+        int serviceFailures = 0;        // of the attempts, those the service reported failed
         std::optional<TimePoint> next;  // none: in progress, or waiting for `retry`
         std::string reason;             // the job status (or "copy_failed", "fetch_failed")
 

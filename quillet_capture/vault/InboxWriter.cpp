@@ -618,7 +618,8 @@ InboxWriter::Frontmatter InboxWriter::frontmatterFromText(std::string_view text,
         }
         // The source map: its known keys are read (at any depth, as always), anything else is
         // kept with the lines indented deeper below it.
-        std::string inner = "source";
+        // "source." is the top of the map; "source" (a top-level key's anchor) its end.
+        std::string inner = "source.";
         bool open = false;
         for (size_t i = 1; i < lastLine(lines, 1); ++i) {
             auto line = lines[i];
@@ -718,9 +719,14 @@ std::string InboxWriter::renderMarkdown(const Frontmatter& fm, std::string_view 
         if (fm.kept.empty() || key == "---") {
             return;
         }
-        // "  type: " follows the key "source.type", "title: " the key "title".
+        // "  type: " follows the key "source.type", "title: " the key "title"; the lines at
+        // the top of the source map follow "source:" ("source."), while the top-level lines
+        // that followed the map ("source") go after the whole map.
         std::string anchor = key.starts_with("  ") ? "source." : "";
         anchor += trim(key.substr(0, key.find(':')));
+        if (anchor == "source") {
+            anchor = "source.";
+        }
         placeKept([&](const std::string& after) { return after == anchor; });
     };
     line("---", "");
@@ -756,7 +762,8 @@ std::string InboxWriter::renderMarkdown(const Frontmatter& fm, std::string_view 
     if (fm.recorderChannelLayout) {
         line("  channel_layout: ", quotedValue(*fm.recorderChannelLayout));
     }
-    placeKept([](const std::string& after) { return after.starts_with("source"); });
+    placeKept([](const std::string& after) { return after.starts_with("source."); });
+    placeKept([](const std::string& after) { return after == "source"; });
     if (fm.targetSkill) {
         line("target_skill: ", unquotedValue(*fm.targetSkill));
     }

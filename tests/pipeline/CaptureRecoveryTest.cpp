@@ -58,6 +58,15 @@ TEST(CaptureRecovery, AttemptsAreScheduledTakenOnceAndGivenUpOnlyForTheServicesF
     recovery.forget("b");
     EXPECT_FALSE(recovery.isWaiting("b", clock.now()));
     EXPECT_EQ(recovery.summary().givenUp, 0);
+
+    // Other failures before do not use up the service's three.
+    for (int i = 0; i < 5; ++i) {
+        recovery.failed("c", "upload_failed");
+    }
+    EXPECT_TRUE(recovery.failed("c", "failed").has_value());
+    EXPECT_TRUE(recovery.failed("c", "failed").has_value());
+    EXPECT_TRUE(recovery.failed("c", "failed").has_value());
+    EXPECT_FALSE(recovery.failed("c", "failed").has_value());
 }
 
 // The schedule outlives the agent: a restart neither forgets a capture nor counts afresh.

@@ -473,6 +473,8 @@ TEST(InboxWriterVault, KeysAndLinesThatTheProgramDoesNotKnowAreKeptInPlace)
     insertAfter("id: 240131-132530\n", "project: apollo\n# keep this\n");
     insertAfter("  origin: voice_memo\n", "  device: \"Pixel 8\"\n    model: 8a\n");
     insertAfter("target_skill: /transcript\n", "aliases:\n  - Apollo kickoff\n  - kickoff\n");
+    // A key of the user's right after the source map stays after the whole map.
+    insertAfter("  vd_job_status: queued\n", "owner: me\n");
     edited += "My own words.\n";
     test::writeFile(f.note("240131-132530"), edited);
 
@@ -487,6 +489,7 @@ TEST(InboxWriterVault, KeysAndLinesThatTheProgramDoesNotKnowAreKeptInPlace)
     for (const char* kept : {"\nid: 240131-132530\nproject: apollo\n# keep this\ncreated: ",
                              "\n  origin: voice_memo\n  device: \"Pixel 8\"\n    model: 8a\n  audio_path: ",
                              "\ntarget_skill: /transcript\naliases:\n  - Apollo kickoff\n  - kickoff\ntitle: Kickoff\n",
+                             "\n  external_id: DOC_1\n  vd_job_status: done\nowner: me\ntarget_skill: ",
                              "\n---\n\nThe transcript.\n\nMy own words."}) {
         EXPECT_NE(done.find(kept), std::string::npos) << kept << "\nin\n" << done;
     }
