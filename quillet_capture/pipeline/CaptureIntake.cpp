@@ -63,10 +63,12 @@ void CaptureIntake::add(const Entry& entry)
     persistLocked();
 }
 
-void CaptureIntake::remove(const std::string& folderId, const std::string& name)
+void CaptureIntake::remove(const std::string& folderId, const std::string& name, const std::string& canonicalId)
 {
     std::lock_guard guard(lock_);
-    auto removed = std::erase_if(entries_, [&](const Entry& e) { return e.folderId == folderId && e.name == name; });
+    auto removed = std::erase_if(entries_, [&](const Entry& e) {
+        return e.folderId == folderId && e.name == name && e.canonicalId == canonicalId;
+    });
     if (removed > 0) {
         persistLocked();
     }

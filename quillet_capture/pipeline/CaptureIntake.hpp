@@ -36,8 +36,10 @@ public:
     /// before returning. A failed write is logged; the entry stays in memory.
     void add(const Entry& entry);
 
-    /// Forgets the entry of `name` in `folderId`, if any, and writes the journal.
-    void remove(const std::string& folderId, const std::string& name);
+    /// Forgets the entry of `name` in `folderId` under `canonicalId`, if any, and writes the
+    /// journal. An entry of the same name under another id (another recording under that
+    /// name, handed over meanwhile) stays.
+    void remove(const std::string& folderId, const std::string& name, const std::string& canonicalId);
 
     /// The entries, oldest first.
     std::vector<Entry> entries() const;

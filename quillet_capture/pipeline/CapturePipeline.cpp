@@ -172,7 +172,7 @@ void CapturePipeline::recoverIntake()
         std::error_code error;
         if (!fs::exists(entry.source, error)) {
             rlog("[quillet] capture pipeline: %@ is gone before its note was written; dropping it", entry.name);
-            environment_.intake->remove(entry.folderId, entry.name);
+            environment_.intake->remove(entry.folderId, entry.name, entry.canonicalId);
             continue;
         }
         // Seen first, so that the watcher does not offer it a second time.
@@ -188,7 +188,7 @@ void CapturePipeline::recoverIntake()
 void CapturePipeline::forgetIntake(const FolderWatcher::NewCapture& capture)
 {
     if (environment_.intake != nullptr) {
-        environment_.intake->remove(capture.folderId, capture.sourceURL.filename().string());
+        environment_.intake->remove(capture.folderId, capture.sourceURL.filename().string(), capture.canonicalId);
     }
 }
 

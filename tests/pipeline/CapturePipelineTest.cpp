@@ -783,5 +783,22 @@ TEST(CaptureIntake, HandedOverCapturesWithoutANoteAreCapturedAgainAfterACrash)
     EXPECT_TRUE(CaptureIntake(home.path() / "intake.json").entries().empty()) << "the journal file is empty too";
 }
 
+// Another recording handed over under the name of one whose note is still being written: the
+// first capture's end does not take the second one's entry with it.
+TEST(CaptureIntake, AnEntryIsRemovedOnlyByItsOwnCapture)
+{
+    test::ScratchDir dir;
+    CaptureIntake intake(dir.path() / "intake.json");
+    auto when = std::chrono::system_clock::now();
+    intake.add({"voice-memos", "Recording.m4a", dir.path() / "Recording.m4a", "240131-142530", when});
+    intake.add({"voice-memos", "Recording.m4a", dir.path() / "Recording.m4a", "240131-142530_2", when});
+    intake.remove("voice-memos", "Recording.m4a", "240131-142530");
+    auto kept = CaptureIntake(dir.path() / "intake.json").entries();
+    ASSERT_EQ(kept.size(), 1u);
+    EXPECT_EQ(kept[0].canonicalId, "240131-142530_2");
+    intake.remove("voice-memos", "Recording.m4a", "240131-142530_2");
+    EXPECT_TRUE(CaptureIntake(dir.path() / "intake.json").entries().empty());
+}
+
 } // namespace
 } // namespace quillet
