@@ -101,7 +101,9 @@ std::optional<std::string> FakeVeldane::Request::queryItem(const std::string& na
 FakeVeldane::FakeVeldane() : FakeVeldane(Options()) {}
 
 FakeVeldane::FakeVeldane(Options options)
-    : apiRoot_(std::move(options.apiRoot)), server_(std::make_unique<httplib::Server>())
+    : apiRoot_(std::move(options.apiRoot))
+    , closeEachConnection_(options.keepAliveSeconds == 0)
+    , server_(std::make_unique<httplib::Server>())
 {
     auto& server = *server_;
     int port = options.port;
@@ -237,6 +239,12 @@ void FakeVeldane::pause(double seconds) const
 
 void FakeVeldane::handle(const httplib::Request& raw, httplib::Response& response)
 {
+    // Said, not only done: a connection dropped silently after a few idle milliseconds was
+    // sometimes reused by the client at that very moment, and its next request (an upload)
+    // failed with a broken pipe.
+    if (closeEachConnection_) {
+        response.set_header("Connection", "close");
+    }
     Request request;
     request.method = raw.method;
     request.arrived = std::chrono::steady_clock::now();

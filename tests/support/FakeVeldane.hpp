@@ -88,8 +88,9 @@ public:
     struct Options {
         std::string apiRoot = "/api/v1";  // the path of the base URL
         int port = 0;                     // 0: any free port
-        // How long an idle connection is kept open, in whole seconds. At 0 it is closed after
-        // about 10 ms, which keeps the server's stop quick; clients open a new one.
+        // How long an idle connection is kept open, in whole seconds. At 0 every answer says
+        // "Connection: close" and the connection is closed after it, which keeps the server's
+        // stop quick; clients open a new one for each request.
         int keepAliveSeconds = 0;
     };
 
@@ -133,6 +134,7 @@ private:
     void pause(double seconds) const;
 
     std::string apiRoot_;
+    bool closeEachConnection_ = false;
     std::unique_ptr<httplib::Server> server_;
     std::thread thread_;
     int port_ = 0;
