@@ -2,6 +2,7 @@
 
 #include "quillet_capture/config/Log.hpp"
 #include "quillet_capture/platform/Paths.hpp"
+#include "quillet_capture/runtime/MainLoop.hpp"
 #include "quillet_capture/util/AtomicFile.hpp"
 #include "quillet_capture/util/Iso8601.hpp"
 #include "quillet_capture/util/Utf8.hpp"
@@ -16,7 +17,11 @@ namespace fs = std::filesystem;
 
 CaptureIntake& CaptureIntake::shared()
 {
-    static auto* intake = new CaptureIntake(Paths::stateFile().parent_path() / "intake.json");
+    static auto* intake = [] {
+        auto* made = new CaptureIntake(Paths::stateFile().parent_path() / "intake.json");
+        runtime::addExitHook([made] { made->close(); });
+        return made;
+    }();
     return *intake;
 }
 
@@ -80,8 +85,17 @@ std::vector<CaptureIntake::Entry> CaptureIntake::entries() const
     return entries_;
 }
 
+void CaptureIntake::close()
+{
+    std::lock_guard guard(lock_);
+    closed_ = true;
+}
+
 void CaptureIntake::persistLocked()
 {
+    if (closed_) {
+        return;
+    }
     auto pending = nlohmann::json::array();
     for (const auto& entry : entries_) {
         pending.push_back({

@@ -44,10 +44,15 @@ public:
     /// The entries, oldest first.
     std::vector<Entry> entries() const;
 
+    /// Waits for a write under way and makes every later change stay in memory: the process
+    /// is ending, and a write cut off by its end would leave a temporary file behind.
+    void close();
+
 private:
     void persistLocked();
 
     mutable std::mutex lock_;
+    bool closed_ = false;
     std::filesystem::path file_;
     std::vector<Entry> entries_;
 };

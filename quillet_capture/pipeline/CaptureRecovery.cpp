@@ -2,6 +2,7 @@
 
 #include "quillet_capture/config/Log.hpp"
 #include "quillet_capture/platform/Paths.hpp"
+#include "quillet_capture/runtime/MainLoop.hpp"
 #include "quillet_capture/util/AtomicFile.hpp"
 #include "quillet_capture/util/Iso8601.hpp"
 
@@ -22,7 +23,11 @@ std::chrono::seconds CaptureRecovery::pauseAfter(int attempts, std::chrono::seco
 
 CaptureRecovery& CaptureRecovery::shared()
 {
-    static auto* recovery = new CaptureRecovery(Paths::stateFile().parent_path() / "recovery.json");
+    static auto* recovery = [] {
+        auto* made = new CaptureRecovery(Paths::stateFile().parent_path() / "recovery.json");
+        runtime::addExitHook([made] { made->close(); });
+        return made;
+    }();
     return *recovery;
 }
 
@@ -144,8 +149,17 @@ std::map<std::string, CaptureRecovery::Entry> CaptureRecovery::entries() const
     return entries_;
 }
 
+void CaptureRecovery::close()
+{
+    std::lock_guard guard(lock_);
+    closed_ = true;
+}
+
 void CaptureRecovery::persistLocked()
 {
+    if (closed_) {
+        return;
+    }
     auto json = nlohmann::json::object();
     for (const auto& [id, entry] : entries_) {
         nlohmann::json item = {

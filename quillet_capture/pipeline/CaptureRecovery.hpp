@@ -72,6 +72,10 @@ public:
 
     std::map<std::string, Entry> entries() const;
 
+    /// Waits for a write under way and makes every later change stay in memory: the process
+    /// is ending, and a write cut off by its end would leave a temporary file behind.
+    void close();
+
 private:
     void persistLocked();
 
@@ -80,6 +84,7 @@ private:
     std::chrono::seconds minute_{60};
     mutable std::mutex lock_;
     std::map<std::string, Entry> entries_;
+    bool closed_ = false;
 };
 
 } // namespace quillet

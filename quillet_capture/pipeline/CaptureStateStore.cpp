@@ -3,6 +3,7 @@
 #include "quillet_capture/config/Log.hpp"
 #include "quillet_capture/pipeline/CaptureStateMigration.hpp"
 #include "quillet_capture/platform/Paths.hpp"
+#include "quillet_capture/runtime/MainLoop.hpp"
 #include "quillet_capture/util/AtomicFile.hpp"
 #include "quillet_capture/util/Iso8601.hpp"
 #include "quillet_capture/util/Utf8.hpp"
@@ -635,7 +636,11 @@ std::string CaptureStateStore::EncodedState::text(const State& state) const
 CaptureStateStore& CaptureStateStore::shared()
 {
     // Never destroyed: watchers and tasks may still call it while the process ends.
-    static auto* store = new CaptureStateStore(Paths::stateFile(), Paths::legacyWatcherFile());
+    static auto* store = [] {
+        auto* made = new CaptureStateStore(Paths::stateFile(), Paths::legacyWatcherFile());
+        runtime::addExitHook([made] { made->close(); });
+        return made;
+    }();
     return *store;
 }
 
@@ -694,8 +699,17 @@ void CaptureStateStore::keepUnreadableAside()
          storePath_.string(), kept.failure);
 }
 
+void CaptureStateStore::close()
+{
+    std::lock_guard guard(queue_);
+    closed_ = true;
+}
+
 void CaptureStateStore::persistLocked()
 {
+    if (closed_) {
+        return;
+    }
     try {
         writeFileAtomically(storePath_, encoded_.text(state_), 0644);
     } catch (const std::exception& error) {

@@ -150,6 +150,10 @@ public:
     /// A copy of the current state.
     State state() const;
 
+    /// Waits for a write under way and makes every later change stay in memory: the process
+    /// is ending, and a write cut off by its end would leave a temporary file behind.
+    void close();
+
     /// The state file's text for `state`: UTF-8 JSON, pretty-printed with sorted keys, time
     /// stamps as ISO 8601 UTC text in whole seconds. Bytes of names that are not UTF-8 are
     /// written as U+FFFD, so the text always decodes again. Never throws except for memory.
@@ -169,6 +173,7 @@ private:
     TimePoint stamp(std::optional<TimePoint> at) const;
 
     mutable std::mutex queue_;
+    bool closed_ = false;
     std::filesystem::path storePath_;
     std::filesystem::path legacyPath_;
     runtime::Clock& clock_;
