@@ -92,9 +92,9 @@ void CaptureCoordinator::setOnNewCapture(std::function<void(const FolderWatcher:
     queue_.sync([&] { onNewCapture_ = std::move(handler); });
 }
 
-void CaptureCoordinator::setCapturedCheck(FolderWatcher::CapturedCheck captured)
+void CaptureCoordinator::setVault(FolderWatcher::Vault vault)
 {
-    queue_.sync([&] { captured_ = std::move(captured); });
+    queue_.sync([&] { vault_ = std::move(vault); });
 }
 
 void CaptureCoordinator::start()
@@ -146,7 +146,7 @@ void CaptureCoordinator::startOnQueue()
     }
     watchers_.clear();
     for (auto& folder : folders_()) {
-        watchers_.emplace_back(std::move(folder), store_, true, clock_, probes_, intake_, captured_);
+        watchers_.emplace_back(std::move(folder), store_, true, clock_, probes_, intake_, vault_);
     }
     if (watchers_.empty()) {
         rlog("[quillet] capture: no folders enabled; coordinator idle");

@@ -53,9 +53,9 @@ public:
     /// must return quickly. Set it before `start`.
     void setOnNewCapture(std::function<void(const FolderWatcher::NewCapture&)> handler);
 
-    /// Sets what tells the watchers' first index which recordings the vault holds already
-    /// (see `FolderWatcher::runInitialIndex`). Set it before `start`.
-    void setCapturedCheck(FolderWatcher::CapturedCheck captured);
+    /// Sets what the watchers ask of the vault (see `FolderWatcher::runInitialIndex` and
+    /// `FolderWatcher::poll`). Set it before `start`.
+    void setVault(FolderWatcher::Vault vault);
 
     /// Each returns at once; the work runs on the queue.
     void start();
@@ -89,7 +89,7 @@ private:
     bool hasInitialised_ = false;
     std::map<std::string, CaptureAccess::State> lastStates_;
     std::function<void(const FolderWatcher::NewCapture&)> onNewCapture_;
-    FolderWatcher::CapturedCheck captured_;
+    FolderWatcher::Vault vault_;
     std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
 };
 

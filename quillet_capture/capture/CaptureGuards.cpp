@@ -7,6 +7,7 @@
 #include <xlocale.h> // strtod_l and newlocale on macOS
 #endif
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <clocale>
@@ -183,15 +184,21 @@ bool isStable(const std::filesystem::path& file, std::int64_t initialSize, int t
     return false;
 }
 
-Verdict evaluate(const std::filesystem::path& file, TimePoint now, const Probes& probes, runtime::Clock& clock)
+namespace {
+
+/// The checks before the stability test (size, empty file, ".qta" recording in progress): the
+/// verdict when one decides, else nothing. `size` receives the file's size.
+std::optional<Verdict> firstChecks(const std::filesystem::path& file, TimePoint now, const Probes& probes,
+                                   std::int64_t& size)
 {
-    auto size = probes.size(file);
-    if (!size) {
+    auto sized = probes.size(file);
+    if (!sized) {
         return Verdict::defer("cannot stat file");
     }
+    size = *sized;
     // An iCloud placeholder that is still being filled; this comes before the .qta checks so
     // that an empty recording is never skipped for its twin.
-    if (*size == 0) {
+    if (size == 0) {
         return Verdict::defer("0-byte file, sync in flight");
     }
 
@@ -214,19 +221,82 @@ Verdict evaluate(const std::filesystem::path& file, TimePoint now, const Probes&
             }
         }
     }
+    return std::nullopt;
+}
 
-    bool stable = probes.stabilitySampler ? probes.stabilitySampler(file)
-                                          : isStable(file, *size, stabilityTries, stabilityInterval, probes.size, clock);
-    if (!stable) {
-        return Verdict::defer("size still changing");
+} // namespace
+
+Verdict evaluate(const std::filesystem::path& file, TimePoint now, const Probes& probes, runtime::Clock& clock)
+{
+    return evaluateAll({file}, now, probes, clock).front();
+}
+
+std::vector<Verdict> evaluateAll(const std::vector<std::filesystem::path>& files, TimePoint now, const Probes& probes,
+                                 runtime::Clock& clock)
+{
+    std::vector<std::optional<Verdict>> decided(files.size());
+    // The size of each file still under the stability test, at its last sample.
+    std::vector<std::optional<std::int64_t>> sampling(files.size());
+    for (std::size_t index = 0; index < files.size(); ++index) {
+        std::int64_t size = 0;
+        decided[index] = firstChecks(files[index], now, probes, size);
+        if (!decided[index]) {
+            sampling[index] = size;
+        }
     }
 
-    // An absent duration (the reader failed) lets the file through: better an upload the
-    // service rejects than a recording that is never captured.
-    if (auto duration = probes.duration(file); duration && *duration < minDuration) {
-        return Verdict::skip(formatted("audio too short (%.2fs < %.2fs)", *duration, minDuration));
+    // The size-stability test, for all of them at once: each round sleeps once and samples
+    // every file still under test; a file whose sample equals its last one is stable, one
+    // whose size cannot be read is not.
+    const auto stable = [&](std::size_t index) { decided[index] = Verdict::proceed(); sampling[index].reset(); };
+    const auto unstable = [&](std::size_t index) {
+        decided[index] = Verdict::defer("size still changing");
+        sampling[index].reset();
+    };
+    if (probes.stabilitySampler) {
+        for (std::size_t index = 0; index < files.size(); ++index) {
+            if (sampling[index]) {
+                probes.stabilitySampler(files[index]) ? stable(index) : unstable(index);
+            }
+        }
     }
-    return Verdict::proceed();
+    for (int round = 0; round < stabilityTries; ++round) {
+        if (std::none_of(sampling.begin(), sampling.end(), [](const auto& size) { return size.has_value(); })) {
+            break;
+        }
+        clock.sleep(stabilityInterval);
+        for (std::size_t index = 0; index < files.size(); ++index) {
+            if (!sampling[index]) {
+                continue;
+            }
+            auto current = probes.size(files[index]);
+            if (!current) {
+                unstable(index);
+            } else if (*current == *sampling[index]) {
+                stable(index);
+            } else {
+                sampling[index] = current;
+            }
+        }
+    }
+
+    std::vector<Verdict> verdicts;
+    verdicts.reserve(files.size());
+    for (std::size_t index = 0; index < files.size(); ++index) {
+        if (sampling[index]) {
+            unstable(index);  // still changing after the last sample
+        }
+        auto verdict = std::move(*decided[index]);
+        // An absent duration (the reader failed) lets the file through: better an upload the
+        // service rejects than a recording that is never captured.
+        if (verdict.kind == Verdict::Kind::proceed) {
+            if (auto duration = probes.duration(files[index]); duration && *duration < minDuration) {
+                verdict = Verdict::skip(formatted("audio too short (%.2fs < %.2fs)", *duration, minDuration));
+            }
+        }
+        verdicts.push_back(std::move(verdict));
+    }
+    return verdicts;
 }
 
 } // namespace quillet::CaptureGuards

@@ -9,6 +9,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace quillet {
 
@@ -85,6 +86,12 @@ struct Probes {
 /// capture coordinator's queue; any thread may call it.
 Verdict evaluate(const std::filesystem::path& file, TimePoint now, const Probes& probes = {},
                  runtime::Clock& clock = runtime::systemClock());
+
+/// `evaluate` for several files at once, with the same verdict per file, in the order of
+/// `files`: their sizes are sampled together, so that one stability wait (up to
+/// `stabilityTries` sleeps of `stabilityInterval` in all, not per file) serves them all.
+std::vector<Verdict> evaluateAll(const std::vector<std::filesystem::path>& files, TimePoint now,
+                                 const Probes& probes = {}, runtime::Clock& clock = runtime::systemClock());
 
 /// The size-stability test on its own: up to `tries` times, sleeps `interval` on `clock` and
 /// samples `size(file)`; true as soon as a sample equals the one before it (the first is

@@ -7,10 +7,15 @@
 #include "quillet_capture/pipeline/CaptureIntake.hpp"
 #include "quillet_capture/pipeline/CaptureStateStore.hpp"
 
+#include "quillet_capture/util/AtomicFile.hpp"
+
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
+#include <cstring>
 
 namespace quillet {
 
@@ -25,7 +30,7 @@ constexpr auto kWatchedAfterCapture = std::chrono::hours(1);
 } // namespace
 
 FolderWatcher::FolderWatcher(WatchedFolder folder, CaptureStateStore& store, bool runGuards, runtime::Clock& clock,
-                             CaptureGuards::Probes probes, CaptureIntake* intake, CapturedCheck captured,
+                             CaptureGuards::Probes probes, CaptureIntake* intake, Vault vault,
                              fs::path firstWatchedFile)
     : folder_(std::move(folder))
     , store_(store)
@@ -33,7 +38,7 @@ FolderWatcher::FolderWatcher(WatchedFolder folder, CaptureStateStore& store, boo
     , clock_(clock)
     , probes_(std::move(probes))
     , intake_(intake)
-    , captured_(std::move(captured))
+    , vault_(std::move(vault))
     , firstWatchedFile_(firstWatchedFile.empty() ? FirstWatched::defaultFile() : std::move(firstWatchedFile))
 {
 }
@@ -124,7 +129,7 @@ int FolderWatcher::runInitialIndex()
             const fs::path file = root / name;
             auto modified = probes_.modified ? probes_.modified(file) : CaptureGuards::defaultModified(file);
             bool history = !modified || *modified < since;
-            if (!history && !(captured_ && !id.empty() && captured_(id, file))) {
+            if (!history && !(vault_.holds && !id.empty() && vault_.holds(id, file))) {
                 ++arrived;
                 continue;
             }
@@ -225,17 +230,22 @@ std::vector<FolderWatcher::NewCapture> FolderWatcher::poll(const CaptureAccess::
     const bool everyFile = !stamp || stamp != folderStamp_;
     folderStamp_ = stamp;
     const auto now = clock_.now();
+
+    // 1. The files to take: those never seen, and captured ones that have changed since.
+    struct Candidate {
+        const std::string& name;
+        fs::path file;
+        std::optional<CaptureStateStore::State::SeenEntry> captured;
+    };
+    std::vector<Candidate> candidates;
     for (const auto& name : listed.names) {
-        bool again = false;
-        if (auto seen = store_.seenEntry(name, folder_.id)) {
-            if (seen->file.empty() ||
-                !(everyFile || now - seen->firstSeen < kWatchedAfterCapture || changing_.contains(name)) ||
-                !changedSinceCapture(root / name, name, *seen)) {
-                continue;
-            }
-            again = true;
+        auto seen = store_.seenEntry(name, folder_.id);
+        if (seen && (seen->file.empty() ||
+                     !(everyFile || now - seen->firstSeen < kWatchedAfterCapture || changing_.contains(name)) ||
+                     !changedSinceCapture(root / name, name, *seen))) {
+            continue;
         }
-        const fs::path file = root / name;
+        fs::path file = root / name;
         // A link would copy and upload whatever file it points at (any file the user can
         // read), and a folder, FIFO or device named like a recording is no recording: skipped,
         // not marked seen (a recording put in its place later is captured), and said once.
@@ -245,21 +255,51 @@ std::vector<FolderWatcher::NewCapture> FolderWatcher::poll(const CaptureAccess::
             }
             continue;
         }
-        if (runGuards_) {
-            auto verdict = CaptureGuards::evaluate(file, clock_.now(), probes_, clock_);
-            if (verdict.kind == CaptureGuards::Verdict::Kind::defer) {
-                // A file in flux is reported at each poll; one that cannot be looked at stays
-                // so, and is reported once.
-                if (verdict.reason != kCannotStat || reported_.insert(name).second) {
-                    rlog("[quillet] capture: [%@] deferring %@ (%@)", folder_.displayName, name, verdict.reason);
-                }
-                continue;
+        candidates.push_back({name, std::move(file), std::move(seen)});
+    }
+    if (candidates.empty()) {
+        return captures;
+    }
+
+    // 2. The guards look at all of them together: one stability wait serves a burst.
+    std::vector<CaptureGuards::Verdict> verdicts(candidates.size(), CaptureGuards::Verdict::proceed());
+    if (runGuards_) {
+        std::vector<fs::path> files;
+        files.reserve(candidates.size());
+        for (const auto& candidate : candidates) {
+            files.push_back(candidate.file);
+        }
+        verdicts = CaptureGuards::evaluateAll(files, clock_.now(), probes_, clock_);
+    }
+
+    // 3. Handed over in listing order.
+    for (std::size_t index = 0; index < candidates.size(); ++index) {
+        const auto& [name, file, captured] = candidates[index];
+        const auto& verdict = verdicts[index];
+        if (verdict.kind == CaptureGuards::Verdict::Kind::defer) {
+            // A file in flux is reported at each poll; one that cannot be looked at stays
+            // so, and is reported once.
+            if (verdict.reason != kCannotStat || reported_.insert(name).second) {
+                rlog("[quillet] capture: [%@] deferring %@ (%@)", folder_.displayName, name, verdict.reason);
             }
-            if (verdict.kind == CaptureGuards::Verdict::Kind::skip) {
-                rlog("[quillet] capture: [%@] skipping %@ (%@)", folder_.displayName, name, verdict.reason);
-                store_.markSeen(name, "", folder_.id, clock_.now());
-                continue;
-            }
+            continue;
+        }
+        if (verdict.kind == CaptureGuards::Verdict::Kind::skip) {
+            rlog("[quillet] capture: [%@] skipping %@ (%@)", folder_.displayName, name, verdict.reason);
+            store_.markSeen(name, "", folder_.id, clock_.now());
+            continue;
+        }
+        // A captured file that changed: the same recording grown (its copy in the vault is
+        // where it begins: a sync or recorder that was still writing), the same bytes (only
+        // touched), or another recording under the name.
+        auto change = Change::another;
+        if (captured && vault_.copyOf) {
+            change = compareWithCopy(file, vault_.copyOf(captured->canonicalId));
+        }
+        if (change == Change::same) {
+            store_.markSeen(name, captured->canonicalId, folder_.id, clock_.now(), fileIdentity(file).value_or(""));
+            changing_.erase(name);
+            continue;
         }
         auto start = startTime(root, name);
         if (!start) {
@@ -272,18 +312,26 @@ std::vector<FolderWatcher::NewCapture> FolderWatcher::poll(const CaptureAccess::
         // note of its own: an id that the seen set gives another file takes a suffix.
         // Another recording under a name captured before also never takes an id whose note
         // the vault has: the earlier recording's entry no longer holds it.
-        std::string id = CollisionResolver::resolve(FilenameNormaliser::canonicalId(*start), [&](const std::string& candidate) {
-            return !store_.holdsCanonicalId(candidate) && !(again && captured_ && captured_(candidate, fs::path()));
-        });
+        std::string id = change == Change::grown
+                             ? captured->canonicalId
+                             : CollisionResolver::resolve(FilenameNormaliser::canonicalId(*start),
+                                                          [&](const std::string& candidate) {
+                                                              return !store_.holdsCanonicalId(candidate) &&
+                                                                     !(captured && vault_.holds &&
+                                                                       vault_.holds(candidate, fs::path()));
+                                                          });
+        const bool grown = change == Change::grown;
         // Journal first: once the file counts as seen, only the journal remembers it until
         // the pipeline has written its note.
         if (intake_ != nullptr) {
-            intake_->add({folder_.id, name, file, id, *start});
+            intake_->add({folder_.id, name, file, id, *start, grown});
         }
         store_.markSeen(name, id, folder_.id, clock_.now(), fileIdentity(file).value_or(""));
         changing_.erase(name);
-        captures.push_back({file, id, *start, folder_.id});
-        if (again) {
+        captures.push_back({file, id, *start, folder_.id, grown});
+        if (grown) {
+            rlog("[quillet] capture: [%@] %@ grew after its capture -- replacing %@", folder_.displayName, name, id);
+        } else if (captured) {
             rlog("[quillet] capture: [%@] %@ is another recording now -- %@ -> %@", folder_.displayName, name, name,
                  id);
         } else {
@@ -291,6 +339,59 @@ std::vector<FolderWatcher::NewCapture> FolderWatcher::poll(const CaptureAccess::
         }
     }
     return captures;
+}
+
+FolderWatcher::Change FolderWatcher::compareWithCopy(const fs::path& file, const fs::path& copy)
+{
+    // Read side by side until the copy ends: the file begins with it (grown), is it (same),
+    // or differs (another recording). A copy that cannot be read proves nothing: another.
+    int fileFd = openRegularFile(file, O_RDONLY);
+    if (fileFd < 0) {
+        return Change::another;
+    }
+    int copyFd = openRegularFile(copy, O_RDONLY);
+    if (copyFd < 0) {
+        ::close(fileFd);
+        return Change::another;
+    }
+    auto readFull = [](int fd, char* buffer, std::size_t size) -> ssize_t {
+        std::size_t done = 0;
+        while (done < size) {
+            ssize_t got = ::read(fd, buffer + done, size - done);
+            if (got < 0 && errno == EINTR) {
+                continue;
+            }
+            if (got < 0) {
+                return -1;
+            }
+            if (got == 0) {
+                break;
+            }
+            done += static_cast<std::size_t>(got);
+        }
+        return static_cast<ssize_t>(done);
+    };
+    constexpr std::size_t kChunk = 1 << 16;
+    std::vector<char> ours(kChunk);
+    std::vector<char> theirs(kChunk);
+    auto change = Change::another;
+    for (;;) {
+        ssize_t inCopy = readFull(copyFd, ours.data(), kChunk);
+        ssize_t inFile = readFull(fileFd, theirs.data(), kChunk);
+        if (inCopy < 0 || inFile < 0 || inFile < inCopy ||
+            std::memcmp(ours.data(), theirs.data(), static_cast<std::size_t>(inCopy)) != 0) {
+            break;
+        }
+        if (inCopy < static_cast<ssize_t>(kChunk)) {
+            // The copy has ended: the file goes on (grown) or ends here too (the same bytes).
+            char more = 0;
+            change = inFile > inCopy || readFull(fileFd, &more, 1) == 1 ? Change::grown : Change::same;
+            break;
+        }
+    }
+    ::close(copyFd);
+    ::close(fileFd);
+    return change;
 }
 
 } // namespace quillet

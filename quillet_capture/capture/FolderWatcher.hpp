@@ -32,23 +32,31 @@ public:
         std::string canonicalId;
         TimePoint timestamp;
         std::string folderId;
+        /// The recording captured before under `canonicalId`, grown since: its copy in the
+        /// vault is to be replaced and its transcript made again.
+        bool grown = false;
         bool operator==(const NewCapture&) const = default;
     };
 
-    /// True when the vault already holds the capture of `file` under `canonicalId` (its id
-    /// before any suffix for a twin of the same second); with an empty `file`, true when the
-    /// vault has a note under exactly `canonicalId`.
-    using CapturedCheck = std::function<bool(const std::string& canonicalId, const std::filesystem::path& file)>;
+    /// What the watcher asks of the vault.
+    struct Vault {
+        /// True when the vault already holds the capture of `file` under `canonicalId` (its id
+        /// before any suffix for a twin of the same second); with an empty `file`, true when
+        /// the vault has a note under exactly `canonicalId`.
+        std::function<bool(const std::string& canonicalId, const std::filesystem::path& file)> holds;
+        /// The vault's audio copy of the capture `canonicalId`.
+        std::function<std::filesystem::path(const std::string& canonicalId)> copyOf;
+    };
 
     /// A watcher of `folder` (a copy) over `store`. `clock` gives "now" and the guards'
     /// stability waits; `probes` replace the guards' file-system probes in tests. Each new
-    /// capture is written to `intake` (when given) before it is marked seen. `captured` tells
-    /// the first index which recordings the vault holds already; `firstWatchedFile` keeps
-    /// when the folder was first watched.
+    /// capture is written to `intake` (when given) before it is marked seen. `vault` tells the
+    /// first index which recordings the vault holds already, and a poll whether a captured
+    /// file that changed is the same recording grown; `firstWatchedFile` keeps when the
+    /// folder was first watched.
     FolderWatcher(WatchedFolder folder, CaptureStateStore& store, bool runGuards = true,
                   runtime::Clock& clock = runtime::systemClock(), CaptureGuards::Probes probes = {},
-                  CaptureIntake* intake = nullptr, CapturedCheck captured = {},
-                  std::filesystem::path firstWatchedFile = {});
+                  CaptureIntake* intake = nullptr, Vault vault = {}, std::filesystem::path firstWatchedFile = {});
 
     const WatchedFolder& folder() const { return folder_; }
 
@@ -74,7 +82,12 @@ public:
     /// moments were kept, the time of its index as the moment).
     int runInitialIndex();
 
-    /// The new recordings of this poll, in listing order, each already marked seen.
+    /// The new recordings of this poll, in listing order, each already marked seen. The
+    /// guards look at all of them together, so that a burst of recordings costs one stability
+    /// wait. A captured file that changed and has stayed the same for a poll is handed over
+    /// again: as `grown` under its id when its copy in the vault is where it begins, else as
+    /// another recording under an id of its own; one whose bytes are its copy's is only
+    /// marked seen as it is now.
     std::vector<NewCapture> poll();
     /// The same over `listing`, a listing of this folder just taken; nothing when it is not
     /// usable.
@@ -92,6 +105,9 @@ private:
     /// changed, and has stayed the same since the last poll.
     bool changedSinceCapture(const std::filesystem::path& file, const std::string& name,
                              const CaptureStateStore::State::SeenEntry& seen);
+    /// How a captured file that changed relates to its copy in the vault.
+    enum class Change { another, grown, same };
+    static Change compareWithCopy(const std::filesystem::path& file, const std::filesystem::path& copy);
     /// Why `file` is no recording to take ("a symbolic link", "not a regular file"), or
     /// nothing when it is a regular file or cannot be looked at.
     static std::optional<std::string> notARecording(const std::filesystem::path& file);
@@ -105,7 +121,7 @@ private:
     runtime::Clock& clock_;
     CaptureGuards::Probes probes_;
     CaptureIntake* intake_;
-    CapturedCheck captured_;
+    Vault vault_;
     std::filesystem::path firstWatchedFile_;
     /// The names skipped as no recording, each logged once while this watcher lives.
     std::set<std::string> reported_;

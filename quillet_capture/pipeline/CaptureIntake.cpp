@@ -56,7 +56,9 @@ CaptureIntake::CaptureIntake(fs::path file)
         if (!folderId || !name || !source || !canonicalId || !timestamp) {
             continue;
         }
-        entries_.push_back({*folderId, Utf8::bytesOf(*name), Utf8::bytesOf(*source), *canonicalId, *timestamp});
+        auto grown = item.find("grown");
+        entries_.push_back({*folderId, Utf8::bytesOf(*name), Utf8::bytesOf(*source), *canonicalId, *timestamp,
+                            grown != item.end() && grown->is_boolean() && grown->get<bool>()});
     }
 }
 
@@ -79,6 +81,12 @@ void CaptureIntake::remove(const std::string& folderId, const std::string& name,
     }
 }
 
+bool CaptureIntake::holds(const std::string& canonicalId) const
+{
+    std::lock_guard guard(lock_);
+    return std::any_of(entries_.begin(), entries_.end(), [&](const Entry& e) { return e.canonicalId == canonicalId; });
+}
+
 std::vector<CaptureIntake::Entry> CaptureIntake::entries() const
 {
     std::lock_guard guard(lock_);
@@ -98,14 +106,18 @@ void CaptureIntake::persistLocked()
     }
     auto pending = nlohmann::json::array();
     for (const auto& entry : entries_) {
-        pending.push_back({
+        nlohmann::json item = {
             {"canonicalId", entry.canonicalId},
             {"folderId", entry.folderId},
             // Names that are not UTF-8 are kept byte for byte: the entry must find its file.
             {"name", Utf8::lossless(entry.name)},
             {"source", Utf8::lossless(entry.source.string())},
             {"timestamp", Iso8601::format(entry.timestamp)},
-        });
+        };
+        if (entry.grown) {
+            item["grown"] = true;
+        }
+        pending.push_back(std::move(item));
     }
     nlohmann::json document = {{"pending", std::move(pending)}};
     try {

@@ -23,6 +23,7 @@ public:
         std::filesystem::path source;
         std::string canonicalId;
         TimePoint timestamp;      // the recording's start
+        bool grown = false;       // captured before under `canonicalId`, and grown since
         bool operator==(const Entry&) const = default;
     };
 
@@ -40,6 +41,9 @@ public:
     /// journal. An entry of the same name under another id (another recording under that
     /// name, handed over meanwhile) stays.
     void remove(const std::string& folderId, const std::string& name, const std::string& canonicalId);
+
+    /// True when an entry is under `canonicalId`.
+    bool holds(const std::string& canonicalId) const;
 
     /// The entries, oldest first.
     std::vector<Entry> entries() const;

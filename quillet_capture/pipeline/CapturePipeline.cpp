@@ -180,7 +180,7 @@ void CapturePipeline::recoverIntake()
             environment_.store->markSeen(entry.name, entry.canonicalId, entry.folderId, environment_.clock->now());
         }
         rlog("[quillet] capture pipeline: %@ was handed over but has no note yet; capturing it again", entry.name);
-        FolderWatcher::NewCapture capture{entry.source, entry.canonicalId, entry.timestamp, entry.folderId};
+        FolderWatcher::NewCapture capture{entry.source, entry.canonicalId, entry.timestamp, entry.folderId, entry.grown};
         runtime::spawn(handle(std::move(capture)), "capture " + entry.canonicalId);
     }
 }
@@ -196,9 +196,13 @@ void CapturePipeline::start()
 {
     recoverIntake();
     if (coordinator_ != nullptr) {
-        coordinator_->setCapturedCheck([this](const std::string& id, const fs::path& file) {
-            std::error_code error;
-            return file.empty() ? fs::exists(writer().noteURL(id), error) : holdsCaptureOf(id, file);
+        coordinator_->setVault({
+            .holds =
+                [this](const std::string& id, const fs::path& file) {
+                    std::error_code error;
+                    return file.empty() ? fs::exists(writer().noteURL(id), error) : holdsCaptureOf(id, file);
+                },
+            .copyOf = [this](const std::string& id) { return writer().audioURL(id); },
         });
         coordinator_->setOnNewCapture([this](const FolderWatcher::NewCapture& capture) {
             // The coordinator's queue only hands over; the capture runs as a task of its own.
@@ -256,14 +260,17 @@ asio::awaitable<void> CapturePipeline::recoverDue()
     TaskCount counting(*this);
     auto due = environment_.recovery->takeDue(environment_.clock->now());
     auto inbox = writer();
-    bool withoutNote = false;
+    bool inJournal = false;
     for (const auto& id : due) {
         if (isClaimed(id)) {
             continue;  // under way: its end says what follows
         }
+        // A copy or stub that failed left the capture in the intake journal: a new one
+        // without a note, or one that grew with the note of what it was.
         std::error_code error;
-        if (!fs::exists(inbox.noteURL(id), error)) {
-            withoutNote = true;
+        if (!fs::exists(inbox.noteURL(id), error) ||
+            (environment_.intake != nullptr && environment_.intake->holds(id))) {
+            inJournal = true;
             continue;
         }
         InboxWriter::Frontmatter frontmatter;
@@ -293,8 +300,7 @@ asio::awaitable<void> CapturePipeline::recoverDue()
         std::optional<std::map<std::string, std::string>> metadata = std::move(profile.sourceMetadata);
         co_await uploadExisting(id, std::move(source), std::move(tags), std::move(metadata));
     }
-    // A copy or stub that failed left the capture in the intake journal only.
-    if (withoutNote) {
+    if (inJournal) {
         recoverIntake();
     }
     scheduleRecovery();
@@ -402,47 +408,57 @@ asio::awaitable<void> CapturePipeline::handle(FolderWatcher::NewCapture capture)
 {
     TaskCount counting(*this);
     auto inbox = writer();
-
-    // 1. An id already taken by a recording of the companion recorder gets a suffix.
-    const std::string fileId = capture.canonicalId;
-    std::string id = CollisionResolver::resolve(fileId, [&](const std::string& candidate) {
-        try {
-            auto existing = InboxWriter::readFrontmatter(inbox.noteURL(candidate));
-            return !(existing.classification == recordingClassification ||
-                     isRecordingOrigin(existing.sourceOrigin));
-        } catch (const std::exception&) {
-            return true;
+    std::string id = capture.canonicalId;
+    if (capture.grown) {
+        // A recording that grew keeps its id and its note; what is under way for it (its
+        // upload, its transcript) ends first, and is then done again for the whole recording.
+        while (!claim(id)) {
+            co_await environment_.clock->wait(std::chrono::seconds(1));
         }
-    });
-    if (id != fileId) {
-        rlog("[quillet] capture pipeline: %@ is a recording's id; capturing %@ as %@", fileId,
-             capture.sourceURL.filename().string(), id);
-    }
+        rlog("[quillet] capture pipeline: %@ grew after its capture; replacing its audio and transcribing it again",
+             id);
+    } else {
+        // 1. An id already taken by a recording of the companion recorder gets a suffix.
+        const std::string fileId = capture.canonicalId;
+        id = CollisionResolver::resolve(fileId, [&](const std::string& candidate) {
+            try {
+                auto existing = InboxWriter::readFrontmatter(inbox.noteURL(candidate));
+                return !(existing.classification == recordingClassification ||
+                         isRecordingOrigin(existing.sourceOrigin));
+            } catch (const std::exception&) {
+                return true;
+            }
+        });
+        if (id != fileId) {
+            rlog("[quillet] capture pipeline: %@ is a recording's id; capturing %@ as %@", fileId,
+                 capture.sourceURL.filename().string(), id);
+        }
 
-    // 2. Finished work is never done again.
-    try {
-        auto existing = InboxWriter::readFrontmatter(inbox.noteURL(id));
-        if (existing.vdJobStatus == "done") {
-            rlog("[quillet] capture pipeline: %@ already has its transcript; skipping", id);
-            forgetIntake(capture);
+        // 2. Finished work is never done again.
+        try {
+            auto existing = InboxWriter::readFrontmatter(inbox.noteURL(id));
+            if (existing.vdJobStatus == "done") {
+                rlog("[quillet] capture pipeline: %@ already has its transcript; skipping", id);
+                forgetIntake(capture);
+                co_return;
+            }
+        } catch (const std::exception&) {
+        }
+
+        // 3. One handler per id, whoever offers it.
+        if (!claim(id)) {
+            rlog("[quillet] capture pipeline: %@ is already being handled; skipping", id);
             co_return;
         }
-    } catch (const std::exception&) {
-    }
-
-    // 3. One handler per id, whoever offers it.
-    if (!claim(id)) {
-        rlog("[quillet] capture pipeline: %@ is already being handled; skipping", id);
-        co_return;
     }
     Claim claimed(*this, id);
 
     // 4. The copy is the slow part; it runs on the blocking pool.
     std::optional<std::string> copyError;
-    auto copy = [&inbox, source = capture.sourceURL, id, &copyError] {
+    auto copy = [&inbox, source = capture.sourceURL, id, grown = capture.grown, &copyError] {
         try {
             inbox.ensureDirectories();
-            inbox.copyAudio(source, id);
+            grown ? inbox.replaceAudio(source, id) : inbox.copyAudio(source, id);
         } catch (const std::exception& error) {
             copyError = error.what();
         }
@@ -473,13 +489,23 @@ asio::awaitable<void> CapturePipeline::handle(FolderWatcher::NewCapture capture)
         frontmatter.tags.push_back("watched_folder:" + folder->displayName);
     }
 
-    // 6. The stub note.
-    try {
-        inbox.writeStub(frontmatter);
-    } catch (const std::exception& error) {
-        rlog("[quillet] capture pipeline: writeStub failed for %@: %@", id, error.what());
+    // 6. The stub note, or the note of a recording that grew, made pending again.
+    auto reopened = Reopened::noNote;
+    if (capture.grown) {
+        reopened = co_await reopenNote(id, uploadsOn);
+    }
+    if (reopened == Reopened::failed) {
         noteFailure(id, "copy_failed");
         co_return;
+    }
+    if (reopened == Reopened::noNote) {
+        try {
+            inbox.writeStub(frontmatter);
+        } catch (const std::exception& error) {
+            rlog("[quillet] capture pipeline: writeStub failed for %@: %@", id, error.what());
+            noteFailure(id, "copy_failed");
+            co_return;
+        }
     }
     // The note now carries the capture; a failed copy or stub leaves the journal entry for
     // the next start.
@@ -533,6 +559,55 @@ asio::awaitable<void> CapturePipeline::handle(FolderWatcher::NewCapture capture)
 
     // 13. The claim is held until polling ends.
     co_await pollUntilDone(service, id, *key);
+}
+
+asio::awaitable<CapturePipeline::Reopened> CapturePipeline::reopenNote(std::string id, bool uploadsOn)
+{
+    auto inbox = writer();
+    const auto note = inbox.noteURL(id);
+    std::error_code missing;
+    if (!fs::exists(fs::symlink_status(note, missing))) {
+        co_return Reopened::noNote;
+    }
+    InboxWriter::Frontmatter frontmatter;
+    std::string body;
+    try {
+        frontmatter = InboxWriter::readFrontmatter(note);
+        body = InboxWriter::readBody(note);
+    } catch (const std::exception& error) {
+        // A stub in its place would lose what the user wrote in it.
+        rlog("[quillet] capture pipeline: cannot reopen the note of %@: %@", id, error.what());
+        co_return Reopened::failed;
+    }
+    // The note's transcript is of the shorter recording and goes; what the user wrote below
+    // it stays. The service tells which text is its transcript.
+    const auto& key = frontmatter.externalId;
+    if (frontmatter.vdJobStatus == "done" && key && !key->empty() && uploadsOn) {
+        std::string earlier;
+        try {
+            auto service = client();
+            std::string cacheKey = *key;
+            auto detail = co_await service.source(std::move(cacheKey));
+            earlier = detail.result.text.value_or("");
+        } catch (const std::exception& error) {
+            rlog("[quillet] capture pipeline: cannot fetch the earlier transcript of %@: %@", id, error.what());
+        }
+        if (!earlier.empty() && body.starts_with(earlier)) {
+            auto rest = body.find_first_not_of("\r\n", earlier.size());
+            body = rest == std::string::npos ? std::string() : body.substr(rest);
+        } else {
+            rlog("[quillet] capture pipeline: %@ keeps its earlier text below the new transcript", id);
+        }
+    }
+    frontmatter.vdJobStatus = uploadsOn ? "queued" : "skipped";
+    frontmatter.externalId.reset();
+    try {
+        inbox.writeMarkdown(frontmatter, body);
+    } catch (const std::exception& error) {
+        rlog("[quillet] capture pipeline: cannot reopen the note of %@: %@", id, error.what());
+        co_return Reopened::failed;
+    }
+    co_return Reopened::reopened;
 }
 
 asio::awaitable<std::optional<std::string>> CapturePipeline::resolvedCacheKey(const VeldaneClient::UploadResult& result,

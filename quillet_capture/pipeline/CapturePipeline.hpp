@@ -159,6 +159,11 @@ private:
     void scheduleRecovery();
     void forgetIntake(const FolderWatcher::NewCapture& capture);
 
+    enum class Reopened { reopened, noNote, failed };
+    /// Makes the note of `id`, a recording that grew, pending again for its new transcript:
+    /// its transcript goes, what the user wrote stays. `noNote` when there is none (a stub is
+    /// written instead), `failed` when it cannot be read or written.
+    asio::awaitable<Reopened> reopenNote(std::string id, bool uploadsOn);
     asio::awaitable<std::optional<std::string>> resolvedCacheKey(const VeldaneClient::UploadResult& result,
                                                                  VeldaneClient& client, const std::string& id);
     asio::awaitable<void> pollUntilDone(VeldaneClient& client, std::string id, std::string cacheKey);

@@ -416,11 +416,21 @@ void InboxWriter::ensureDirectories() const
 
 fs::path InboxWriter::copyAudio(const fs::path& source, std::string_view id) const
 {
+    return copyAudio(source, id, false);
+}
+
+fs::path InboxWriter::replaceAudio(const fs::path& source, std::string_view id) const
+{
+    return copyAudio(source, id, true);
+}
+
+fs::path InboxWriter::copyAudio(const fs::path& source, std::string_view id, bool replace) const
+{
     checkedId(id);
     ensureDirectories();
     auto destination = audioURL(id);
     std::error_code ignored;
-    if (fs::exists(fs::symlink_status(destination, ignored))) {
+    if (!replace && fs::exists(fs::symlink_status(destination, ignored))) {
         return destination;
     }
     // A dot name and the marker of atomic-write leftovers, so that listings skip the file and
@@ -443,9 +453,17 @@ fs::path InboxWriter::copyAudio(const fs::path& source, std::string_view id) con
         discard();
         throw;
     }
-    // link() gives the copy its name only if that name is still free, so a copy made at the
-    // same moment by someone else is never replaced; rename() would replace it.
-    if (::link(temp.c_str(), destination.c_str()) != 0) {
+    if (replace) {
+        // rename() swaps the copies in one step: the name holds the old copy or the new one.
+        if (::rename(temp.c_str(), destination.c_str()) != 0) {
+            int failure = errno;
+            discard();
+            throwErrno(failure, "cannot name the audio copy " + destination.string());
+        }
+        ::close(temporary.fd);
+    } else if (::link(temp.c_str(), destination.c_str()) != 0) {
+        // link() gives the copy its name only if that name is still free, so a copy made at
+        // the same moment by someone else is never replaced; rename() would replace it.
         int error = errno;
         if (error == EEXIST) {
             discard();

@@ -113,6 +113,11 @@ public:
     /// source's. Throws std::system_error.
     std::filesystem::path copyAudio(const std::filesystem::path& source, std::string_view id) const;
 
+    /// The same for a recording that grew after its capture: the copy there is replaced, in
+    /// one rename, so that its name holds the old copy or the new one and never part of
+    /// either. Throws std::system_error.
+    std::filesystem::path replaceAudio(const std::filesystem::path& source, std::string_view id) const;
+
     /// Ensures the folders and writes the note of `frontmatter` with an empty body.
     void writeStub(const Frontmatter& frontmatter) const;
 
@@ -175,6 +180,8 @@ public:
     static std::string yamlString(std::string_view value);
 
 private:
+    std::filesystem::path copyAudio(const std::filesystem::path& source, std::string_view id, bool replace) const;
+
     std::filesystem::path vaultRoot_;
 };
 

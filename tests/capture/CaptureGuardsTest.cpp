@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
+
 #include <fcntl.h>
 #include <sys/stat.h>
 
@@ -154,6 +156,58 @@ TEST(CaptureGuards, SizeIsSampledEveryTwoSecondsUntilTwoSamplesAgree)
     vanishing.file.sizes = {100, 200, 300, std::nullopt, 300};
     EXPECT_EQ(vanishing.evaluate(kRecording), Verdict::defer("size still changing"));
     EXPECT_EQ(vanishing.clock.waits().size(), 3u);
+}
+
+// Thirty recordings arriving together (a phone syncing a day of memos) share one stability
+// wait; each keeps the verdict it would get alone, in the order given.
+TEST(CaptureGuards, ABurstOfFilesSharesOneStabilityWait)
+{
+    test::FakeClock clock;
+    std::vector<fs::path> files;
+    std::map<fs::path, std::vector<std::optional<std::int64_t>>> sizes;
+    for (int index = 0; index < 30; ++index) {
+        files.push_back("/vm/20240131 1425" + std::to_string(10 + index) + ".m4a");
+        sizes[files.back()] = {1000 + index};
+    }
+    Probes probes;
+    probes.size = [&](const fs::path& file) {
+        auto& script = sizes.at(file);
+        auto size = script.front();
+        if (script.size() > 1) {
+            script.erase(script.begin());
+        }
+        return size;
+    };
+    probes.fileExists = [](const fs::path&) { return false; };
+    probes.modified = [&](const fs::path&) { return std::optional(clock.now()); };
+    probes.duration = [](const fs::path&) { return std::optional<double>(12.0); };
+
+    auto settled = CaptureGuards::evaluateAll(files, clock.now(), probes, clock);
+    EXPECT_EQ(settled, std::vector<Verdict>(30, Verdict::proceed()));
+    EXPECT_EQ(clock.waits(), std::vector<double>{2.0}) << "one wait for thirty files";
+
+    // Each file keeps its own reason: unreadable, empty, settling late, growing throughout,
+    // too short; the wait is as long as the slowest file needs, never longer.
+    test::FakeClock mixedClock;
+    std::vector<fs::path> mixed = {"/vm/a.m4a", "/vm/b.m4a", "/vm/c.m4a", "/vm/d.m4a", "/vm/e.m4a", "/vm/f.m4a"};
+    sizes = {{"/vm/a.m4a", {std::nullopt}},
+             {"/vm/b.m4a", {0}},
+             {"/vm/c.m4a", {10, 20, 30, 30}},
+             {"/vm/d.m4a", {1, 2, 3, 4, 5, 6, 7}},
+             {"/vm/e.m4a", {10, 10}},
+             {"/vm/f.m4a", {10, 20, std::nullopt}}};
+    probes.duration = [](const fs::path& file) { return std::optional<double>(file == "/vm/e.m4a" ? 0.2 : 12.0); };
+    auto verdicts = CaptureGuards::evaluateAll(mixed, mixedClock.now(), probes, mixedClock);
+    EXPECT_EQ(verdicts, (std::vector<Verdict>{Verdict::defer("cannot stat file"),
+                                              Verdict::defer("0-byte file, sync in flight"), Verdict::proceed(),
+                                              Verdict::defer("size still changing"),
+                                              Verdict::skip("audio too short (0.20s < 0.50s)"),
+                                              Verdict::defer("size still changing")}));
+    EXPECT_EQ(mixedClock.waits(), std::vector<double>(5, 2.0));
+
+    test::FakeClock idleClock;
+    EXPECT_TRUE(CaptureGuards::evaluateAll({}, idleClock.now(), probes, idleClock).empty());
+    EXPECT_TRUE(idleClock.waits().empty()) << "nothing to sample, no wait";
 }
 
 TEST(CaptureGuards, AGivenStabilitySamplerReplacesTheInlineSampling)

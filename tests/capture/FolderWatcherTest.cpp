@@ -16,6 +16,7 @@
 #include <fcntl.h>
 
 #include <cstdlib>
+#include <fstream>
 #include <ctime>
 
 namespace quillet {
@@ -104,10 +105,10 @@ TEST_F(WatcherFixture, TheFirstIndexLeavesWhatArrivedAfterTheFolderWasFirstWatch
     add("20240131 142700.m4a", "in the vault", firstWatched + std::chrono::minutes(2)); // captured before
     std::set<std::string> asked;
     FolderWatcher w(voiceMemos(), store, true, clock, probes, nullptr,
-                    [&](const std::string& id, const fs::path& file) {
+                    {.holds = [&](const std::string& id, const fs::path& file) {
                         asked.insert(id);
                         return file.filename() == "20240131 142700.m4a";
-                    });
+                    }});
     EXPECT_EQ(w.runInitialIndex(), 2);
     EXPECT_EQ(asked, (std::set<std::string>{"240131-142600", "240131-142700"})) << "history needs no look";
     EXPECT_TRUE(store.hasSeen("20240131 142500.m4a", "voice-memos-test"));
@@ -241,6 +242,67 @@ TEST_F(WatcherFixture, NewCapturesAreJournalledBeforeTheyCountAsSeen)
     EXPECT_EQ(entries[0].name, "20240131 142530.m4a");
     EXPECT_EQ(entries[0].canonicalId, "240131-142530");
     EXPECT_EQ(entries[0].source, folderPath / "20240131 142530.m4a");
+}
+
+// A captured file that changes is looked at again once it has stayed the same for a poll: a
+// recording that grew (a sync or recorder still writing) replaces its capture under its id,
+// one only touched is left alone, and other bytes under the name are another recording.
+TEST_F(WatcherFixture, AChangedFileIsTheSameRecordingGrownTouchedOrAnotherRecording)
+{
+    const fs::path vault = home.path() / "vault";
+    fs::create_directories(vault);
+    CaptureIntake intake(home.path() / "intake.json");
+    FolderWatcher w(voiceMemos(), store, true, clock, probes, &intake,
+                    {.holds = [&](const std::string& id, const fs::path&) { return fs::exists(vault / id); },
+                     .copyOf = [&](const std::string& id) { return vault / id; }});
+    w.runInitialIndex();
+    const std::string name = "20240131 142530.m4a";
+    const fs::path file = folderPath / name;
+    auto capture = [&](const std::string& id) {  // what the pipeline does with a capture
+        fs::copy_file(file, vault / id, fs::copy_options::overwrite_existing);
+        intake.remove("voice-memos-test", name, id);
+    };
+    add(name, "first part");
+    auto first = w.poll();
+    ASSERT_EQ(first.size(), 1u);
+    EXPECT_FALSE(first[0].grown);
+    capture(first[0].canonicalId);
+
+    // Grown: handed over again under its id once it has stopped growing, journalled as such.
+    std::ofstream(file, std::ios::app) << ", and the rest";
+    EXPECT_TRUE(w.poll().empty()) << "still changing";
+    auto grown = w.poll();
+    ASSERT_EQ(grown.size(), 1u);
+    EXPECT_EQ(grown[0], (FolderWatcher::NewCapture{file, "240131-142530", first[0].timestamp, "voice-memos-test", true}));
+    ASSERT_EQ(CaptureIntake(home.path() / "intake.json").entries().size(), 1u);
+    EXPECT_TRUE(CaptureIntake(home.path() / "intake.json").entries()[0].grown) << "a restart must replace it too";
+    capture(grown[0].canonicalId);
+    EXPECT_TRUE(w.poll().empty());
+
+    // Touched: the same bytes as its copy; nothing to capture, now or later.
+    add(name, "first part, and the rest", clock.now());
+    EXPECT_TRUE(w.poll().empty());
+    EXPECT_TRUE(w.poll().empty());
+    EXPECT_TRUE(w.poll().empty());
+
+    // Other bytes under the name (a recorder reusing it): another recording, its own id; the
+    // capture of the first stays.
+    add(name, "another recording altogether", clock.now());
+    EXPECT_TRUE(w.poll().empty());
+    auto other = w.poll();
+    ASSERT_EQ(other.size(), 1u);
+    EXPECT_FALSE(other[0].grown);
+    EXPECT_EQ(other[0].canonicalId, "240131-142530_2");
+
+    // A copy that is gone proves nothing: a grown file is then another recording too.
+    capture(other[0].canonicalId);
+    fs::remove(vault / "240131-142530_2");
+    std::ofstream(file, std::ios::app) << " that went on";
+    EXPECT_TRUE(w.poll().empty());
+    auto unproven = w.poll();
+    ASSERT_EQ(unproven.size(), 1u);
+    EXPECT_FALSE(unproven[0].grown);
+    EXPECT_EQ(unproven[0].canonicalId, "240131-142530_3");
 }
 
 } // namespace

@@ -145,9 +145,10 @@ double CaptureAgentHarness::draw(double low, double high)
     return std::uniform_real_distribution<double>(low, high)(random_);
 }
 
-std::string CaptureAgentHarness::transcriptOf(const std::string& id)
+std::string CaptureAgentHarness::transcriptOf(const std::string& id, int take)
 {
-    return "This is the transcript of recording " + id + ", spoken clearly.";
+    auto text = "This is the transcript of recording " + id + ", spoken clearly.";
+    return take == 1 ? text : text + " Take " + std::to_string(take) + ".";
 }
 
 CaptureAgentHarness::Answer CaptureAgentHarness::answer(const Request& request)
@@ -172,12 +173,18 @@ CaptureAgentHarness::Answer CaptureAgentHarness::answer(const Request& request)
         return Answer::json(R"({"error":"not_found"})", 404);
     }
     std::string id;
+    int take = 1;
     int polls = 0;
     {
         std::lock_guard guard(lock_);
-        // An uploaded id's key is "key-" and the id.
-        if (key->first.starts_with("key-") && keyOfId_.contains(key->first.substr(4))) {
-            id = key->first.substr(4);
+        // An uploaded id's key is "key-" and the id, and "~" and the take after the first.
+        std::string named = key->first.starts_with("key-") ? key->first.substr(4) : "";
+        if (auto tilde = named.rfind('~'); tilde != std::string::npos) {
+            take = std::atoi(named.c_str() + tilde + 1);
+            named.resize(tilde);
+        }
+        if (keyOfId_.contains(named) && take >= 1 && take <= static_cast<int>(takesOfId_[named].size())) {
+            id = named;
             polls = key->second ? ++statusPolls_[key->first] : 0;
         }
     }
@@ -194,7 +201,7 @@ CaptureAgentHarness::Answer CaptureAgentHarness::answer(const Request& request)
     nlohmann::json body = {{"success", true},
                            {"cache_key", key->first},
                            {"result",
-                            {{"text", transcriptOf(id)},
+                            {{"text", transcriptOf(id, take)},
                              {"status", "completed"},
                              {"language", "en"},
                              {"duration", 1.5},
@@ -212,18 +219,33 @@ CaptureAgentHarness::Answer CaptureAgentHarness::upload(const Request& request, 
         return Answer::json(R"({"error":"no file"})", 400);
     }
     std::string id = request.body.substr(start + marker.size(), end - start - marker.size());
+    // The audio is the part's content, up to the next boundary line.
+    std::string audio;
+    auto boundary = request.body.substr(0, request.body.find("\r\n"));
+    if (auto from = request.body.find("\r\n\r\n", end); from != std::string::npos) {
+        auto to = request.body.find("\r\n" + boundary, from + 4);
+        audio = request.body.substr(from + 4, to == std::string::npos ? std::string::npos : to - from - 4);
+    }
     // The wait happens here rather than in the answer's delay, so that the test can see an
     // upload in flight at the moment it kills the agent.
     ++uploadsInFlight_;
     sleepFor(draw(pace.uploadMin, pace.uploadMax));
     --uploadsInFlight_;
     std::lock_guard guard(lock_);
-    int count = ++uploadsOfId_[id];
-    auto known = keyOfId_.find(id);
-    if (known == keyOfId_.end()) {
-        known = keyOfId_.emplace(id, "key-" + id).first;
+    ++uploadsOfId_[id];
+    keyOfId_.try_emplace(id, "key-" + id);
+    // Other audio under an id (a recording that grew) is another take, with a key and a
+    // transcript of its own; the same audio again is a duplicate of its take.
+    auto& takes = takesOfId_[id];
+    auto found = std::find(takes.begin(), takes.end(), audio);
+    bool duplicate = found != takes.end();
+    if (!duplicate) {
+        takes.push_back(audio);
+        found = std::prev(takes.end());
     }
-    nlohmann::json body = {{"status", count == 1 ? "queued" : "duplicate_upload"}, {"cache_key", known->second}};
+    auto take = found - takes.begin() + 1;
+    auto cacheKey = take == 1 ? "key-" + id : "key-" + id + "~" + std::to_string(take);
+    nlohmann::json body = {{"status", duplicate ? "duplicate_upload" : "queued"}, {"cache_key", cacheKey}};
     return Answer::json(body.dump());
 }
 

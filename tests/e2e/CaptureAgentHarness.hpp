@@ -130,8 +130,9 @@ public:
     /// The leftover temporary files anywhere under `folder`.
     static std::vector<std::filesystem::path> leftovers(const std::filesystem::path& folder);
 
-    /// The transcript the service hands out for `id`.
-    static std::string transcriptOf(const std::string& id);
+    /// The transcript the service hands out for `id`, for the `take`th audio uploaded under
+    /// it (a recording that grew is uploaded again).
+    static std::string transcriptOf(const std::string& id, int take = 1);
 
     /// How many uploads are being answered right now, and how many were answered in all.
     int uploadsInFlight() const { return uploadsInFlight_.load(); }
@@ -164,6 +165,7 @@ private:
     std::map<std::string, std::string> keyOfId_;
     std::map<std::string, int> statusPolls_;
     std::map<std::string, int> uploadsOfId_;
+    std::map<std::string, std::vector<std::string>> takesOfId_;
     std::vector<Recording> recordings_;
     std::vector<Recording> history_;
     std::atomic<int> uploadsInFlight_{0};

@@ -132,9 +132,11 @@ TEST(NothingLost, TheFirstRetryRetriesWhatFailedBeforeIt)
 }
 
 // Recorders reuse names ("Recording.m4a"), and a sync may still be writing a file that looked
-// finished: a file under a name captured before that is another file now (replaced, deleted
-// and made again) or has grown is captured again in full, once it has stayed the same for a
-// poll, under an id of its own; what was captured before stays.
+// finished. A file under a name captured before that is another file now (replaced, deleted
+// and made again) is captured again, once it has stayed the same for a poll, under an id of
+// its own, and what was captured before stays. One that grew (its copy in the vault is where
+// it begins) is the same recording: its copy is replaced, it is transcribed again, and the
+// note keeps what the user wrote in it.
 TEST(NothingLost, AnotherRecordingUnderAUsedNameOrAGrownFileIsCaptured)
 {
     CaptureAgentHarness agent(17);
@@ -154,38 +156,57 @@ TEST(NothingLost, AnotherRecordingUnderAUsedNameOrAGrownFileIsCaptured)
         }
         return contents;
     };
+    // Other bytes of the same length: valid audio that does not begin with the first.
+    auto otherThan = [](std::string bytes, char mark) {
+        bytes.back() = mark;
+        return bytes;
+    };
 
     // Replaced (renamed over), then deleted and made again, under one Voice Memos name.
     auto first = agent.drop(1);
     ASSERT_TRUE(agent.waitUntilAllDone(60)) << agent.agentOutput();
-    auto second = agent.recordingFor(1);
-    second.bytes += std::string(64, 'b');
-    CaptureAgentHarness::place(agent.memos() / first.name, second.bytes);
+    auto second = otherThan(first.bytes, 'B');
+    CaptureAgentHarness::place(agent.memos() / first.name, second);
     ASSERT_TRUE(test::eventually([&] { return agent.noteIds().size() == 2; }, 60)) << agent.agentOutput();
     fs::remove(agent.memos() / first.name);
     std::this_thread::sleep_for(std::chrono::milliseconds(1500));
-    auto third = second.bytes + std::string(64, 'c');
+    auto third = otherThan(first.bytes, 'C');
     test::writeFile(agent.memos() / first.name, third);
     ASSERT_TRUE(test::eventually([&] { return agent.noteIds().size() == 3; }, 60)) << agent.agentOutput();
     EXPECT_EQ(agent.noteIds(), (std::set<std::string>{first.id, first.id + "_2", first.id + "_3"}));
 
-    // Grown in place in a synced folder, after it was captured.
+    // Grown in place in a synced folder, after it was captured and the user wrote in its note.
     auto when = std::chrono::time_point_cast<std::chrono::seconds>(fs::file_time_type::clock::now()) - std::chrono::hours(1);
     auto growing = synced / "memo.m4a";
     CaptureAgentHarness::place(growing, agent.fixture() + "part one", when);
     ASSERT_TRUE(test::eventually([&] { return agent.noteIds().size() == 4; }, 60)) << agent.agentOutput();
+    std::string memo;
+    for (const auto& id : agent.noteIds()) {
+        memo = id.starts_with(first.id) ? memo : id;
+    }
+    auto note = agent.inbox() / (memo + ".md");
+    auto done = [&] { return test::readFile(note).find("vd_job_status: done\n") != std::string::npos; };
+    ASSERT_TRUE(test::eventually(done, 60)) << agent.agentOutput();
+    auto written = test::readFile(note);
+    auto edited = written;
+    edited.insert(edited.find("\n---\n") + 1, "project: apollo\n");
+    edited += "\n\nMy own words about it.";
+    writeFileAtomically(note, edited, 0644);
     std::ofstream(growing, std::ios::binary | std::ios::app) << std::string(4096, 'g');
-    ASSERT_TRUE(test::eventually([&] { return agent.noteIds().size() == 5; }, 60)) << agent.agentOutput();
-    EXPECT_TRUE(test::eventually([&] {
-        auto ids = agent.noteIds();
-        return agent.uploadCount() == 5 && std::all_of(ids.begin(), ids.end(), [&](const std::string& id) {
-                   return test::readFile(agent.inbox() / (id + ".md")).find("vd_job_status: done") != std::string::npos;
-               });
+
+    ASSERT_TRUE(test::eventually([&] {
+        return test::readFile(note).find(CaptureAgentHarness::transcriptOf(memo, 2)) != std::string::npos && done();
     }, 60)) << agent.agentOutput();
     std::this_thread::sleep_for(std::chrono::seconds(3));  // polls that would capture something again
     EXPECT_EQ(agent.stop(), 0);
 
-    EXPECT_EQ(copies(), (std::set<std::string>{first.bytes, second.bytes, third, agent.fixture() + "part one",
+    auto text = test::readFile(note);
+    EXPECT_NE(text.find("\nproject: apollo\n"), std::string::npos) << text;
+    EXPECT_TRUE(text.ends_with("---\n\n" + CaptureAgentHarness::transcriptOf(memo, 2) + "\n\nMy own words about it."))
+        << "the transcript of the whole recording, then the user's words, and no earlier transcript:\n" << text;
+    EXPECT_NE(text.find("external_id: key-" + memo + "~2\n"), std::string::npos) << text;
+    EXPECT_EQ(agent.noteIds().size(), 4u) << "a recording that grew keeps its one note";
+    EXPECT_EQ(copies(), (std::set<std::string>{first.bytes, second, third,
                                                agent.fixture() + "part one" + std::string(4096, 'g')}));
     EXPECT_EQ(agent.uploadCount(), 5);
 }

@@ -350,6 +350,14 @@ TEST(InboxWriterVault, CopyAudioNeverOverwritesAnExistingCopy)
     EXPECT_THROW(f.writer.copyAudio(f.dir.path() / "missing.m4a", "x"), std::system_error);
     EXPECT_THROW(f.writer.copyAudio(f.dir.path(), "y"), std::system_error) << "a folder is no audio file";
     EXPECT_EQ(f.inboxEntries(), (std::vector<std::string>{".audio", ".audio/240131-132530.m4a"}));
+
+    // A recording that grew replaces its copy whole; a failed replacement keeps the old one.
+    test::writeFile(first, "first recording, and what came after");
+    EXPECT_EQ(f.writer.replaceAudio(first, "240131-132530"), copy);
+    EXPECT_EQ(test::readFile(copy), "first recording, and what came after");
+    EXPECT_THROW(f.writer.replaceAudio(f.dir.path() / "missing.m4a", "240131-132530"), std::system_error);
+    EXPECT_EQ(test::readFile(copy), "first recording, and what came after");
+    EXPECT_EQ(f.inboxEntries(), (std::vector<std::string>{".audio", ".audio/240131-132530.m4a"}));
 }
 
 TEST(InboxWriterVault, StubAndMarkdownAreWrittenWholeOrNotAtAll)
