@@ -33,10 +33,11 @@ public:
     /// watched.
     using ArmFault = std::function<int(const std::filesystem::path& folder)>;
 
-    /// `changed` is called on `executor` (the owner's serial queue) after events in one or more
-    /// watched folders, once per batch the system hands over, and also when the system dropped
-    /// events (its queue overflowed), which means "look at everything". It may destroy this
-    /// object or call `watch`. No folder is watched until `watch` is called. Any thread.
+    /// `changed` is called on `executor`, a serial queue's (runtime::SerialQueue::executor(): one
+    /// thread runs its work and waits for its descriptors), after events in one or more watched
+    /// folders, once per batch the system hands over, and also when the system dropped events
+    /// (its queue overflowed), which means "look at everything". It may destroy this object or
+    /// call `watch`. No folder is watched until `watch` is called. Any thread.
     FolderEvents(asio::any_io_executor executor, std::function<void()> changed, ArmFault fault = {});
 
     /// Stops every watch. Once it returns on the executor's thread, `changed` is not called

@@ -99,26 +99,14 @@ struct FolderEvents::State : std::enable_shared_from_this<State> {
         }
     }
 
-    void start()
+    // Reads everything pending, calls `changed` when that asks for it, then waits for more.
+    // Reading before waiting loses nothing: the executor's one thread also runs its reactor,
+    // so readiness that comes after the last read is only seen once the wait is in place.
+    void drain()
     {
         if (!alive || !descriptor.is_open()) {
             return;
         }
-        descriptor.async_wait(asio::posix::stream_descriptor::wait_read,
-                              [self = shared_from_this()](const std::error_code& error) {
-                                  if (!self->alive || error == asio::error::operation_aborted) {
-                                      return;
-                                  }
-                                  if (error) {
-                                      self->giveUp("inotify: " + error.message());
-                                      return;
-                                  }
-                                  self->drain();
-                              });
-    }
-
-    void drain()
-    {
         bool anyChange = false;
         for (;;) {
             ssize_t got = ::read(descriptor.native_handle(), buffer.data(), buffer.size());
@@ -137,8 +125,26 @@ struct FolderEvents::State : std::enable_shared_from_this<State> {
         if (anyChange) {
             changed();
         }
+        wait();
+    }
+
+    void wait()
+    {
         // `changed` may have destroyed the owner, which closed the descriptor.
-        start();
+        if (!alive || !descriptor.is_open()) {
+            return;
+        }
+        auto ready = [self = shared_from_this()](const std::error_code& error) {
+            if (!self->alive || error == asio::error::operation_aborted) {
+                return;
+            }
+            if (error) {
+                self->giveUp("inotify: " + error.message());
+                return;
+            }
+            self->drain();
+        };
+        descriptor.async_wait(asio::posix::stream_descriptor::wait_read, std::move(ready));
     }
 
     // The kernel ends a watch by itself only when its folder is deleted or unmounted; a folder
@@ -164,7 +170,8 @@ struct FolderEvents::State : std::enable_shared_from_this<State> {
         const int wd = it->second.wd;
         watches.erase(it);
         // Two listed paths may name one folder (a link): the kernel gave both the same watch.
-        bool shared = std::any_of(watches.begin(), watches.end(), [&](const auto& entry) { return entry.second.wd == wd; });
+        bool shared =
+            std::any_of(watches.begin(), watches.end(), [&](const auto& entry) { return entry.second.wd == wd; });
         if (!shared) {
             ::inotify_rm_watch(descriptor.native_handle(), wd);
         }
@@ -213,9 +220,9 @@ struct FolderEvents::State : std::enable_shared_from_this<State> {
 FolderEvents::FolderEvents(asio::any_io_executor executor, std::function<void()> changed, ArmFault fault)
     : state_(std::make_shared<State>(executor, std::move(changed), std::move(fault)))
 {
-    // The descriptor's wait is started on its own executor: asio objects are not safe to
-    // touch from two threads.
-    asio::post(executor, [state = state_] { state->start(); });
+    // The first read and wait happen on the executor: asio objects are not safe to touch from
+    // two threads, and this constructor may run on any.
+    asio::post(executor, [state = state_] { state->drain(); });
 }
 
 FolderEvents::~FolderEvents()
