@@ -224,7 +224,7 @@ TEST(FolderEvents, ASystemOutOfWatchesIsLoggedOnceAndLeftToPolling)
     // inotify runs out of watches; kqueue out of descriptors (one per folder).
     const int usedUp = Paths::current() == Platform::linux ? ENOSPC : EMFILE;
     std::atomic<bool> exhausted{true};
-    Watcher w([&](const fs::path& folder) { return exhausted && folder == w.b ? usedUp : 0; });
+    Watcher w([&](const fs::path& folder) { return exhausted && folder.filename() == "b" ? usedUp : 0; });
     const std::string line = "file-system events are not available (";
 
     w.watch({w.a, w.b});
@@ -246,7 +246,9 @@ TEST(FolderEvents, AFolderThatCannotBeWatchedIsLeftToPollingAndTriedAgain)
 {
     test::ScratchHome home;
     std::atomic<int> denials{1};
-    Watcher w([&](const fs::path& folder) { return folder == w.a && denials.fetch_sub(1) > 0 ? EACCES : 0; });
+    Watcher w([&](const fs::path& folder) {
+        return folder.filename() == "a" && denials.fetch_sub(1) > 0 ? EACCES : 0;
+    });
 
     w.watch({w.a, w.b});
     EXPECT_EQ(w.watched(), Folders{w.b}) << "the other folder is watched all the same";
