@@ -11,8 +11,8 @@ namespace quillet {
 
 /// Wakes its owner when the entries of watched folders change, so that the next poll can come
 /// early. An event only wakes: it names no file, it may come when nothing new is there, and
-/// some are never seen (a full kernel queue, a folder that cannot be watched, a network
-/// volume), so the poll stays the truth and keeps its own interval.
+/// some changes bring none (a folder that cannot be watched, a file written on a network
+/// volume by another computer), so the poll stays the truth and keeps its own interval.
 ///
 /// Not recursive: only entries directly in a watched folder count. What wakes: on Linux
 /// (inotify) an entry created, deleted, renamed in or out, its attributes changed, or a file
