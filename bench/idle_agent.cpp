@@ -7,80 +7,35 @@
 //
 // Usage: bench_idle_agent [seconds]   (default 60)
 
+#include "bench/AgentBench.hpp"
 #include "bench/BenchSupport.hpp"
 
-#include "quillet_capture/config/AppSettings.hpp"
-#include "quillet_capture/platform/Paths.hpp"
-
-#include <fcntl.h>
-#include <spawn.h>
 #include <sys/resource.h>
 
 #include <thread>
 
-extern char** environ;
-
 using namespace quillet;
 namespace fs = std::filesystem;
-
-namespace {
-
-pid_t spawnProgram(const char* argument)
-{
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-    char* argv[] = {const_cast<char*>(QUILLET_CAPTURE_BINARY), const_cast<char*>(argument), nullptr};
-    pid_t pid = 0;
-    bench::check(posix_spawn(&pid, QUILLET_CAPTURE_BINARY, &actions, nullptr, argv, environ) == 0, "posix_spawn");
-    posix_spawn_file_actions_destroy(&actions);
-    return pid;
-}
-
-bool logHas(const std::string& text)
-{
-    std::ifstream in(Paths::logFile());
-    std::string contents((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    return contents.find(text) != std::string::npos;
-}
-
-} // namespace
 
 int main(int argc, char** argv)
 {
     int seconds = argc > 1 ? std::max(5, std::atoi(argv[1])) : 60;
-    auto home = bench::scratchHome("quillet-bench-idle");
-    fs::path memos = Paths::voiceMemosCandidates().at(0);
-    fs::create_directories(memos);
+    fs::path memos = bench::agentHome("quillet-bench-idle");
+    fs::path home = getenv("HOME");
     for (int i = 0; i < 1000; ++i) {
-        char name[32];
-        std::snprintf(name, sizeof name, "20240101 %02d%02d%02d.m4a", i / 3600, i / 60 % 60, i % 60);
-        std::ofstream(memos / name) << "recording " << i;
+        std::ofstream(memos / bench::memoName(i)) << "recording " << i;
     }
-    auto settings = AppSettings::defaults();
-    settings.vaultPath = (home / "vault").string();
-    settings.vaultName = "vault";
-    settings.captureVoiceMemosEnabled = true;
-    settings.captureVeldaneEnabled = false;
-    settings.keepVoiceMemosRunning = false;
-    settings.watchedFoldersRaw = std::vector{WatchedFolder::voiceMemos(true)};
-    fs::create_directories(Paths::settingsFile().parent_path());
-    std::ofstream(Paths::settingsFile()) << settings.toJSON().dump(2);
 
     // Baseline: `version`, to its end.
-    pid_t version = spawnProgram("version");
+    pid_t version = bench::spawnProgram(QUILLET_CAPTURE_BINARY, "version");
     int status = 0;
     rusage usage{};
     bench::check(::wait4(version, &status, 0, &usage) == version, "wait4");
     double versionPeak = static_cast<double>(bench::peakKiB(usage)) / 1024.0;
 
-    pid_t agent = spawnProgram("run");
+    pid_t agent = bench::spawnProgram(QUILLET_CAPTURE_BINARY, "run");
     std::string pid = std::to_string(agent);
-    for (int i = 0; i < 100 && !logHas("initial index complete (1000 existing files marked seen)"); ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    }
-    bench::check(logHas("initial index complete (1000 existing files marked seen)"), "agent indexed the folder");
+    bench::waitForLog("initial index complete (1000 existing files marked seen)", 10, "agent indexed the folder");
     auto before = bench::measure(pid);
     std::this_thread::sleep_for(std::chrono::seconds(seconds));
     auto after = bench::measure(pid);

@@ -137,6 +137,41 @@ void CaptureCoordinator::stopTimer()
         timer_->cancel();
         timer_.reset();
     }
+    early_.reset();
+    events_.reset();
+}
+
+void CaptureCoordinator::requestTick()
+{
+    queue_.async([this, alive = std::weak_ptr(alive_)] {
+        if (!alive.lock() || !timer_ || early_) {
+            return;
+        }
+        early_ = runtime::Timer::once(queue_.executor(), eventDelay, [this, alive = std::weak_ptr(alive_)] {
+            if (alive.lock()) {
+                tick();
+            }
+        });
+    });
+}
+
+std::vector<std::filesystem::path> CaptureCoordinator::eventFolders() const
+{
+    return events_ ? events_->watched() : std::vector<std::filesystem::path>{};
+}
+
+void CaptureCoordinator::watchFolders()
+{
+    if (!events_) {
+        events_ = std::make_unique<FolderEvents>(queue_.executor(), [this] { requestTick(); });
+    }
+    std::vector<std::filesystem::path> folders;
+    for (const auto& watcher : watchers_) {
+        if (watcher.folder().enabled) {
+            folders.push_back(watcher.folder().url());
+        }
+    }
+    events_->watch(folders);
 }
 
 void CaptureCoordinator::startOnQueue()
@@ -171,6 +206,9 @@ void CaptureCoordinator::startOnQueue()
 
 void CaptureCoordinator::tick()
 {
+    // This tick answers every change before it, whatever brought it.
+    early_.reset();
+    ++ticks_;
     int total = 0;
     for (auto& watcher : watchers_) {
         const auto& folder = watcher.folder();
@@ -206,6 +244,11 @@ void CaptureCoordinator::tick()
     }
     if (reports_.recordPoll) {
         reports_.recordPoll(total);
+    }
+    // After the first tick (changes before it are the first tick's), and again at every one:
+    // a folder that appeared, came back or was replaced is watched from now on.
+    if (timer_) {
+        watchFolders();
     }
 }
 

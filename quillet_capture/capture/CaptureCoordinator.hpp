@@ -2,6 +2,7 @@
 
 #include "quillet_capture/capture/CaptureAccess.hpp"
 #include "quillet_capture/capture/FolderWatcher.hpp"
+#include "quillet_capture/platform/FolderEvents.hpp"
 #include "quillet_capture/runtime/SerialQueue.hpp"
 #include "quillet_capture/runtime/Timer.hpp"
 
@@ -16,11 +17,15 @@ namespace quillet {
 
 /// Polls every enabled watched folder on a timer, logs changes of each folder's access,
 /// raises or clears the once-only notices about it, and hands each new recording to one
-/// subscriber. All of its state, its watchers and the subscriber's calls live on the serial
-/// queue "quillet.capture.coordinator".
+/// subscriber. A change in a watched folder (a file-system event) brings a tick forward; the
+/// timer's ticks stay as they are, and the polls remain the truth. All of its state, its
+/// watchers and the subscriber's calls live on the serial queue "quillet.capture.coordinator".
 class CaptureCoordinator {
 public:
     static constexpr double pollInterval = 30.0;
+    /// How long after a folder's change its tick comes: the changes of a burst (a file copied
+    /// in several steps, many files at once) share one tick.
+    static constexpr std::chrono::milliseconds eventDelay{200};
 
     /// Where the coordinator reports what it saw (the capture status in the agent).
     struct Reports {
@@ -65,6 +70,16 @@ public:
     /// One poll of every watcher. Runs on the queue (tests call it through `queue().sync`).
     void tick();
 
+    /// Asks for a tick `eventDelay` from now, unless one is asked for already; nothing while
+    /// the coordinator is stopped. What a watched folder's events call. Any thread.
+    void requestTick();
+
+    /// How many ticks have run. Call on the queue.
+    int tickCount() const { return ticks_; }
+
+    /// The folders whose changes bring a tick forward now. Call on the queue.
+    std::vector<std::filesystem::path> eventFolders() const;
+
     /// True while the timer exists. Call on the queue.
     bool isRunning() const { return timer_ != nullptr; }
 
@@ -73,6 +88,9 @@ public:
 private:
     void startOnQueue();
     void stopTimer();
+    /// Watches the enabled folders for changes again: those that appeared or were replaced
+    /// since the last tick, and no others.
+    void watchFolders();
 
     // The queue goes last, so that the timer and watchers are gone before its thread stops.
     runtime::SerialQueue queue_;
@@ -85,6 +103,10 @@ private:
     std::chrono::milliseconds interval_;
     CaptureIntake* intake_;
     std::unique_ptr<runtime::Timer> timer_;
+    std::unique_ptr<FolderEvents> events_;
+    /// The tick asked for by a change, until it runs.
+    std::unique_ptr<runtime::Timer> early_;
+    int ticks_ = 0;
     std::vector<FolderWatcher> watchers_;
     bool hasInitialised_ = false;
     std::map<std::string, CaptureAccess::State> lastStates_;

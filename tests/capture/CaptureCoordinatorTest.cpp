@@ -10,6 +10,9 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <atomic>
+#include <thread>
+
 namespace quillet {
 namespace {
 
@@ -103,6 +106,64 @@ TEST_F(CoordinatorFixture, TheTimerTicksOnItsOwn)
     make(std::chrono::milliseconds(10));
     coordinator->start();
     EXPECT_TRUE(test::eventually([&] { return coordinator->queue().sync([&] { return !pollReports.empty(); }); }));
+}
+
+// With the 30-second period, a recording arriving in a watched folder is handed over within a
+// second or two: its folder's change brings the tick forward. A burst of changes shares a
+// tick or two, a folder made after the start is watched from the next tick on, and the
+// coordinator's own subscriber writing into a watched folder (a vault inside it) does not
+// make it wake itself for ever.
+TEST_F(CoordinatorFixture, AChangeInAWatchedFolderBringsTheTickForward)
+{
+    fs::create_directories(folderPath);
+    const fs::path later = home.path() / "Later";
+    folders.push_back(WatchedFolder::generic(folderPath.string(), std::string("Synced")));
+    folders.push_back(WatchedFolder::generic(later.string(), std::string("Later")));
+    make(std::chrono::milliseconds(10));
+    std::atomic<int> handed{0};
+    coordinator->setOnNewCapture([&](const FolderWatcher::NewCapture& capture) {
+        ++handed;
+        // What a vault inside the watched folder would see: the capture's note written there.
+        test::writeFile(capture.sourceURL.parent_path() / (capture.canonicalId + ".md"), "note");
+    });
+    coordinator->start();
+    auto onQueue = [&](auto work) { return coordinator->queue().sync(work); };
+    ASSERT_TRUE(test::eventually([&] {
+        return onQueue([&] { return coordinator->eventFolders() == std::vector<fs::path>{folderPath}; });
+    })) << "the existing folder is watched after the first tick";
+
+    auto arrive = [](const fs::path& folder, const std::string& name) {
+        test::writeFile(folder.parent_path() / (".staging-" + name), "audio bytes of " + name);
+        fs::rename(folder.parent_path() / (".staging-" + name), folder / name);
+    };
+    const auto start = std::chrono::steady_clock::now();
+    arrive(folderPath, "first.m4a");
+    ASSERT_TRUE(test::eventually([&] { return handed.load() == 1; }, 10));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10)) << "not the 30-second poll";
+
+    // Idle again: the note written into the watched folder woke it once at most.
+    std::this_thread::sleep_for(std::chrono::milliseconds(800));
+    const int settled = onQueue([&] { return coordinator->tickCount(); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(800));
+    EXPECT_EQ(onQueue([&] { return coordinator->tickCount(); }), settled) << "no tick without a change";
+
+    // Thirty recordings at once: every one handed over, in a few ticks.
+    for (int index = 0; index < 30; ++index) {
+        arrive(folderPath, "burst " + std::to_string(index) + ".m4a");
+    }
+    ASSERT_TRUE(test::eventually([&] { return handed.load() == 31; }, 10));
+    std::this_thread::sleep_for(std::chrono::milliseconds(800));
+    EXPECT_LE(onQueue([&] { return coordinator->tickCount(); }) - settled, 6) << "a burst shares its ticks";
+
+    // A folder made after the start is watched from the next tick on.
+    fs::create_directories(later);
+    arrive(folderPath, "wakes the coordinator.m4a");
+    ASSERT_TRUE(test::eventually([&] { return handed.load() == 32; }, 10));
+    ASSERT_TRUE(test::eventually([&] {
+        return onQueue([&] { return coordinator->eventFolders(); }) == (std::vector<fs::path>{later, folderPath});  // in path order
+    }));
+    arrive(later, "in the new folder.m4a");
+    EXPECT_TRUE(test::eventually([&] { return handed.load() == 33; }, 10));
 }
 
 } // namespace
