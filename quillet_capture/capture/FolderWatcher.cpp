@@ -272,7 +272,12 @@ std::vector<FolderWatcher::NewCapture> FolderWatcher::poll(const CaptureAccess::
         verdicts = CaptureGuards::evaluateAll(files, clock_.now(), probes_, clock_);
     }
 
-    // 3. Handed over in listing order.
+    // 3. Handed over in listing order. The journal and the seen set are each written once
+    // for the whole poll, the journal first: once a file counts as seen, only the journal
+    // remembers it until the pipeline has written its note.
+    std::vector<CaptureIntake::Entry> journal;
+    std::vector<CaptureStateStore::SeenFile> seen;
+    std::set<std::string> taken;  // the ids given in this poll
     for (std::size_t index = 0; index < candidates.size(); ++index) {
         const auto& [name, file, captured] = candidates[index];
         const auto& verdict = verdicts[index];
@@ -286,7 +291,7 @@ std::vector<FolderWatcher::NewCapture> FolderWatcher::poll(const CaptureAccess::
         }
         if (verdict.kind == CaptureGuards::Verdict::Kind::skip) {
             rlog("[quillet] capture: [%@] skipping %@ (%@)", folder_.displayName, name, verdict.reason);
-            store_.markSeen(name, "", folder_.id, clock_.now());
+            seen.push_back({name, "", ""});
             continue;
         }
         // A captured file that changed: the same recording grown (its copy in the vault is
@@ -297,36 +302,33 @@ std::vector<FolderWatcher::NewCapture> FolderWatcher::poll(const CaptureAccess::
             change = compareWithCopy(file, vault_.copyOf(captured->canonicalId));
         }
         if (change == Change::same) {
-            store_.markSeen(name, captured->canonicalId, folder_.id, clock_.now(), fileIdentity(file).value_or(""));
+            seen.push_back({name, captured->canonicalId, fileIdentity(file).value_or("")});
             changing_.erase(name);
             continue;
         }
         auto start = startTime(root, name);
         if (!start) {
             rlog("[quillet] capture: [%@] unparseable name, marking seen: %@", folder_.displayName, name);
-            store_.markSeen(name, "", folder_.id, clock_.now());
+            seen.push_back({name, "", ""});
             continue;
         }
         // Two recordings of one second (Voice Memos' "-hex" twins, or files that a sync dates
         // by their arrival) would share an id, and the second would never get a copy and a
-        // note of its own: an id that the seen set gives another file takes a suffix.
-        // Another recording under a name captured before also never takes an id whose note
-        // the vault has: the earlier recording's entry no longer holds it.
-        std::string id = change == Change::grown
-                             ? captured->canonicalId
-                             : CollisionResolver::resolve(FilenameNormaliser::canonicalId(*start),
-                                                          [&](const std::string& candidate) {
-                                                              return !store_.holdsCanonicalId(candidate) &&
-                                                                     !(captured && vault_.holds &&
-                                                                       vault_.holds(candidate, fs::path()));
-                                                          });
+        // note of its own: an id that the seen set, or this poll, gives another file takes a
+        // suffix. Another recording under a name captured before also never takes an id whose
+        // note the vault has: the earlier recording's entry no longer holds it.
         const bool grown = change == Change::grown;
-        // Journal first: once the file counts as seen, only the journal remembers it until
-        // the pipeline has written its note.
-        if (intake_ != nullptr) {
-            intake_->add({folder_.id, name, file, id, *start, grown});
-        }
-        store_.markSeen(name, id, folder_.id, clock_.now(), fileIdentity(file).value_or(""));
+        std::string id = grown ? captured->canonicalId
+                               : CollisionResolver::resolve(FilenameNormaliser::canonicalId(*start),
+                                                            [&](const std::string& candidate) {
+                                                                return !store_.holdsCanonicalId(candidate) &&
+                                                                       !taken.contains(candidate) &&
+                                                                       !(captured && vault_.holds &&
+                                                                         vault_.holds(candidate, fs::path()));
+                                                            });
+        taken.insert(id);
+        journal.push_back({folder_.id, name, file, id, *start, grown});
+        seen.push_back({name, id, fileIdentity(file).value_or("")});
         changing_.erase(name);
         captures.push_back({file, id, *start, folder_.id, grown});
         if (grown) {
@@ -337,6 +339,12 @@ std::vector<FolderWatcher::NewCapture> FolderWatcher::poll(const CaptureAccess::
         } else {
             rlog("[quillet] capture: [%@] new file -- %@ -> %@", folder_.displayName, name, id);
         }
+    }
+    if (intake_ != nullptr && !journal.empty()) {
+        intake_->add(journal);
+    }
+    if (!seen.empty()) {
+        store_.markSeen(std::move(seen), folder_.id, clock_.now());
     }
     return captures;
 }

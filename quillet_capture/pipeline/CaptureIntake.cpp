@@ -64,9 +64,16 @@ CaptureIntake::CaptureIntake(fs::path file)
 
 void CaptureIntake::add(const Entry& entry)
 {
+    add(std::vector<Entry>{entry});
+}
+
+void CaptureIntake::add(const std::vector<Entry>& entries)
+{
     std::lock_guard guard(lock_);
-    std::erase_if(entries_, [&](const Entry& e) { return e.folderId == entry.folderId && e.name == entry.name; });
-    entries_.push_back(entry);
+    for (const auto& entry : entries) {
+        std::erase_if(entries_, [&](const Entry& e) { return e.folderId == entry.folderId && e.name == entry.name; });
+        entries_.push_back(entry);
+    }
     persistLocked();
 }
 

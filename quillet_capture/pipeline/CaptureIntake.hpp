@@ -37,6 +37,9 @@ public:
     /// before returning. A failed write is logged; the entry stays in memory.
     void add(const Entry& entry);
 
+    /// The same for several entries, in one write.
+    void add(const std::vector<Entry>& entries);
+
     /// Forgets the entry of `name` in `folderId` under `canonicalId`, if any, and writes the
     /// journal. An entry of the same name under another id (another recording under that
     /// name, handed over meanwhile) stays.

@@ -756,6 +756,19 @@ void CaptureStateStore::markSeen(std::string_view name, std::string_view canonic
     persistLocked();
 }
 
+void CaptureStateStore::markSeen(std::vector<SeenFile> files, std::string_view folderId, std::optional<TimePoint> at)
+{
+    auto firstSeen = stamp(at);
+    std::lock_guard guard(queue_);
+    auto& set = state_.seenByFolder[std::string(folderId)];
+    for (auto& file : files) {
+        auto stored = storedName(file.name);
+        set.insert_or_assign(stored, State::SeenEntry{firstSeen, std::move(file.canonicalId), std::move(file.file)});
+        encoded_.entrySet(state_, folderId, stored);
+    }
+    persistLocked();
+}
+
 void CaptureStateStore::markIndexed(std::vector<SeenName> files, std::string_view folderId,
                                     std::optional<TimePoint> at)
 {

@@ -88,6 +88,13 @@ public:
         std::string canonicalId;
     };
 
+    /// A file marked seen with what tells it from another file under its name.
+    struct SeenFile {
+        std::string name;
+        std::string canonicalId;
+        std::string file;
+    };
+
     static constexpr std::int64_t currentVersion = 2;
 
     /// The folder id of the Voice Memos folder, the default folder of every operation.
@@ -125,6 +132,9 @@ public:
     void markSeen(std::string_view name, std::string_view canonicalId,
                   std::string_view folderId = voiceMemosFolderId,
                   std::optional<TimePoint> at = std::nullopt, std::string_view file = {});
+
+    /// `markSeen` for several files of one folder, in one write.
+    void markSeen(std::vector<SeenFile> files, std::string_view folderId, std::optional<TimePoint> at = std::nullopt);
 
     /// A folder's first full index in one write: marks every name of `files` seen with its
     /// canonical id and the time `at` (or now), adds the `indexedMarker` entry, then writes

@@ -202,7 +202,7 @@ struct FolderEvents::State : std::enable_shared_from_this<State> {
             return;
         }
         available = false;
-        rlog("file-system events are not available (%@); new recordings are found by polling", reason);
+        rlog("[quillet] capture: file-system events are not available (%@); new recordings are found by polling", reason);
         watches.clear();
         std::error_code ignored;
         descriptor.close(ignored); // ends every watch with it

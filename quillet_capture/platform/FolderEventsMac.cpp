@@ -199,7 +199,7 @@ struct FolderEvents::State : std::enable_shared_from_this<State> {
             return;
         }
         available = false;
-        rlog("file-system events are not available (%@); new recordings are found by polling", reason);
+        rlog("[quillet] capture: file-system events are not available (%@); new recordings are found by polling", reason);
         closeAll();
         std::error_code ignored;
         queue.close(ignored);

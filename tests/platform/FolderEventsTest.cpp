@@ -225,7 +225,7 @@ TEST(FolderEvents, ASystemOutOfWatchesIsLoggedOnceAndLeftToPolling)
     const int usedUp = Paths::current() == Platform::linux ? ENOSPC : EMFILE;
     std::atomic<bool> exhausted{true};
     Watcher w([&](const fs::path& folder) { return exhausted && folder.filename() == "b" ? usedUp : 0; });
-    const std::string line = "file-system events are not available (";
+    const std::string line = "[quillet] capture: file-system events are not available (";
 
     w.watch({w.a, w.b});
     EXPECT_TRUE(w.watched().empty()) << "no half-watched set: polling alone";
