@@ -21,8 +21,10 @@ namespace quillet {
 /// folder's list of entries or to its attributes.
 ///
 /// The owner calls `watch` with its folders at every poll (one stat per folder) and debounces
-/// `changed` before polling: copying one file brings several calls. Both back ends run inside
-/// the executor's event loop; there is no thread of their own.
+/// `changed` before polling: copying one file brings several calls. Neither back end has a
+/// thread of its own: on Linux the executor's event loop waits for the inotify descriptor; on
+/// macOS a dispatch source on the system's thread pool reads the kqueue and posts what it
+/// read to the executor (Asio cannot wait for a kqueue, which takes no ioctl).
 ///
 /// When the system has no watches or descriptors left, one line is logged and the object does
 /// nothing from then on: every folder is left to polling.

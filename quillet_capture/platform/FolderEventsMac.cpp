@@ -2,9 +2,9 @@
 
 #include "quillet_capture/config/Log.hpp"
 
-#include <asio/posix/stream_descriptor.hpp>
 #include <asio/post.hpp>
 
+#include <dispatch/dispatch.h>
 #include <fcntl.h>
 #include <sys/event.h>
 #include <sys/stat.h>
@@ -18,6 +18,8 @@
 #include <map>
 #include <set>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace quillet {
 
@@ -44,42 +46,63 @@ std::string describe(const char* call, int error)
 } // namespace
 
 struct FolderEvents::State : std::enable_shared_from_this<State> {
+    /// What the dispatch source's handlers see. They run on a dispatch queue, never on the
+    /// executor: they read what the kqueue holds and hand it to the executor.
+    struct Bridge {
+        int kq = -1;
+        asio::any_io_executor executor;
+        std::weak_ptr<State> state;
+        dispatch_semaphore_t cancelled = nullptr;
+    };
+
     State(asio::any_io_executor executor, std::function<void()> changed, ArmFault fault)
-        : queue(executor)
+        : executor(executor)
         , changed(std::move(changed))
         , fault(std::move(fault))
     {
         // macOS has no kqueue1: close-on-exec is set apart.
-        int kq = ::kqueue();
+        kq = ::kqueue();
         if (kq < 0) {
             giveUp(describe("kqueue", errno));
             return;
         }
         ::fcntl(kq, F_SETFD, FD_CLOEXEC);
-        // The queue's own descriptor reads as readable while events are pending on it, so the
-        // executor's reactor (itself a kqueue) can wait for it like for a socket.
-        std::error_code error;
-        queue.assign(kq, error);
-        if (error) {
-            ::close(kq);
-            giveUp("kqueue: " + error.message());
-        }
     }
 
-    // Reads everything pending, calls `changed` when that asks for it, then waits for more.
-    // Reading before waiting loses nothing: the executor's one thread also runs its reactor,
-    // so readiness that comes after the last read is only seen once the wait is in place.
-    void drain()
+    // The kqueue's own descriptor reads as readable while events are pending on it. Asio
+    // cannot wait for it (it makes every descriptor it waits for non-blocking, and a kqueue
+    // takes no ioctl), so a dispatch source does: its handler reads the events on the
+    // source's queue and posts them to the executor. Called once, on the executor.
+    void listen()
     {
-        if (!alive || !queue.is_open()) {
+        if (!available || source != nullptr) {
             return;
         }
-        bool anyChange = false;
-        std::array<struct kevent, 64> events{};
-        const int room = static_cast<int>(events.size());
-        const timespec zero{0, 0}; // a poll: kevent returns at once
+        queue = dispatch_queue_create("quillet.capture.events", DISPATCH_QUEUE_SERIAL);
+        source = dispatch_source_create(DISPATCH_SOURCE_TYPE_READ, static_cast<uintptr_t>(kq), 0, queue);
+        if (source == nullptr) {
+            giveUp("dispatch_source_create failed");
+            return;
+        }
+        cancelled = dispatch_semaphore_create(0);
+        auto* bridge = new Bridge{kq, executor, weak_from_this(), cancelled};
+        dispatch_set_context(source, bridge);
+        dispatch_source_set_event_handler_f(source, &State::readable);
+        dispatch_source_set_cancel_handler_f(source, &State::ended);
+        dispatch_resume(source);
+    }
+
+    // On the source's queue: reads everything pending, so that the kqueue stops reading as
+    // readable, and hands it to the executor.
+    static void readable(void* context)
+    {
+        auto* bridge = static_cast<Bridge*>(context);
+        std::vector<std::pair<int, bool>> events;  // descriptor, watch ended
+        std::array<struct kevent, 64> batch{};
+        const int room = static_cast<int>(batch.size());
+        const timespec zero{0, 0};  // a poll: kevent returns at once
         for (;;) {
-            int got = ::kevent(queue.native_handle(), nullptr, 0, events.data(), room, &zero);
+            int got = ::kevent(bridge->kq, nullptr, 0, batch.data(), room, &zero);
             if (got < 0 && errno == EINTR) {
                 continue;
             }
@@ -87,47 +110,53 @@ struct FolderEvents::State : std::enable_shared_from_this<State> {
                 break;
             }
             for (int i = 0; i < got; ++i) {
-                const struct kevent& event = events[static_cast<size_t>(i)];
-                if (event.filter != EVFILT_VNODE) {
-                    continue;
+                const struct kevent& event = batch[static_cast<size_t>(i)];
+                if (event.filter == EVFILT_VNODE) {
+                    // EV_ERROR: the knote failed; the folder is armed again at the next watch().
+                    events.emplace_back(static_cast<int>(event.ident),
+                                        (event.flags & EV_ERROR) != 0 || (event.fflags & kEnded) != 0);
                 }
-                // EV_ERROR: the knote failed (its data holds the errno); the folder is armed
-                // again at the next watch().
-                if ((event.flags & EV_ERROR) || (event.fflags & kEnded)) {
-                    forget(static_cast<int>(event.ident));
-                }
-                anyChange = true;
             }
             if (got < room) {
                 break;
             }
         }
-        if (anyChange) {
-            changed();
+        if (!events.empty()) {
+            asio::post(bridge->executor, [state = bridge->state, events = std::move(events)] {
+                if (auto self = state.lock()) {
+                    self->handle(events);
+                }
+            });
         }
-        wait();
     }
 
-    void wait()
+    // On the source's queue, once the source is cancelled and no handler runs any more: the
+    // kqueue can be closed now, and the owner waiting for this may go on.
+    static void ended(void* context)
     {
-        // `changed` may have destroyed the owner, which closed the queue.
-        if (!alive || !queue.is_open()) {
+        auto* bridge = static_cast<Bridge*>(context);
+        ::close(bridge->kq);
+        dispatch_semaphore_signal(bridge->cancelled);
+        delete bridge;
+    }
+
+    // On the executor: what the kqueue reported.
+    void handle(const std::vector<std::pair<int, bool>>& events)
+    {
+        if (!alive || !available) {
             return;
         }
-        auto ready = [self = shared_from_this()](const std::error_code& error) {
-            if (!self->alive || error == asio::error::operation_aborted) {
-                return;
+        for (const auto& [fd, ended] : events) {
+            if (ended) {
+                forget(fd);
             }
-            if (error) {
-                self->giveUp("kqueue: " + error.message());
-                return;
-            }
-            self->drain();
-        };
-        queue.async_wait(asio::posix::stream_descriptor::wait_read, std::move(ready));
+        }
+        changed();
     }
 
     // Closing the descriptor also removes its knote, and with it any event still pending on it.
+    // An event read before the close may still name the descriptor; a folder armed meanwhile
+    // under the same number then loses its watch and is armed again at the next watch().
     void forget(int fd)
     {
         for (auto it = watches.begin(); it != watches.end(); ++it) {
@@ -174,7 +203,7 @@ struct FolderEvents::State : std::enable_shared_from_this<State> {
         struct kevent change {};
         EV_SET(&change, static_cast<uintptr_t>(fd), EVFILT_VNODE, EV_ADD | EV_CLEAR, kEvents, 0, nullptr);
         const timespec zero{0, 0};
-        if (::kevent(queue.native_handle(), &change, 1, nullptr, 0, &zero) != 0) {
+        if (::kevent(kq, &change, 1, nullptr, 0, &zero) != 0) {
             error = errno;
             ::close(fd);
             if (error == ENOMEM) {
@@ -193,6 +222,24 @@ struct FolderEvents::State : std::enable_shared_from_this<State> {
         watches.clear();
     }
 
+    // Cancels the source and waits until its handlers are done (its cancel handler closes the
+    // kqueue), so that nothing is posted to the executor afterwards. Without a source, closes
+    // the kqueue itself.
+    void stop()
+    {
+        if (source != nullptr) {
+            dispatch_source_cancel(source);
+            dispatch_semaphore_wait(cancelled, DISPATCH_TIME_FOREVER);
+            dispatch_release(source);
+            dispatch_release(cancelled);
+            dispatch_release(queue);
+            source = nullptr;
+        } else if (kq >= 0) {
+            ::close(kq);
+        }
+        kq = -1;
+    }
+
     void giveUp(const std::string& reason)
     {
         if (!available) {
@@ -201,13 +248,16 @@ struct FolderEvents::State : std::enable_shared_from_this<State> {
         available = false;
         rlog("[quillet] capture: file-system events are not available (%@); new recordings are found by polling", reason);
         closeAll();
-        std::error_code ignored;
-        queue.close(ignored);
+        stop();
     }
 
-    asio::posix::stream_descriptor queue;
+    asio::any_io_executor executor;
     std::function<void()> changed;
     ArmFault fault;
+    int kq = -1;
+    dispatch_queue_t queue = nullptr;
+    dispatch_source_t source = nullptr;
+    dispatch_semaphore_t cancelled = nullptr;
     std::map<std::filesystem::path, Watch> watches;
     bool available = true;
     std::atomic<bool> alive{true};
@@ -216,17 +266,14 @@ struct FolderEvents::State : std::enable_shared_from_this<State> {
 FolderEvents::FolderEvents(asio::any_io_executor executor, std::function<void()> changed, ArmFault fault)
     : state_(std::make_shared<State>(executor, std::move(changed), std::move(fault)))
 {
-    // The first read and wait happen on the executor: asio objects are not safe to touch from
-    // two threads, and this constructor may run on any.
-    asio::post(executor, [state = state_] { state->drain(); });
+    state_->listen();
 }
 
 FolderEvents::~FolderEvents()
 {
     state_->alive = false;
     state_->closeAll();
-    std::error_code ignored;
-    state_->queue.close(ignored);
+    state_->stop();
 }
 
 void FolderEvents::watch(const std::vector<std::filesystem::path>& folders)

@@ -108,7 +108,8 @@ TEST_F(WatcherFixture, TheFirstIndexLeavesWhatArrivedAfterTheFolderWasFirstWatch
                     {.holds = [&](const std::string& id, const fs::path& file) {
                         asked.insert(id);
                         return file.filename() == "20240131 142700.m4a";
-                    }});
+                    },
+                     .copyOf = {}});
     EXPECT_EQ(w.runInitialIndex(), 2);
     EXPECT_EQ(asked, (std::set<std::string>{"240131-142600", "240131-142700"})) << "history needs no look";
     EXPECT_TRUE(store.hasSeen("20240131 142500.m4a", "voice-memos-test"));
