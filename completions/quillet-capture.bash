@@ -1,0 +1,47 @@
+# bash completion for quillet-capture                                     -*- shell-script -*-
+# Plain bash (compgen, compopt): works with or without the bash-completion package.
+
+_quillet_capture()
+{
+    local cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD - 1]}
+    local commands="setup pair install uninstall status retry sync import-existing run version"
+    COMPREPLY=()
+
+    if ((COMP_CWORD == 1)); then
+        if [[ $cur == -* ]]; then
+            COMPREPLY=($(compgen -W "--version -v" -- "$cur"))
+        else
+            COMPREPLY=($(compgen -W "$commands" -- "$cur"))
+        fi
+        return
+    fi
+
+    case ${COMP_WORDS[1]} in
+    setup)
+        case $prev in
+        --vault | --watch)
+            compopt -o filenames 2>/dev/null
+            COMPREPLY=($(compgen -d -- "$cur"))
+            return
+            ;;
+        --after-transcript)
+            # A shell command of the user's: nothing to offer.
+            return
+            ;;
+        esac
+        # --watch may be given again; the others once.
+        local options="--watch" option
+        for option in --vault --no-upload --no-keep-voice-memos --after-transcript; do
+            [[ " ${COMP_WORDS[*]:2:COMP_CWORD-2} " == *" $option "* ]] || options+=" $option"
+        done
+        COMPREPLY=($(compgen -W "$options" -- "$cur"))
+        ;;
+    import-existing)
+        # --since takes a day, YYYY-MM-DD.
+        if [[ $prev != --since && " ${COMP_WORDS[*]:2:COMP_CWORD-2} " != *" --since "* ]]; then
+            COMPREPLY=($(compgen -W "--since" -- "$cur"))
+        fi
+        ;;
+    esac
+} &&
+    complete -F _quillet_capture quillet-capture

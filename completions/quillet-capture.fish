@@ -1,0 +1,25 @@
+# fish completion for quillet-capture
+
+set -l commands setup pair install uninstall status retry sync import-existing run version
+
+complete -c quillet-capture -f
+complete -c quillet-capture -n "not __fish_seen_subcommand_from $commands" -a setup -d 'Choose the vault, write the settings and print them'
+complete -c quillet-capture -n "not __fish_seen_subcommand_from $commands" -a pair -d 'Connect this computer to a Veldane account'
+complete -c quillet-capture -n "not __fish_seen_subcommand_from $commands" -a install -d 'Start the agent automatically at login'
+complete -c quillet-capture -n "not __fish_seen_subcommand_from $commands" -a uninstall -d 'Stop the agent and remove it from login'
+complete -c quillet-capture -n "not __fish_seen_subcommand_from $commands" -a status -d 'Show configuration, access and recent log lines'
+complete -c quillet-capture -n "not __fish_seen_subcommand_from $commands" -a retry -d 'Upload captures that were skipped or failed'
+complete -c quillet-capture -n "not __fish_seen_subcommand_from $commands" -a sync -d 'Bring transcripts from the Veldane account into the vault'
+complete -c quillet-capture -n "not __fish_seen_subcommand_from $commands" -a import-existing -d 'Send recordings already in Voice Memos too'
+complete -c quillet-capture -n "not __fish_seen_subcommand_from $commands" -a run -d 'Run the agent in the foreground'
+complete -c quillet-capture -n "not __fish_seen_subcommand_from $commands" -a version -d 'Print the version'
+complete -c quillet-capture -n "not __fish_seen_subcommand_from $commands" -l version -d 'Print the version'
+complete -c quillet-capture -n "not __fish_seen_subcommand_from $commands" -s v -d 'Print the version'
+
+complete -c quillet-capture -n '__fish_seen_subcommand_from setup' -l vault -x -a '(__fish_complete_directories)' -d 'The notes folder'
+complete -c quillet-capture -n '__fish_seen_subcommand_from setup' -l no-upload -d 'Capture into the vault only, send nothing to Veldane'
+complete -c quillet-capture -n '__fish_seen_subcommand_from setup' -l no-keep-voice-memos -d 'Do not keep Voice Memos running'
+complete -c quillet-capture -n '__fish_seen_subcommand_from setup' -l after-transcript -x -d 'Command to run after each transcript'
+complete -c quillet-capture -n '__fish_seen_subcommand_from setup' -l watch -x -a '(__fish_complete_directories)' -d 'Watch this folder too (repeatable)'
+
+complete -c quillet-capture -n '__fish_seen_subcommand_from import-existing' -l since -x -d 'Only recordings from this day on (YYYY-MM-DD)'
