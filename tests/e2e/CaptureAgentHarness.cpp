@@ -237,10 +237,10 @@ CaptureAgentHarness::Answer CaptureAgentHarness::upload(const Request& request, 
     // Other audio under an id (a recording that grew) is another take, with a key and a
     // transcript of its own; the same audio again is a duplicate of its take.
     auto& takes = takesOfId_[id];
-    auto found = std::find(takes.begin(), takes.end(), audio);
+    auto found = std::find(takes.begin(), takes.end(), std::hash<std::string>{}(audio));
     bool duplicate = found != takes.end();
     if (!duplicate) {
-        takes.push_back(audio);
+        takes.push_back(std::hash<std::string>{}(audio));
         found = std::prev(takes.end());
     }
     auto take = found - takes.begin() + 1;
@@ -308,6 +308,7 @@ CaptureAgentHarness::Recording CaptureAgentHarness::dropSlowly(int index, double
     {
         std::lock_guard guard(lock_);
         recordings_.push_back(recording);
+        slow_.insert(recording.name);
     }
     // Written piece by piece under its final name, as a sync that is still downloading.
     writers_.emplace_back([file = memos_ / recording.name, bytes = recording.bytes, seconds] {
@@ -486,10 +487,53 @@ bool CaptureAgentHarness::waitUntilAllDone(double seconds) const
 {
     return eventually(
         [&] {
-            auto all = statuses();
-            return std::all_of(all.begin(), all.end(), [](const auto& entry) { return entry.second == "done"; });
+            auto all = recordings();
+            return std::all_of(all.begin(), all.end(), [&](const Recording& recording) {
+                std::error_code error;
+                auto size = fs::file_size(inbox() / ".audio" / (recording.id + ".m4a"), error);
+                auto note = readWholeFile(inbox() / (recording.id + ".md")).value_or("");
+                int take = takeOf(recording);
+                return !error && size == recording.bytes.size() && take > 0 &&
+                       note.find("vd_job_status: done\n") != std::string::npos &&
+                       note.find(transcriptOf(recording.id, take)) != std::string::npos;
+            });
         },
         seconds);
+}
+
+int CaptureAgentHarness::takeOf(const Recording& recording) const
+{
+    std::lock_guard guard(lock_);
+    auto takes = takesOfId_.find(recording.id);
+    if (takes == takesOfId_.end()) {
+        return 0;
+    }
+    auto found = std::find(takes->second.begin(), takes->second.end(), std::hash<std::string>{}(recording.bytes));
+    return found == takes->second.end() ? 0 : static_cast<int>(found - takes->second.begin()) + 1;
+}
+
+bool CaptureAgentHarness::growCaptured(std::size_t extra)
+{
+    std::lock_guard guard(lock_);
+    for (auto& recording : recordings_) {
+        std::error_code error;
+        if (slow_.contains(recording.name) || grown_.contains(recording.name) ||
+            !fs::exists(inbox() / (recording.id + ".md"), error)) {
+            continue;
+        }
+        std::string more(extra, 'g');
+        int fd = ::open((memos_ / recording.name).c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
+        if (fd < 0) {
+            continue;
+        }
+        bool written = ::write(fd, more.data(), more.size()) == static_cast<ssize_t>(more.size());
+        ::close(fd);
+        EXPECT_TRUE(written) << "cannot grow " << recording.name;
+        recording.bytes += more;
+        grown_.insert(recording.name);
+        return true;
+    }
+    return false;
 }
 
 std::vector<fs::path> CaptureAgentHarness::leftovers(const fs::path& folder)
@@ -527,11 +571,6 @@ void CaptureAgentHarness::expectConsistent(bool requireDone) const
     }
     EXPECT_EQ(copies, expectedCopies);
 
-    std::map<std::string, std::string> keys;
-    {
-        std::lock_guard guard(lock_);
-        keys = keyOfId_;
-    }
     for (const auto& recording : expected) {
         auto note = inbox() / (recording.id + ".md");
         auto copy = inbox() / ".audio" / (recording.id + ".m4a");
@@ -542,8 +581,12 @@ void CaptureAgentHarness::expectConsistent(bool requireDone) const
             EXPECT_EQ(frontmatter.audioPath, "_inbox/.audio/" + recording.id + ".m4a");
             if (requireDone) {
                 EXPECT_EQ(frontmatter.vdJobStatus.value_or(""), "done") << recording.id;
-                EXPECT_EQ(frontmatter.externalId.value_or(""), keys[recording.id]) << recording.id;
-                EXPECT_NE(InboxWriter::readBody(note).find(transcriptOf(recording.id)), std::string::npos)
+                // The transcript of the recording as it is now (the take of its last bytes).
+                int take = takeOf(recording);
+                EXPECT_GT(take, 0) << recording.id << " was never uploaded as it is now";
+                auto key = "key-" + recording.id + (take > 1 ? "~" + std::to_string(take) : "");
+                EXPECT_EQ(frontmatter.externalId.value_or(""), key) << recording.id;
+                EXPECT_NE(InboxWriter::readBody(note).find(transcriptOf(recording.id, take)), std::string::npos)
                     << recording.id;
             }
         } catch (const std::exception& failure) {

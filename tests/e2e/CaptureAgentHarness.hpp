@@ -98,6 +98,10 @@ public:
     void waitForWriters();
     /// A recording that is already there when the agent first starts (history, never captured).
     Recording dropHistory(int index);
+    /// Appends `extra` bytes to a recording that has its note already and was placed whole
+    /// (a sync that had not finished it): the same recording, grown. Each grows once. False
+    /// when no recording is left to grow.
+    bool growCaptured(std::size_t extra);
 
     /// Starts `quillet-capture run`. At most one agent runs at a time. The first start fixes,
     /// as `setup` does, the moment each enabled folder was first watched.
@@ -124,7 +128,9 @@ public:
 
     /// The job status of each recording's note ("" when the note is missing or unreadable).
     std::map<std::string, std::string> statuses() const;
-    /// Waits until every recording is done, at most `seconds`.
+    /// Waits until every recording is done, at most `seconds`: its copy has the recording's
+    /// size (a grown recording's copy is replaced), and its note is "done" with the transcript
+    /// of the recording as it is now.
     bool waitUntilAllDone(double seconds) const;
 
     /// The leftover temporary files anywhere under `folder`.
@@ -148,6 +154,8 @@ public:
 
 private:
     Recording filled(int index, std::size_t padding) const;
+    /// Which take of its id the service has of `recording` as it is now (0: none).
+    int takeOf(const Recording& recording) const;
     Answer answer(const Request& request);
     Answer upload(const Request& request, const Pace& pace);
     double draw(double low, double high);
@@ -165,7 +173,9 @@ private:
     std::map<std::string, std::string> keyOfId_;
     std::map<std::string, int> statusPolls_;
     std::map<std::string, int> uploadsOfId_;
-    std::map<std::string, std::vector<std::string>> takesOfId_;
+    std::map<std::string, std::vector<std::size_t>> takesOfId_;  // hashes of the audio uploaded
+    std::set<std::string> slow_;   // recordings written slowly, by a thread
+    std::set<std::string> grown_;  // recordings grown after their capture
     std::vector<Recording> recordings_;
     std::vector<Recording> history_;
     std::atomic<int> uploadsInFlight_{0};

@@ -44,6 +44,9 @@ std::string phaseOf(const std::string& message)
         {"resumed (polling", "polling"},
         {"resumed (uploading again)", "uploading"},
         {"new file --", "handing over / copying / uploading"},
+        {"replacing its audio and transcribing it again", "replacing a grown recording's copy"},
+        {"grew after its capture --", "handing over a grown recording"},
+        {"changed after it was captured", "waiting for a grown recording to settle"},
         {"has no note yet", "recovering the intake"},
         {"will be tried again", "waiting to try a failed capture again"},
         {"again (", "trying a failed capture again"},
@@ -124,6 +127,11 @@ TEST(CrashConsistency, EveryRecordingIsCapturedOnceWhereverTheAgentIsKilled)
                     agent.drop(next++, padding);
                 }
             }
+        }
+        // A recording captured before the kill grows (a sync that had not finished it): the
+        // kills then also land while its copy is replaced and it is transcribed again.
+        if (kill > 1 && chance(0.3)) {
+            agent.growCaptured(chance(0.3) ? 1u << 20 : 4096);
         }
         agent.start();
         // Early kills hit the start (index, intake recovery, resume); later ones anything,
