@@ -1,4 +1,5 @@
 #include "quillet_capture/platform/FolderEvents.hpp"
+#include "quillet_capture/platform/FolderEventsWatchSet.hpp"
 
 #include "quillet_capture/config/Log.hpp"
 
@@ -16,7 +17,6 @@
 #include <cerrno>
 #include <cstring>
 #include <map>
-#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -173,7 +173,8 @@ struct FolderEvents::State : std::enable_shared_from_this<State> {
         watches.erase(it);
     }
 
-    void arm(const std::filesystem::path& folder)
+    // `info` is what the path named when it was looked at; the watch keeps what was opened.
+    void arm(const std::filesystem::path& folder, const struct stat& /*info*/)
     {
         int error = fault ? fault(folder) : 0;
         int fd = -1;
@@ -278,44 +279,12 @@ FolderEvents::~FolderEvents()
 
 void FolderEvents::watch(const std::vector<std::filesystem::path>& folders)
 {
-    State& state = *state_;
-    if (!state.available) {
-        return;
-    }
-    const std::set<std::filesystem::path> wanted(folders.begin(), folders.end());
-    for (auto it = state.watches.begin(); it != state.watches.end();) {
-        auto next = std::next(it);
-        if (!wanted.count(it->first)) {
-            state.drop(it);
-        }
-        it = next;
-    }
-    for (const auto& folder : wanted) {
-        struct stat info {};
-        const bool present = ::stat(folder.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
-        auto it = state.watches.find(folder);
-        if (it != state.watches.end()) {
-            if (present && it->second.device == info.st_dev && it->second.inode == info.st_ino) {
-                continue;
-            }
-            state.drop(it);
-        }
-        if (present) {
-            state.arm(folder);
-            if (!state.available) {
-                return;
-            }
-        }
-    }
+    FolderEventsWatchSet::reconcile(*state_, folders);
 }
 
 std::vector<std::filesystem::path> FolderEvents::watched() const
 {
-    std::vector<std::filesystem::path> folders;
-    for (const auto& entry : state_->watches) {
-        folders.push_back(entry.first);
-    }
-    return folders;
+    return FolderEventsWatchSet::watched(*state_);
 }
 
 } // namespace quillet

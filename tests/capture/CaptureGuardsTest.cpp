@@ -295,36 +295,6 @@ TEST(ParseDuration, TakesTheNumberBeforeSecOnTheFirstLineThatHasOne)
 
 // Real files on disk, read with the default probes.
 
-void writeWav(const fs::path& file, int sampleRate, int samples)
-{
-    auto put32 = [](std::ofstream& out, std::uint32_t value) {
-        for (int i = 0; i < 4; ++i) {
-            out.put(static_cast<char>((value >> (8 * i)) & 0xFF));
-        }
-    };
-    auto put16 = [](std::ofstream& out, std::uint16_t value) {
-        out.put(static_cast<char>(value & 0xFF));
-        out.put(static_cast<char>(value >> 8));
-    };
-    std::uint32_t dataBytes = static_cast<std::uint32_t>(samples) * 2;
-    std::ofstream out(file, std::ios::binary);
-    out.write("RIFF", 4);
-    put32(out, 36 + dataBytes);
-    out.write("WAVEfmt ", 8);
-    put32(out, 16);
-    put16(out, 1); // PCM
-    put16(out, 1); // mono
-    put32(out, static_cast<std::uint32_t>(sampleRate));
-    put32(out, static_cast<std::uint32_t>(sampleRate) * 2);
-    put16(out, 2);
-    put16(out, 16);
-    out.write("data", 4);
-    put32(out, dataBytes);
-    for (int i = 0; i < samples; ++i) {
-        put16(out, static_cast<std::uint16_t>((i * 97) % 4000));
-    }
-}
-
 fs::path fixture(const char* name)
 {
     return fs::path(QUILLET_SOURCE_DIR) / "tests" / "fixtures" / name;
@@ -358,7 +328,7 @@ TEST(DefaultProbes, DurationOfRealAudioFiles)
 {
     test::ScratchDir dir;
     auto wav = dir.path() / "a.wav";
-    writeWav(wav, 8000, 10000);
+    test::writeWav(wav, 8000, 10000);
     auto duration = defaultDuration(wav);
     ASSERT_TRUE(duration);
     EXPECT_NEAR(*duration, 1.25, 0.001);
@@ -370,7 +340,7 @@ TEST(DefaultProbes, DurationOfRealAudioFiles)
 
     // A well-formed header with no audio after it: a measured duration of 0, not an unknown one.
     auto empty = dir.path() / "empty.wav";
-    writeWav(empty, 8000, 0);
+    test::writeWav(empty, 8000, 0);
     EXPECT_EQ(defaultDuration(empty), 0.0);
 
     test::writeFile(dir.path() / "text.wav", "this is not audio\n");
@@ -385,16 +355,16 @@ TEST(DefaultProbes, EvaluateRealRecordingsWithoutSleeping)
     auto now = std::chrono::system_clock::now();
 
     auto shortWav = dir.path() / "short.wav";
-    writeWav(shortWav, 8000, 2400);
+    test::writeWav(shortWav, 8000, 2400);
     EXPECT_EQ(evaluate(shortWav, now, {}, clock), Verdict::skip("audio too short (0.30s < 0.50s)"));
     EXPECT_EQ(clock.waits(), std::vector<double>{2.0});
 
     auto emptyWav = dir.path() / "empty.wav";
-    writeWav(emptyWav, 8000, 0);
+    test::writeWav(emptyWav, 8000, 0);
     EXPECT_EQ(evaluate(emptyWav, now, {}, clock), Verdict::skip("audio too short (0.00s < 0.50s)"));
 
     auto longWav = dir.path() / "long.wav";
-    writeWav(longWav, 8000, 10000);
+    test::writeWav(longWav, 8000, 10000);
     EXPECT_EQ(evaluate(longWav, now, {}, clock), Verdict::proceed());
 
     auto m4a = dir.path() / "20240131 142530.m4a";

@@ -43,33 +43,6 @@ struct InstalledProgram : ::testing::Test {
     }
 };
 
-void writeWav(const fs::path& file, int sampleRate, int samples)
-{
-    auto put32 = [](std::ofstream& out, std::uint32_t value) {
-        for (int i = 0; i < 4; ++i) {
-            out.put(static_cast<char>((value >> (8 * i)) & 0xFF));
-        }
-    };
-    auto put16 = [](std::ofstream& out, std::uint16_t value) {
-        out.put(static_cast<char>(value & 0xFF));
-        out.put(static_cast<char>(value >> 8));
-    };
-    std::uint32_t dataBytes = static_cast<std::uint32_t>(samples) * 2;
-    std::ofstream out(file, std::ios::binary);
-    out.write("RIFF", 4);
-    put32(out, 36 + dataBytes);
-    out.write("WAVEfmt ", 8);
-    put32(out, 16);
-    put16(out, 1); // PCM
-    put16(out, 1); // mono
-    put32(out, static_cast<std::uint32_t>(sampleRate));
-    put32(out, static_cast<std::uint32_t>(sampleRate) * 2);
-    put16(out, 2);
-    put16(out, 16);
-    out.write("data", 4);
-    put32(out, dataBytes);
-    out << std::string(dataBytes, '\0');
-}
 
 // The files of a shared object that a running process has mapped, by name.
 std::set<std::string> mappedFiles(int pid, const std::string& name)
@@ -135,7 +108,7 @@ TEST_F(InstalledProgram, ReadsDurationsWithTheModuleOfItsOwnPrefix)
                                             "--watch", incoming.string()});
     ASSERT_EQ(setup.status, 0) << setup.output << setup.errors;
     // 0.3 s of audio: the agent measures it and skips it as too short, naming the length.
-    writeWav(incoming / "short.wav", 8000, 2400);
+    test::writeWav(incoming / "short.wav", 8000, 2400);
 
     test::ChildProcess agent(started, {"run"}, {{"QUILLET_POLL_INTERVAL_SECONDS", "0.2"}});
     fs::path log = home.path() / ".local/state/quillet/quillet.log";

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdint>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
@@ -204,6 +205,36 @@ ProcessResult runProcess(const std::string& program, const std::vector<std::stri
 {
     ChildProcess child(program, arguments, environment);
     return child.wait(timeoutSeconds);
+}
+
+void writeWav(const fs::path& file, int sampleRate, int samples)
+{
+    auto put32 = [](std::ofstream& out, std::uint32_t value) {
+        for (int i = 0; i < 4; ++i) {
+            out.put(static_cast<char>((value >> (8 * i)) & 0xFF));
+        }
+    };
+    auto put16 = [](std::ofstream& out, std::uint16_t value) {
+        out.put(static_cast<char>(value & 0xFF));
+        out.put(static_cast<char>(value >> 8));
+    };
+    std::uint32_t dataBytes = static_cast<std::uint32_t>(samples) * 2;
+    std::ofstream out(file, std::ios::binary);
+    out.write("RIFF", 4);
+    put32(out, 36 + dataBytes);
+    out.write("WAVEfmt ", 8);
+    put32(out, 16);
+    put16(out, 1); // PCM
+    put16(out, 1); // mono
+    put32(out, static_cast<std::uint32_t>(sampleRate));
+    put32(out, static_cast<std::uint32_t>(sampleRate) * 2);
+    put16(out, 2);
+    put16(out, 16);
+    out.write("data", 4);
+    put32(out, dataBytes);
+    for (int i = 0; i < samples; ++i) {
+        put16(out, static_cast<std::uint16_t>((i * 97) % 4000));
+    }
 }
 
 } // namespace quillet::test

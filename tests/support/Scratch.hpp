@@ -38,6 +38,10 @@ private:
 
 std::string readFile(const std::filesystem::path& file);
 void writeFile(const std::filesystem::path& file, const std::string& contents);
+
+/// Writes a mono 16-bit PCM WAV file of `samples` samples at `sampleRate`: real audio whose
+/// length the duration readers can tell.
+void writeWav(const std::filesystem::path& file, int sampleRate, int samples);
 std::vector<std::string> readLines(const std::filesystem::path& file);
 
 /// The result of running a program to its end.
