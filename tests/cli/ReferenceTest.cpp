@@ -255,8 +255,8 @@ TEST(Reference, TheManualPageDescribesTheVariablesThatUsersSet)
 Words bashOffers(const std::vector<std::string>& words)
 {
     std::string script = "source \"$1\"; shift\n"
-                         "spec=$(complete -p quillet-capture) || exit 3\n"
-                         "function=${spec#*-F }; function=${function%% *}\n"
+                         "registered=$(complete -p quillet-capture) || exit 3\n"
+                         "function=${registered#*-F }; function=${function%% *}\n"
                          "COMP_WORDS=(quillet-capture \"$@\"); COMP_CWORD=$((${#COMP_WORDS[@]} - 1))\n"
                          "COMP_LINE=\"${COMP_WORDS[*]}\"; COMP_POINT=${#COMP_LINE}\n"
                          "\"$function\" quillet-capture \"${COMP_WORDS[COMP_CWORD]}\" \"${COMP_WORDS[COMP_CWORD-1]}\"\n"

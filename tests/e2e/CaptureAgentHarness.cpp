@@ -119,6 +119,22 @@ void CaptureAgentHarness::editSettings(const std::function<void(AppSettings&)>& 
     });
 }
 
+fs::path CaptureAgentHarness::watchSyncedFolder(const std::function<void(AppSettings&)>& edit)
+{
+    auto synced = home() / "Synced";
+    fs::create_directories(synced);
+    editSettings([&](AppSettings& settings) {
+        settings.watchedFoldersRaw =
+            std::vector<WatchedFolder>{WatchedFolder::voiceMemos(true), WatchedFolder::generic(synced.string())};
+        if (edit) {
+            edit(settings);
+        }
+    });
+    setPollInterval(1);
+    setPace({.processingPolls = 0});
+    return synced;
+}
+
 fs::path CaptureAgentHarness::stateFolder() const
 {
     return Paths::stateFile().parent_path();

@@ -70,6 +70,11 @@ public:
     /// start of the agent.
     void editSettings(const std::function<void(AppSettings&)>& edit);
 
+    /// Makes the folder "Synced" in the home and has the agent watch it beside the Voice
+    /// Memos folder (`edit` changes the settings further), polling every second, with every
+    /// transcript ready at the first status poll. Returns the folder.
+    std::filesystem::path watchSyncedFolder(const std::function<void(AppSettings&)>& edit = {});
+
     void setPace(const Pace& pace);
     void setFault(Fault fault);
     /// Sets the agent's poll interval (the test-only variable of `run`); 0 keeps the default.

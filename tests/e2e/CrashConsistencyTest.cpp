@@ -198,14 +198,7 @@ TEST(CrashConsistency, EveryRecordingIsCapturedOnceWhereverTheAgentIsKilled)
 TEST(CrashConsistency, RecordingsOfTheSameSecondAreEachCapturedOnce)
 {
     CaptureAgentHarness agent(7);
-    auto synced = agent.home() / "Synced";
-    fs::create_directories(synced);
-    agent.editSettings([&](AppSettings& settings) {
-        settings.watchedFoldersRaw =
-            std::vector<WatchedFolder>{WatchedFolder::voiceMemos(true), WatchedFolder::generic(synced.string())};
-    });
-    agent.setPollInterval(1);
-    agent.setPace({.processingPolls = 0});
+    auto synced = agent.watchSyncedFolder();
     agent.dropHistory(0);
     ASSERT_TRUE(agent.startAndWait());
 

@@ -140,14 +140,7 @@ TEST(NothingLost, TheFirstRetryRetriesWhatFailedBeforeIt)
 TEST(NothingLost, AnotherRecordingUnderAUsedNameOrAGrownFileIsCaptured)
 {
     CaptureAgentHarness agent(17);
-    auto synced = agent.home() / "Synced";
-    fs::create_directories(synced);
-    agent.editSettings([&](AppSettings& settings) {
-        settings.watchedFoldersRaw =
-            std::vector<WatchedFolder>{WatchedFolder::voiceMemos(true), WatchedFolder::generic(synced.string())};
-    });
-    agent.setPollInterval(1);
-    agent.setPace({.processingPolls = 0});
+    auto synced = agent.watchSyncedFolder();
     ASSERT_TRUE(agent.startAndWait());
     auto copies = [&] {
         std::set<std::string> contents;

@@ -346,16 +346,10 @@ TEST(Security, AnswersCannotRedirectTheTokenOrFloodTheClient)
 TEST(Security, HostileFileNamesCannotLeaveTheInboxOrReachACommand)
 {
     CaptureAgentHarness agent(5);
-    auto synced = agent.home() / "Synced";
     auto after = agent.home() / "after.txt";
-    fs::create_directories(synced);
-    agent.editSettings([&](AppSettings& settings) {
-        settings.watchedFoldersRaw =
-            std::vector<WatchedFolder>{WatchedFolder::voiceMemos(true), WatchedFolder::generic(synced.string())};
+    auto synced = agent.watchSyncedFolder([&](AppSettings& settings) {
         settings.afterTranscriptCommand = "printf '%s|%s\\n' \"$QUILLET_ID\" \"$QUILLET_FILE\" >> '" + after.string() + "'";
     });
-    agent.setPollInterval(1);
-    agent.setPace({.processingPolls = 0});
     agent.dropHistory(0);
     ASSERT_TRUE(agent.startAndWait());
 
