@@ -11,7 +11,8 @@ class QuilletCapture < Formula
   head "https://github.com/quillet/quillet-capture.git", branch: "main"
 
   # asio and nlohmann-json are headers only; simdjson is a library the program links.
-  # macOS provides libcurl, uuid, the Keychain, launchd and afinfo.
+  # macOS provides libcurl, uuid, SQLite (the Voice Memos library is read with it), the
+  # Keychain, launchd and afinfo.
   depends_on "asio" => :build
   depends_on "cmake" => :build
   depends_on "ninja" => :build
@@ -19,6 +20,8 @@ class QuilletCapture < Formula
   depends_on "pkg-config" => :build
   depends_on :macos
   depends_on "simdjson"
+
+  uses_from_macos "sqlite"
 
   def install
     system "cmake", "-S", ".", "-B", "build", "-G", "Ninja",
