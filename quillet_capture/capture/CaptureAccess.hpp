@@ -57,6 +57,9 @@ private:
 
 /// The default audio extensions of a watched folder: "m4a" and "wav".
 inline const std::set<std::string> audioExtensions = {"m4a", "wav"};
+/// The default audio extensions of the Voice Memos folder: those of every folder and "qta",
+/// the form a current iPhone keeps most finished recordings in.
+inline const std::set<std::string> voiceMemosExtensions = {"m4a", "qta", "wav"};
 
 /// Probes `folder`: `notConfigured` when not `enabled` (the disk is not touched), `missing`
 /// when nothing or no folder is there, `denied` when it cannot be listed (an unexpected

@@ -2,6 +2,7 @@
 
 #include "quillet_capture/config/Log.hpp"
 #include "quillet_capture/config/Settings.hpp"
+#include "quillet_capture/pipeline/CaptureIdentities.hpp"
 #include "quillet_capture/pipeline/CaptureIntake.hpp"
 #include "quillet_capture/pipeline/CaptureStateStore.hpp"
 #include "quillet_capture/pipeline/CaptureStatus.hpp"
@@ -58,14 +59,15 @@ CaptureCoordinator& CaptureCoordinator::shared()
             [](const CaptureAccess::State& state) { CaptureStatus::shared().updateAccess(state); },
             [](int count) { CaptureStatus::shared().poll(count); },
         },
-        runtime::systemClock(), {}, sharedFirstTick, sharedInterval, &CaptureIntake::shared());
+        runtime::systemClock(), {}, sharedFirstTick, sharedInterval, &CaptureIntake::shared(),
+        &CaptureIdentities::shared());
     return *coordinator;
 }
 
 CaptureCoordinator::CaptureCoordinator(FolderSource folders, CaptureStateStore& store, Reports reports,
                                        runtime::Clock& clock, CaptureGuards::Probes probes,
                                        std::chrono::milliseconds firstTick, std::chrono::milliseconds interval,
-                                       CaptureIntake* intake)
+                                       CaptureIntake* intake, CaptureIdentities* identities)
     : queue_("quillet.capture.coordinator")
     , folders_(std::move(folders))
     , store_(store)
@@ -75,6 +77,7 @@ CaptureCoordinator::CaptureCoordinator(FolderSource folders, CaptureStateStore& 
     , firstTick_(firstTick)
     , interval_(interval)
     , intake_(intake)
+    , identities_(identities)
 {
 }
 
@@ -181,7 +184,8 @@ void CaptureCoordinator::startOnQueue()
     }
     watchers_.clear();
     for (auto& folder : folders_()) {
-        watchers_.emplace_back(std::move(folder), store_, true, clock_, probes_, intake_, vault_);
+        watchers_.emplace_back(std::move(folder), store_, true, clock_, probes_, intake_, vault_, std::filesystem::path(),
+                               identities_);
     }
     if (watchers_.empty()) {
         rlog("[quillet] capture: no folders enabled; coordinator idle");

@@ -46,12 +46,13 @@ public:
     static void setSharedTiming(std::chrono::milliseconds firstTick, std::chrono::milliseconds interval);
 
     /// A coordinator over `folders` and `store`. The timer fires `firstTick` after start and
-    /// then every `interval`; `clock` and `probes` go to the watchers.
+    /// then every `interval`; `clock`, `probes`, `intake` and `identities` go to the watchers
+    /// (with `identities`, the Voice Memos folder's watcher reads the Voice Memos library).
     CaptureCoordinator(FolderSource folders, CaptureStateStore& store, Reports reports,
                        runtime::Clock& clock = runtime::systemClock(), CaptureGuards::Probes probes = {},
                        std::chrono::milliseconds firstTick = std::chrono::seconds(2),
                        std::chrono::milliseconds interval = std::chrono::seconds(30),
-                       CaptureIntake* intake = nullptr);
+                       CaptureIntake* intake = nullptr, CaptureIdentities* identities = nullptr);
     ~CaptureCoordinator();
 
     /// Sets the one subscriber, called on the coordinator's queue for each new recording; it
@@ -102,6 +103,7 @@ private:
     std::chrono::milliseconds firstTick_;
     std::chrono::milliseconds interval_;
     CaptureIntake* intake_;
+    CaptureIdentities* identities_;
     std::unique_ptr<runtime::Timer> timer_;
     std::unique_ptr<FolderEvents> events_;
     /// The tick asked for by a change, until it runs.

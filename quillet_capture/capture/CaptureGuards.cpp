@@ -206,9 +206,11 @@ std::optional<Verdict> firstChecks(const std::filesystem::path& file, TimePoint 
     if (!extension.empty()) {
         extension.erase(0, 1);
     }
-    if (lowerAscii(extension) == "qta") {
-        // Voice Memos records into a .qta file and writes the finished .m4a next to it; the
-        // .m4a is captured in its own right, the .qta never.
+    if (lowerAscii(extension) == "qta" && !(probes.listed && probes.listed(file))) {
+        // A .qta that the library does not list may be a recording in progress, next to which
+        // Voice Memos writes the finished .m4a; that .m4a is captured in its own right. A
+        // .qta the library lists is a finished recording (a current iPhone keeps most of its
+        // recordings in that form).
         auto twin = file;
         twin.replace_extension("m4a");
         if (probes.fileExists(twin)) {

@@ -76,10 +76,13 @@ struct Probes {
     std::function<std::optional<double>(const std::filesystem::path&)> duration = defaultDuration;
     /// When set, replaces the inline size sampling: false means "still changing".
     std::function<bool(const std::filesystem::path&)> stabilitySampler;
+    /// When set, true for a file that the Voice Memos library lists as a finished recording:
+    /// a ".qta" it lists is captured like any other file, with no twin or age rule.
+    std::function<bool(const std::filesystem::path&)> listed;
 };
 
-/// Runs the checks in order (size, empty file, ".qta" recording in progress, size stability,
-/// duration) and returns the first verdict that decides, else `proceed`. `now` is the current
+/// Runs the checks in order (size, empty file, ".qta" recording in progress unless the library
+/// lists it, size stability, duration) and returns the first verdict that decides, else `proceed`. `now` is the current
 /// time for the age of a ".qta" file. Without a stability sampler the size is sampled inline:
 /// up to `stabilityTries` sleeps of `stabilityInterval` on `clock`, blocking the caller for up
 /// to 10 seconds. Never fails: a probe that cannot read the file defers it. Called on the

@@ -1,5 +1,8 @@
 #include "quillet_capture/capture/CaptureImport.hpp"
 
+#include "quillet_capture/library/VoiceMemosLibrary.hpp"
+#include "quillet_capture/pipeline/CaptureIdentities.hpp"
+
 #include "quillet_capture/capture/CaptureAccess.hpp"
 #include "quillet_capture/config/Log.hpp"
 #include "quillet_capture/pipeline/CaptureStateStore.hpp"
@@ -42,7 +45,7 @@ std::string lowerCased(std::string text)
 bool isAudioName(const std::string& name)
 {
     auto extension = fs::path(name).extension().string();
-    return !extension.empty() && CaptureAccess::audioExtensions.contains(lowerCased(extension.substr(1)));
+    return !extension.empty() && CaptureAccess::voiceMemosExtensions.contains(lowerCased(extension.substr(1)));
 }
 
 bool startsOnOrAfter(const std::string& name, const std::string& day)
@@ -97,12 +100,48 @@ Selection voiceMemosRecordings(std::optional<TimePoint> since)
     return selection;
 }
 
-Result queueExisting(std::optional<TimePoint> since, CaptureStateStore& store)
+Result queueExisting(std::optional<TimePoint> since, CaptureStateStore& store, CaptureIdentities* identities)
 {
     Selection selection = voiceMemosRecordings(since);
-    Result result{selection.folder.path, static_cast<int>(selection.names.size()), 0};
+    // What Voice Memos knows of them: their titles, and which the person deleted (never
+    // picked: the agent does not capture those).
+    VoiceMemosLibrary library(selection.folder.url(), VoiceMemosLibrary::defaultCopies());
+    library.refresh();
+    const bool readable = library.health() == VoiceMemosLibrary::Health::readable;
+    std::vector<std::string> uniqueIds;
+    Result result{selection.folder.path, 0, 0};
+    std::erase_if(selection.names, [&](const std::string& name) {
+        const LibraryRecording* row = nullptr;
+        if (readable) {
+            row = library.byFile(name);
+            row = row != nullptr ? row : library.byTwin(name);
+        }
+        if (row == nullptr) {
+            return false;
+        }
+        if (row->deleted) {
+            ++result.deleted;
+            return true;
+        }
+        uniqueIds.push_back(row->uniqueId);
+        if (!row->title.empty()) {
+            result.titles.emplace_back(name, row->title);
+        }
+        return false;
+    });
+    result.picked = static_cast<int>(selection.names.size());
     if (selection.names.empty()) {
         return result;
+    }
+    // Recordings remembered as there before capture was set up are history no longer.
+    if (identities != nullptr) {
+        std::vector<std::string> history;
+        for (const auto& id : uniqueIds) {
+            if (auto known = identities->find(id); known && known->canonicalId.empty()) {
+                history.push_back(id);
+            }
+        }
+        identities->forget(history);
     }
     result.wereSeen = static_cast<int>(store.forget(selection.names, selection.folder.id));
     rlog("[quillet] capture import: %d recordings from %@ queued (%d were marked seen)", result.picked,
@@ -112,7 +151,7 @@ Result queueExisting(std::optional<TimePoint> since, CaptureStateStore& store)
 
 Result queueExisting(std::optional<TimePoint> since)
 {
-    return queueExisting(since, CaptureStateStore::shared());
+    return queueExisting(since, CaptureStateStore::shared(), &CaptureIdentities::shared());
 }
 
 } // namespace quillet::CaptureImport

@@ -6,10 +6,12 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace quillet {
 
+class CaptureIdentities;
 class CaptureStateStore;
 
 /// The deliberate way back to recordings that were already in Voice Memos when capture was
@@ -24,6 +26,9 @@ struct Result {
     std::string folderPath;  // the Voice Memos folder that was read
     int picked = 0;          // recordings selected
     int wereSeen = 0;        // of them, how many were in the seen set and were forgotten
+    int deleted = 0;         // left out: in Recently Deleted in Voice Memos
+    /// The picked recordings that have a title in Voice Memos: file name and title.
+    std::vector<std::pair<std::string, std::string>> titles = {};
 };
 
 /// The recordings picked from the Voice Memos folder.
@@ -60,10 +65,13 @@ private:
 /// (also when it does not exist). Any thread.
 Selection voiceMemosRecordings(std::optional<TimePoint> since);
 
-/// Selects as above and forgets the selected names in `store`'s Voice Memos set (which keeps
-/// the folder marked as indexed); logs how many were queued when there were any. Throws
-/// Failure from the selection. Any thread.
-Result queueExisting(std::optional<TimePoint> since, CaptureStateStore& store);
+/// Selects as above, leaves out what the Voice Memos library has in Recently Deleted, and
+/// forgets the selected names in `store`'s Voice Memos set (which keeps the folder marked as
+/// indexed) and, in `identities`, that their recordings were there before capture was set
+/// up; logs how many were queued when there were any. Throws Failure from the selection.
+/// Any thread.
+Result queueExisting(std::optional<TimePoint> since, CaptureStateStore& store,
+                     CaptureIdentities* identities = nullptr);
 
 /// The same on the agent's shared state store.
 Result queueExisting(std::optional<TimePoint> since);

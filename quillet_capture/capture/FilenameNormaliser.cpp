@@ -25,7 +25,7 @@ using TimePoint = FilenameNormaliser::TimePoint;
 //   the input (as in Perl), so an optional final terminator is allowed.
 constexpr const char* kPattern =
     R"(^(\d{8})(?:\s|\xC2[\x85\xA0]|\xE1\x9A\x80|\xE2\x80[\x80\x81\x82\x83\x84\x85\x86\x87\x88\x89\x8A\xA8\xA9\xAF]|\xE2\x81\x9F|\xE3\x80\x80)+)"
-    R"((\d{6})(?:-([A-Fa-f0-9]+))?\.m4a(?:\r\n|[\n\v\f\r]|\xC2\x85|\xE2\x80\xA8|\xE2\x80\xA9)?$)";
+    R"((\d{6})(?:-([A-Fa-f0-9]+))?\.(?:m4a|qta)(?:\r\n|[\n\v\f\r]|\xC2\x85|\xE2\x80\xA8|\xE2\x80\xA9)?$)";
 
 // No file system allows a name longer than 255 characters (at most 765 bytes of UTF-8).
 // libstdc++'s std::regex recurses for every character a repetition takes, about 1.5 KB of
@@ -40,8 +40,9 @@ struct Matched {
 
 // The pattern's common case read without the regex engine (about 1.5 us a name, which a first
 // index of ten thousand recordings paid for each): eight ASCII digits, ASCII blanks, six
-// digits, an optional "-" and hex id, ".m4a", and nothing after. A name of another form (other
-// white space, a final line terminator, no match at all) is left to the pattern, which decides.
+// digits, an optional "-" and hex id, ".m4a" or ".qta", and nothing after. A name of another
+// form (other white space, a final line terminator, no match at all) is left to the pattern,
+// which decides.
 std::optional<Matched> matchPlain(std::string_view name)
 {
     auto isDigit = [](char c) { return c >= '0' && c <= '9'; };
@@ -83,7 +84,7 @@ std::optional<Matched> matchPlain(std::string_view name)
         }
         matched.hexId = std::string(name.substr(hex, at - hex));
     }
-    if (name.substr(at) != ".m4a") {
+    if (name.substr(at) != ".m4a" && name.substr(at) != ".qta") {
         return std::nullopt;
     }
     return matched;

@@ -24,8 +24,9 @@ struct Parsed {
 };
 
 /// Parses a bare file name (the last path component, not a path) of the form
-/// "yyyyMMdd<white space>HHmmss[-<hex>].m4a". Absent when the name does not have that form
-/// (the extension must be lower-case "m4a") or when its date and time do not exist in the
+/// "yyyyMMdd<white space>HHmmss[-<hex>].m4a", or ".qta" (the form a current iPhone keeps most
+/// recordings in). Absent when the name does not have that form (the extension must be
+/// lower-case "m4a" or "qta") or when its date and time do not exist in the
 /// current time zone (month 13, hour 25, a wall-clock time skipped by a daylight-saving
 /// change, a year beyond what a time point holds). Never fails otherwise.
 std::optional<Parsed> parse(std::string_view name);

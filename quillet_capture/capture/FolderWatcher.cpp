@@ -4,6 +4,7 @@
 #include "quillet_capture/capture/FilenameNormaliser.hpp"
 #include "quillet_capture/capture/FirstWatched.hpp"
 #include "quillet_capture/config/Log.hpp"
+#include "quillet_capture/pipeline/CaptureIdentities.hpp"
 #include "quillet_capture/pipeline/CaptureIntake.hpp"
 #include "quillet_capture/pipeline/CaptureStateStore.hpp"
 
@@ -31,7 +32,7 @@ constexpr auto kWatchedAfterCapture = std::chrono::hours(1);
 
 FolderWatcher::FolderWatcher(WatchedFolder folder, CaptureStateStore& store, bool runGuards, runtime::Clock& clock,
                              CaptureGuards::Probes probes, CaptureIntake* intake, Vault vault,
-                             fs::path firstWatchedFile)
+                             fs::path firstWatchedFile, CaptureIdentities* identities, fs::path libraryCopies)
     : folder_(std::move(folder))
     , store_(store)
     , runGuards_(runGuards)
@@ -40,13 +41,131 @@ FolderWatcher::FolderWatcher(WatchedFolder folder, CaptureStateStore& store, boo
     , intake_(intake)
     , vault_(std::move(vault))
     , firstWatchedFile_(firstWatchedFile.empty() ? FirstWatched::defaultFile() : std::move(firstWatchedFile))
+    , identities_(identities)
 {
+    if (identities_ != nullptr && folder_.normaliser == WatchedFolder::Normaliser::voiceMemos) {
+        library_ = std::make_unique<VoiceMemosLibrary>(
+            folder_.url(),
+            libraryCopies.empty() ? VoiceMemosLibrary::defaultCopies() : std::move(libraryCopies));
+    }
+}
+
+bool FolderWatcher::refreshLibrary()
+{
+    if (!library_) {
+        return false;
+    }
+    bool changed = library_->refresh();
+    auto health = library_->health();
+    // Said once per change, not per poll; a busy library is only looked at again.
+    if (health != VoiceMemosLibrary::Health::locked && reportedHealth_ != health) {
+        const bool news = reportedHealth_ || health != VoiceMemosLibrary::Health::absent;
+        reportedHealth_ = health;
+        if (!news) {
+            return changed;  // a folder without a library, as it has always been
+        }
+        rlog("[quillet] capture: [%@] Voice Memos library %@", folder_.displayName, library_->summary());
+    }
+    return changed;
+}
+
+const VoiceMemosLibrary* FolderWatcher::usableLibrary() const
+{
+    if (!library_) {
+        return nullptr;
+    }
+    auto health = library_->health();
+    return health == VoiceMemosLibrary::Health::readable ||
+                   (health == VoiceMemosLibrary::Health::locked && !library_->recordings().empty())
+               ? library_.get()
+               : nullptr;
+}
+
+const LibraryRecording* FolderWatcher::recordingOf(std::string_view name) const
+{
+    const auto* library = usableLibrary();
+    if (library == nullptr) {
+        return nullptr;
+    }
+    const auto* row = library->byFile(name);
+    return row != nullptr ? row : library->byTwin(name);
+}
+
+std::optional<CaptureIdentities::Entry> FolderWatcher::adoptedIdentity(const LibraryRecording& recording,
+                                                                       const std::string& name,
+                                                                       const CaptureAccess::Listing& listed)
+{
+    auto stem = [](std::string_view file) {
+        auto dot = file.find_last_of('.');
+        return file.substr(0, dot == std::string_view::npos ? file.size() : dot);
+    };
+    for (const auto& other : listed.names) {
+        if (other == name || stem(other) != stem(recording.fileName)) {
+            continue;
+        }
+        auto seen = store_.seenEntry(other, folder_.id);
+        if (!seen || seen->canonicalId.empty()) {
+            continue;
+        }
+        // Its note got no title from the library: a title the library has is offered to it
+        // as to a note without one.
+        CaptureIdentities::Entry entry{seen->canonicalId, other, recording.digest, ""};
+        identities_->record({{recording.uniqueId, entry}});
+        return entry;
+    }
+    return std::nullopt;
+}
+
+void FolderWatcher::followLibrary(const CaptureAccess::Listing& listed, bool changed)
+{
+    const auto* library = usableLibrary();
+    if (library == nullptr || identities_ == nullptr || !(changed || retitlePending_)) {
+        return;
+    }
+    retitlePending_ = false;
+    auto known = identities_->all();
+    std::vector<std::pair<std::string, CaptureIdentities::Entry>> retitled;
+    for (const auto& [uniqueId, entry] : known) {
+        const auto* row = library->byId(uniqueId);
+        if (row == nullptr || entry.canonicalId.empty() || row->title == entry.title || row->title.empty()) {
+            continue;
+        }
+        if (vault_.retitle && !vault_.retitle(entry.canonicalId, entry.title, row->title)) {
+            retitlePending_ = true;
+            continue;
+        }
+        auto renamed = entry;
+        renamed.title = row->title;
+        retitled.emplace_back(uniqueId, std::move(renamed));
+    }
+    identities_->record(retitled);
+
+    if (!changed) {
+        return;
+    }
+    // Recordings that Voice Memos lists and whose audio iCloud has not brought yet: captured
+    // when it comes; one that waits more than a day is named once.
+    std::set<std::string, std::less<>> present(listed.names.begin(), listed.names.end());
+    auto since = FirstWatched::find(folder_.id, firstWatchedFile_);
+    const auto now = clock_.now();
+    for (const auto* row : library->waitingForDownload(
+             present, [&](const std::string& id) { return known.contains(id); }, since)) {
+        if (row->date && now - *row->date > std::chrono::hours(24) && reportedWaiting_.insert(row->uniqueId).second) {
+            rlog("[quillet] capture: [%@] \"%@\" (%@) has waited more than a day for its audio to download from "
+                 "iCloud",
+                 folder_.displayName, row->title.empty() ? row->fileName : row->title, row->fileName);
+        }
+    }
 }
 
 std::set<std::string> FolderWatcher::extensions() const
 {
     auto own = folder_.effectiveExtensions();
-    return own.empty() ? CaptureAccess::audioExtensions : own;
+    if (!own.empty()) {
+        return own;
+    }
+    return folder_.normaliser == WatchedFolder::Normaliser::voiceMemos ? CaptureAccess::voiceMemosExtensions
+                                                                        : CaptureAccess::audioExtensions;
 }
 
 CaptureAccess::State FolderWatcher::accessState() const
@@ -139,6 +258,19 @@ int FolderWatcher::runInitialIndex()
     // One write for the whole folder: a crash part-way through leaves the folder unindexed,
     // never half-indexed (which would later capture old recordings as new).
     int count = static_cast<int>(names.size());
+    // The Voice Memos recordings among them are history too, in whichever form their files
+    // come later (an ".m4a" joining a ".qta"): remembered by the library's id.
+    refreshLibrary();
+    if (usableLibrary() != nullptr) {
+        std::vector<std::pair<std::string, CaptureIdentities::Entry>> history;
+        for (const auto& seen : names) {
+            const auto* row = recordingOf(seen.name);
+            if (row != nullptr && !identities_->find(row->uniqueId)) {
+                history.emplace_back(row->uniqueId, CaptureIdentities::Entry{"", seen.name, row->digest, row->title});
+            }
+        }
+        identities_->record(history);
+    }
     store_.markIndexed(std::move(names), folder_.id, clock_.now());
     rlog("[quillet] capture: [%@] initial index complete (%d existing files marked seen)", folder_.displayName, count);
     if (arrived > 0) {
@@ -230,14 +362,21 @@ std::vector<FolderWatcher::NewCapture> FolderWatcher::poll(const CaptureAccess::
     const bool everyFile = !stamp || stamp != folderStamp_;
     folderStamp_ = stamp;
     const auto now = clock_.now();
+    const bool libraryChanged = refreshLibrary();
 
     // 1. The files to take: those never seen, and captured ones that have changed since.
     struct Candidate {
         const std::string& name;
         fs::path file;
         std::optional<CaptureStateStore::State::SeenEntry> captured;
+        const LibraryRecording* recording = nullptr;
+        /// The capture this file is the recording of, edited in Voice Memos; "" when none.
+        std::string editOf = {};
     };
     std::vector<Candidate> candidates;
+    // Other files of recordings captured before (an ".m4a" joining its ".qta", a renamed
+    // file): marked seen under that capture's id, never captured twice.
+    std::vector<CaptureStateStore::SeenFile> aliases;
     for (const auto& name : listed.names) {
         auto seen = store_.seenEntry(name, folder_.id);
         if (seen && (seen->file.empty() ||
@@ -255,7 +394,55 @@ std::vector<FolderWatcher::NewCapture> FolderWatcher::poll(const CaptureAccess::
             }
             continue;
         }
-        candidates.push_back({name, std::move(file), std::move(seen)});
+        const auto* recording = recordingOf(name);
+        std::string editOf;
+        if (recording != nullptr) {
+            auto known = identities_->find(recording->uniqueId);
+            if (!known) {
+                // Another file of it captured before the library listed it (the audio came
+                // before its row, or the library could not be read then): that capture is it.
+                known = adoptedIdentity(*recording, name, listed);
+            }
+            if (!known && recording->deleted) {
+                // The person threw it away before it was captured. Not marked seen: put back
+                // from Recently Deleted, it is captured then.
+                if (reported_.insert(name).second) {
+                    rlog("[quillet] capture: [%@] %@ is in Recently Deleted in Voice Memos; not capturing it",
+                         folder_.displayName, name);
+                }
+                continue;
+            }
+            if (!known && name != recording->fileName &&
+                std::find(listed.names.begin(), listed.names.end(), recording->fileName) != listed.names.end()) {
+                // The other form of a recording whose own file is here too: that one is taken.
+                continue;
+            }
+            if (known) {
+                // The file it was captured from changed, or the library's digest of its audio
+                // did: the person edited it. Any other file of it is the same recording again.
+                const bool ownFile = name == known->fileName || name == recording->fileName;
+                const bool digestChanged =
+                    !recording->digest.empty() && !known->digest.empty() && recording->digest != known->digest;
+                if (!known->canonicalId.empty() && !recording->deleted &&
+                    ((seen && name == known->fileName) || (digestChanged && ownFile))) {
+                    editOf = known->canonicalId;
+                } else if (!seen || seen->canonicalId != known->canonicalId) {
+                    rlog("[quillet] capture: [%@] %@ is the Voice Memos recording %@ again; not capturing it twice",
+                         folder_.displayName, name, known->canonicalId.empty() ? known->fileName : known->canonicalId);
+                    aliases.push_back({name, known->canonicalId, ""});
+                    continue;
+                } else {
+                    // Its capture's file changing again without an edit: nothing to take.
+                    aliases.push_back({name, known->canonicalId, ""});
+                    continue;
+                }
+            }
+        }
+        candidates.push_back({name, std::move(file), std::move(seen), recording, std::move(editOf)});
+    }
+    followLibrary(listed, libraryChanged);
+    if (!aliases.empty()) {
+        store_.markSeen(std::move(aliases), folder_.id, clock_.now());
     }
     if (candidates.empty()) {
         return captures;
@@ -269,7 +456,14 @@ std::vector<FolderWatcher::NewCapture> FolderWatcher::poll(const CaptureAccess::
         for (const auto& candidate : candidates) {
             files.push_back(candidate.file);
         }
-        verdicts = CaptureGuards::evaluateAll(files, clock_.now(), probes_, clock_);
+        auto probes = probes_;
+        if (usableLibrary() != nullptr) {
+            probes.listed = [&](const fs::path& file) {
+                const auto* row = usableLibrary()->byFile(file.filename().string());
+                return row != nullptr && !row->deleted;
+            };
+        }
+        verdicts = CaptureGuards::evaluateAll(files, clock_.now(), probes, clock_);
     }
 
     // 3. Handed over in listing order. The journal and the seen set are each written once
@@ -278,8 +472,15 @@ std::vector<FolderWatcher::NewCapture> FolderWatcher::poll(const CaptureAccess::
     std::vector<CaptureIntake::Entry> journal;
     std::vector<CaptureStateStore::SeenFile> seen;
     std::set<std::string> taken;  // the ids given in this poll
+    std::vector<std::pair<std::string, CaptureIdentities::Entry>> identified;
     for (std::size_t index = 0; index < candidates.size(); ++index) {
-        const auto& [name, file, captured] = candidates[index];
+        const auto& [name, file, captured, recording, editOf] = candidates[index];
+        // Two files of one recording in one poll: the first taken is its capture.
+        if (recording != nullptr &&
+            std::any_of(identified.begin(), identified.end(),
+                        [&](const auto& entry) { return entry.first == recording->uniqueId; })) {
+            continue;
+        }
         const auto& verdict = verdicts[index];
         if (verdict.kind == CaptureGuards::Verdict::Kind::defer) {
             // A file in flux is reported at each poll; one that cannot be looked at stays
@@ -298,15 +499,24 @@ std::vector<FolderWatcher::NewCapture> FolderWatcher::poll(const CaptureAccess::
         // where it begins: a sync or recorder that was still writing), the same bytes (only
         // touched), or another recording under the name.
         auto change = Change::another;
-        if (captured && vault_.copyOf) {
-            change = compareWithCopy(file, vault_.copyOf(captured->canonicalId));
+        const std::string comparedWith = !editOf.empty() ? editOf : captured ? captured->canonicalId : "";
+        if (!comparedWith.empty() && vault_.copyOf) {
+            change = compareWithCopy(file, vault_.copyOf(comparedWith));
         }
         if (change == Change::same) {
-            seen.push_back({name, captured->canonicalId, fileIdentity(file).value_or("")});
+            seen.push_back({name, comparedWith, fileIdentity(file).value_or("")});
             changing_.erase(name);
             continue;
         }
+        if (!editOf.empty()) {
+            // The library's id says whose recording this is: edited, it replaces that
+            // capture's copy and transcript, whatever its bytes.
+            change = Change::grown;
+        }
         auto start = startTime(root, name);
+        if (!start && recording != nullptr && recording->date) {
+            start = recording->date;  // a name of its own, but the library knows when it was made
+        }
         if (!start) {
             rlog("[quillet] capture: [%@] unparseable name, marking seen: %@", folder_.displayName, name);
             seen.push_back({name, "", ""});
@@ -318,7 +528,7 @@ std::vector<FolderWatcher::NewCapture> FolderWatcher::poll(const CaptureAccess::
         // suffix. Another recording under a name captured before also never takes an id whose
         // note the vault has: the earlier recording's entry no longer holds it.
         const bool grown = change == Change::grown;
-        std::string id = grown ? captured->canonicalId
+        std::string id = grown ? comparedWith
                                : CollisionResolver::resolve(FilenameNormaliser::canonicalId(*start),
                                                             [&](const std::string& candidate) {
                                                                 return !store_.holdsCanonicalId(candidate) &&
@@ -327,11 +537,25 @@ std::vector<FolderWatcher::NewCapture> FolderWatcher::poll(const CaptureAccess::
                                                                          vault_.holds(candidate, fs::path()));
                                                             });
         taken.insert(id);
-        journal.push_back({folder_.id, name, file, id, *start, grown});
+        std::optional<LibraryRecording> known;
+        if (recording != nullptr) {
+            known = *recording;
+            // An edited recording's note keeps its title; a rename reaches it through the
+            // title kept here.
+            std::string title = recording->title;
+            if (auto before = identities_->find(recording->uniqueId); before && !editOf.empty()) {
+                title = before->title;
+            }
+            identified.emplace_back(recording->uniqueId,
+                                    CaptureIdentities::Entry{id, name, recording->digest, std::move(title)});
+        }
+        journal.push_back({folder_.id, name, file, id, *start, grown, known});
         seen.push_back({name, id, fileIdentity(file).value_or("")});
         changing_.erase(name);
-        captures.push_back({file, id, *start, folder_.id, grown});
-        if (grown) {
+        captures.push_back({file, id, *start, folder_.id, grown, std::move(known)});
+        if (!editOf.empty()) {
+            rlog("[quillet] capture: [%@] %@ was edited in Voice Memos -- replacing %@", folder_.displayName, name, id);
+        } else if (grown) {
             rlog("[quillet] capture: [%@] %@ grew after its capture -- replacing %@", folder_.displayName, name, id);
         } else if (captured) {
             rlog("[quillet] capture: [%@] %@ is another recording now -- %@ -> %@", folder_.displayName, name, name,
@@ -342,6 +566,10 @@ std::vector<FolderWatcher::NewCapture> FolderWatcher::poll(const CaptureAccess::
     }
     if (intake_ != nullptr && !journal.empty()) {
         intake_->add(journal);
+    }
+    // After the journal, which hands the identity over again if this write is lost.
+    if (identities_ != nullptr) {
+        identities_->record(identified);
     }
     if (!seen.empty()) {
         store_.markSeen(std::move(seen), folder_.id, clock_.now());

@@ -3,6 +3,8 @@
 #include "quillet_capture/capture/CaptureAccess.hpp"
 #include "quillet_capture/capture/CaptureGuards.hpp"
 #include "quillet_capture/config/Settings.hpp"
+#include "quillet_capture/library/VoiceMemosLibrary.hpp"
+#include "quillet_capture/pipeline/CaptureIdentities.hpp"
 #include "quillet_capture/pipeline/CaptureStateStore.hpp"
 #include "quillet_capture/runtime/Clock.hpp"
 
@@ -10,6 +12,7 @@
 #include <filesystem>
 #include <functional>
 #include <map>
+#include <memory>
 #include <optional>
 #include <set>
 #include <string>
@@ -35,6 +38,9 @@ public:
         /// The recording captured before under `canonicalId`, grown since: its copy in the
         /// vault is to be replaced and its transcript made again.
         bool grown = false;
+        /// What the Voice Memos library knows of the recording; nothing when it does not
+        /// list it.
+        std::optional<LibraryRecording> recording = {};
         bool operator==(const NewCapture&) const = default;
     };
 
@@ -46,6 +52,10 @@ public:
         std::function<bool(const std::string& canonicalId, const std::filesystem::path& file)> holds;
         /// The vault's audio copy of the capture `canonicalId`.
         std::function<std::filesystem::path(const std::string& canonicalId)> copyOf;
+        /// The person renamed the recording of `canonicalId` in Voice Memos from `from` to
+        /// `to`: its note takes the new title if it still holds `from`. True when that is
+        /// settled (written, or the note's title is the person's), false to be asked again.
+        std::function<bool(const std::string& canonicalId, const std::string& from, const std::string& to)> retitle;
     };
 
     /// A watcher of `folder` (a copy) over `store`. `clock` gives "now" and the guards'
@@ -53,10 +63,15 @@ public:
     /// capture is written to `intake` (when given) before it is marked seen. `vault` tells the
     /// first index which recordings the vault holds already, and a poll whether a captured
     /// file that changed is the same recording grown; `firstWatchedFile` keeps when the
-    /// folder was first watched.
+    /// folder was first watched. With `identities`, the Voice Memos folder's watcher reads the
+    /// Voice Memos library beside its recordings (copies of it, when needed, go to
+    /// `libraryCopies`): a recording it knows is captured once under the library's id whatever
+    /// its files do, carries its title, folder and date, and is not captured when the person
+    /// deleted it first.
     FolderWatcher(WatchedFolder folder, CaptureStateStore& store, bool runGuards = true,
                   runtime::Clock& clock = runtime::systemClock(), CaptureGuards::Probes probes = {},
-                  CaptureIntake* intake = nullptr, Vault vault = {}, std::filesystem::path firstWatchedFile = {});
+                  CaptureIntake* intake = nullptr, Vault vault = {}, std::filesystem::path firstWatchedFile = {},
+                  CaptureIdentities* identities = nullptr, std::filesystem::path libraryCopies = {});
 
     const WatchedFolder& folder() const { return folder_; }
 
@@ -115,6 +130,22 @@ private:
     /// the file's date.
     std::optional<TimePoint> startTime(const std::filesystem::path& root, const std::string& name) const;
 
+    /// Looks at the library again (cheap when it is unchanged) and logs a change of its
+    /// health. True when what it knows changed.
+    bool refreshLibrary();
+    /// The library when its rows can be trusted now (read, or busy since a good read).
+    const VoiceMemosLibrary* usableLibrary() const;
+    /// The recording that the library lists for the file `name` (its own file, or the other
+    /// form of it); nothing when none or without a library.
+    const LibraryRecording* recordingOf(std::string_view name) const;
+    /// The capture of `recording` made from another of its files in the folder before the
+    /// library knew of it, now recorded as its identity; nothing when there is none.
+    std::optional<CaptureIdentities::Entry> adoptedIdentity(const LibraryRecording& recording, const std::string& name,
+                                                            const CaptureAccess::Listing& listed);
+    /// After the library changed: renames in Voice Memos reach the notes that still hold the
+    /// title this program wrote, and recordings waiting a day for their download are named.
+    void followLibrary(const CaptureAccess::Listing& listed, bool changed);
+
     WatchedFolder folder_;
     CaptureStateStore& store_;
     bool runGuards_;
@@ -128,6 +159,13 @@ private:
     /// Captured files seen changed, with what they were at the last poll.
     std::map<std::string, std::string> changing_;
     std::optional<std::string> folderStamp_;
+    CaptureIdentities* identities_;
+    std::unique_ptr<VoiceMemosLibrary> library_;
+    std::optional<VoiceMemosLibrary::Health> reportedHealth_;
+    /// Renames in Voice Memos whose note could not be settled yet.
+    bool retitlePending_ = false;
+    /// Library ids named in the log as waiting for their download.
+    std::set<std::string> reportedWaiting_;
 };
 
 } // namespace quillet

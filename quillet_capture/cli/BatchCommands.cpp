@@ -219,10 +219,21 @@ void cmdImportExisting(const std::vector<std::string>& arguments)
     if (!result) {
         runtime::exitProcess(1);
     }
+    if (result->deleted > 0) {
+        out("Left out " + plural(result->deleted, "recording") + " in Recently Deleted in Voice Memos.");
+    }
     if (result->picked < 1) {
         out("No recordings to send in " + result->folderPath + ".");
     } else {
         out("Queued " + plural(result->picked, "recording") + " from " + result->folderPath + ".");
+        // The names the person gave them in Voice Memos, so that they know what comes.
+        constexpr std::size_t kTitlesShown = 10;
+        for (std::size_t at = 0; at < result->titles.size() && at < kTitlesShown; ++at) {
+            out("  " + result->titles[at].second + " (" + result->titles[at].first + ")");
+        }
+        if (result->titles.size() > kTitlesShown) {
+            out("  and " + std::to_string(result->titles.size() - kTitlesShown) + " more with a title");
+        }
         requirePairedForUpload();
         out("The capture agent picks them up within about 30 seconds and uploads them one at a time.");
         out("Follow progress with: quillet-capture status");

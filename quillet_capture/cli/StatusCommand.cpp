@@ -1,11 +1,15 @@
 #include "quillet_capture/cli/StatusCommand.hpp"
 
+#include "quillet_capture/capture/CaptureAccess.hpp"
+#include "quillet_capture/capture/FirstWatched.hpp"
 #include "quillet_capture/capture/VoiceMemosKeeper.hpp"
 #include "quillet_capture/cli/Commands.hpp"
 #include "quillet_capture/cli/Console.hpp"
 #include "quillet_capture/config/Keychain.hpp"
 #include "quillet_capture/config/Log.hpp"
 #include "quillet_capture/config/Settings.hpp"
+#include "quillet_capture/library/VoiceMemosLibrary.hpp"
+#include "quillet_capture/pipeline/CaptureIdentities.hpp"
 #include "quillet_capture/pipeline/CapturePipeline.hpp"
 #include "quillet_capture/pipeline/CaptureRecovery.hpp"
 #include "quillet_capture/pipeline/CaptureRetry.hpp"
@@ -13,6 +17,7 @@
 #include "quillet_capture/platform/Paths.hpp"
 #include "quillet_capture/platform/Process.hpp"
 #include "quillet_capture/platform/UserDefaults.hpp"
+#include "quillet_capture/util/Iso8601.hpp"
 #include "quillet_capture/util/Utf8.hpp"
 #include "quillet_capture/vault/InboxWriter.hpp"
 #include "quillet_capture/util/AtomicFile.hpp"
@@ -20,8 +25,10 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <deque>
+#include <set>
 
 namespace quillet {
 
@@ -175,6 +182,30 @@ std::string inboxSummary(const fs::path& inbox,
     return summary;
 }
 
+/// The Voice Memos library as the agent sees it: readable or why not, and what waits.
+static std::string libraryLine(const WatchedFolder& folder)
+{
+    VoiceMemosLibrary library(folder.url(), VoiceMemosLibrary::defaultCopies());
+    library.refresh();
+    auto line = library.summary();
+    if (library.health() != VoiceMemosLibrary::Health::readable) {
+        return line;
+    }
+    auto listed = CaptureAccess::list(folder.url(), CaptureAccess::voiceMemosExtensions, true);
+    std::set<std::string, std::less<>> present(listed.names.begin(), listed.names.end());
+    auto known = CaptureIdentities::shared().all();
+    auto waiting = library.waitingForDownload(
+        present, [&](const std::string& id) { return known.contains(id); },
+        FirstWatched::find(folder.id));
+    line += ", " + std::to_string(waiting.size()) + " waiting for download";
+    if (!waiting.empty() && waiting.front()->date) {
+        line += " (oldest recorded " + Iso8601::format(*waiting.front()->date).substr(0, 10) + ")";
+    }
+    auto deleted = std::count_if(library.recordings().begin(), library.recordings().end(),
+                                 [](const LibraryRecording& row) { return row.deleted; });
+    return line + ", " + std::to_string(deleted) + " in Recently Deleted";
+}
+
 std::string inboxSummary()
 {
     auto inbox = Settings::shared().inboxURL();
@@ -198,6 +229,9 @@ void cmdStatus()
     out("  vault:       " + settings.vaultPath());
     for (const auto& folder : settings.watchedFolders()) {
         out("  folder:      " + folder.displayName + " " + onOff(folder.enabled) + " -- " + folder.url().string());
+        if (folder.enabled && folder.isVoiceMemos()) {
+            out("  library:     " + libraryLine(folder));
+        }
     }
     out("  upload:      " + onOff(settings.captureVeldaneEnabled()));
     out("  after a transcript: " + settings.afterTranscriptCommand().value_or("off"));

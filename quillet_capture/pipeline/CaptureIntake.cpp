@@ -1,6 +1,7 @@
 #include "quillet_capture/pipeline/CaptureIntake.hpp"
 
 #include "quillet_capture/config/Log.hpp"
+#include "quillet_capture/library/LibraryRecordingJson.hpp"
 #include "quillet_capture/platform/Paths.hpp"
 #include "quillet_capture/runtime/MainLoop.hpp"
 #include "quillet_capture/util/AtomicFile.hpp"
@@ -57,8 +58,10 @@ CaptureIntake::CaptureIntake(fs::path file)
             continue;
         }
         auto grown = item.find("grown");
+        auto library = item.find("library");
         entries_.push_back({*folderId, Utf8::bytesOf(*name), Utf8::bytesOf(*source), *canonicalId, *timestamp,
-                            grown != item.end() && grown->is_boolean() && grown->get<bool>()});
+                            grown != item.end() && grown->is_boolean() && grown->get<bool>(),
+                            library != item.end() ? libraryRecordingFromJson(*library) : std::nullopt});
     }
 }
 
@@ -123,6 +126,9 @@ void CaptureIntake::persistLocked()
         };
         if (entry.grown) {
             item["grown"] = true;
+        }
+        if (entry.recording) {
+            item["library"] = toJson(*entry.recording);
         }
         pending.push_back(std::move(item));
     }

@@ -1,8 +1,11 @@
 #pragma once
 
+#include "quillet_capture/library/VoiceMemosLibrary.hpp"
+
 #include <chrono>
 #include <filesystem>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -24,6 +27,8 @@ public:
         std::string canonicalId;
         TimePoint timestamp;      // the recording's start
         bool grown = false;       // captured before under `canonicalId`, and grown since
+        /// What the Voice Memos library knew of the recording when it was handed over.
+        std::optional<LibraryRecording> recording = {};
         bool operator==(const Entry&) const = default;
     };
 

@@ -5,6 +5,7 @@
 #include "quillet_capture/config/Log.hpp"
 #include "quillet_capture/config/Settings.hpp"
 #include "quillet_capture/pipeline/AfterTranscriptCommand.hpp"
+#include "quillet_capture/pipeline/CaptureIdentities.hpp"
 #include "quillet_capture/pipeline/CaptureIntake.hpp"
 #include "quillet_capture/pipeline/CaptureRecovery.hpp"
 #include "quillet_capture/pipeline/CaptureStateStore.hpp"
@@ -147,6 +148,7 @@ CapturePipeline& CapturePipeline::shared()
             &CaptureIntake::shared(),
             &CaptureStateStore::shared(),
             &CaptureRecovery::shared(),
+            &CaptureIdentities::shared(),
         },
         &CaptureCoordinator::shared());
     return *pipeline;
@@ -180,7 +182,17 @@ void CapturePipeline::recoverIntake()
             environment_.store->markSeen(entry.name, entry.canonicalId, entry.folderId, environment_.clock->now());
         }
         rlog("[quillet] capture pipeline: %@ was handed over but has no note yet; capturing it again", entry.name);
-        FolderWatcher::NewCapture capture{entry.source, entry.canonicalId, entry.timestamp, entry.folderId, entry.grown};
+        // Which capture the Voice Memos recording became, in case that write was lost.
+        if (entry.recording && environment_.identities != nullptr) {
+            auto known = environment_.identities->find(entry.recording->uniqueId);
+            if (!known || known->canonicalId != entry.canonicalId) {
+                environment_.identities->record(
+                    {{entry.recording->uniqueId,
+                      {entry.canonicalId, entry.name, entry.recording->digest, entry.recording->title}}});
+            }
+        }
+        FolderWatcher::NewCapture capture{entry.source, entry.canonicalId, entry.timestamp,
+                                          entry.folderId, entry.grown,       entry.recording};
         runtime::spawn(handle(std::move(capture)), "capture " + entry.canonicalId);
     }
 }
@@ -203,6 +215,8 @@ void CapturePipeline::start()
                     return file.empty() ? fs::exists(writer().noteURL(id), error) : holdsCaptureOf(id, file);
                 },
             .copyOf = [this](const std::string& id) { return writer().audioURL(id); },
+            .retitle = [this](const std::string& id, const std::string& from,
+                              const std::string& to) { return retitle(id, from, to); },
         });
         coordinator_->setOnNewCapture([this](const FolderWatcher::NewCapture& capture) {
             // The coordinator's queue only hands over; the capture runs as a task of its own.
@@ -487,6 +501,9 @@ asio::awaitable<void> CapturePipeline::handle(FolderWatcher::NewCapture capture)
     }
     if (folder && folder->normaliser != WatchedFolder::Normaliser::voiceMemos) {
         frontmatter.tags.push_back("watched_folder:" + folder->displayName);
+    }
+    if (capture.recording) {
+        describe(frontmatter, *capture.recording);
     }
 
     // 6. The stub note, or the note of a recording that grew, made pending again.

@@ -24,6 +24,7 @@
 namespace quillet {
 
 class CaptureCoordinator;
+class CaptureIdentities;
 class CaptureIntake;
 class CaptureRecovery;
 class CaptureStateStore;
@@ -61,6 +62,9 @@ public:
         /// Where failed captures wait for the agent to try them again; none: they wait for
         /// `retry` or the next start.
         CaptureRecovery* recovery = nullptr;
+        /// Which capture each Voice Memos recording became; none: a recovered capture's
+        /// identity is not recorded again.
+        CaptureIdentities* identities = nullptr;
     };
 
     /// The upload profile of a capture sent again.
@@ -131,6 +135,16 @@ public:
     /// twin of the same second gets ("_2" on): a note whose audio copy, if it has one, has the
     /// file's size.
     bool holdsCaptureOf(const std::string& canonicalId, const std::filesystem::path& file) const;
+
+    /// Gives the note of `id` the title `to` that the person gave its recording in Voice
+    /// Memos, if the note still holds `from`, the title this program wrote. True when settled
+    /// (written, or left as the person's); false while the capture is being handled, to be
+    /// asked again. Any thread.
+    bool retitle(const std::string& id, const std::string& from, const std::string& to);
+
+    /// Fills in what the Voice Memos library knows of a new capture: its id and folder under
+    /// "source", its title, the date it was recorded and its duration.
+    static void describe(InboxWriter::Frontmatter& frontmatter, const LibraryRecording& recording);
 
     /// True while `id` is being handled.
     bool isClaimed(const std::string& id) const;

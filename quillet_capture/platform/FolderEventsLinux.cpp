@@ -17,6 +17,7 @@
 #include <cstring>
 #include <map>
 #include <string>
+#include <string_view>
 
 namespace quillet {
 
@@ -37,6 +38,15 @@ Batch decode(std::span<const std::byte> bytes)
         offset += size;
         if (record.mask & IN_Q_OVERFLOW) {
             batch.changed = true;
+            continue;
+        }
+        // A reader of an SQLite database in WAL mode opens its "-shm" index for writing and
+        // closes it after reading: the Voice Memos library read by this program would wake
+        // the poll that read it. Closing a file changes no entry of the folder.
+        const std::string_view name(reinterpret_cast<const char*>(bytes.data() + offset - record.len),
+                                    ::strnlen(reinterpret_cast<const char*>(bytes.data() + offset - record.len),
+                                              record.len));
+        if (record.mask == IN_CLOSE_WRITE && name.ends_with("-shm")) {
             continue;
         }
         if (record.mask & ~IN_IGNORED) {

@@ -285,9 +285,10 @@ bool isKnownTopLevel(std::string_view key)
 
 bool isKnownSourceKey(std::string_view key)
 {
-    static constexpr std::array<std::string_view, 11> kKeys = {
-        "type",          "origin",      "audio_path",    "audio_duration_sec", "ingestion_tool", "external_id",
-        "vd_job_status", "uploaded_at", "app",           "microphone",         "channel_layout"};
+    static constexpr std::array<std::string_view, 13> kKeys = {
+        "type",           "origin",         "audio_path",    "audio_duration_sec", "ingestion_tool",
+        "external_id",    "vd_job_status",  "uploaded_at",   "app",                "microphone",
+        "channel_layout", "voice_memos_id", "voice_memos_folder"};
     return std::find(kKeys.begin(), kKeys.end(), key) != kKeys.end();
 }
 
@@ -361,6 +362,10 @@ void setSource(InboxWriter::Frontmatter& fm, std::string_view key, std::string_v
         fm.recorderMicrophone = value;
     } else if (key == "channel_layout") {
         fm.recorderChannelLayout = value;
+    } else if (key == "voice_memos_id") {
+        fm.voiceMemosId = value;
+    } else if (key == "voice_memos_folder") {
+        fm.voiceMemosFolder = value;
     }
 }
 
@@ -566,6 +571,20 @@ void InboxWriter::updateVDJobStatus(std::string_view id, std::string_view status
     fm.vdJobStatus = word;
     fm.id = std::string(id);
     writeMarkdown(fm, bodyFromText(text));
+}
+
+bool InboxWriter::replaceTitle(std::string_view id, std::string_view from, std::string_view to) const
+{
+    checkedId(id);
+    auto text = readText(noteURL(id));
+    auto fm = frontmatterFromText(text, std::chrono::system_clock::now());
+    if (fm.title.value_or("") != from || from == to) {
+        return false;
+    }
+    fm.title = std::string(to);
+    fm.id = std::string(id);
+    writeMarkdown(fm, bodyFromText(text));
+    return true;
 }
 
 InboxWriter::Frontmatter InboxWriter::readFrontmatter(const fs::path& note)
@@ -779,6 +798,12 @@ std::string InboxWriter::renderMarkdown(const Frontmatter& fm, std::string_view 
     }
     if (fm.recorderChannelLayout) {
         line("  channel_layout: ", quotedValue(*fm.recorderChannelLayout));
+    }
+    if (fm.voiceMemosId) {
+        line("  voice_memos_id: ", quotedValue(*fm.voiceMemosId));
+    }
+    if (fm.voiceMemosFolder) {
+        line("  voice_memos_folder: ", quotedValue(*fm.voiceMemosFolder));
     }
     placeKept([](const std::string& after) { return after.starts_with("source."); });
     placeKept([](const std::string& after) { return after == "source"; });

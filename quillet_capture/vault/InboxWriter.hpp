@@ -59,6 +59,8 @@ public:
         std::optional<std::string> recorderSource;
         std::optional<std::string> recorderMicrophone;
         std::optional<std::string> recorderChannelLayout;
+        std::optional<std::string> voiceMemosId;      // the Voice Memos library's id of the recording
+        std::optional<std::string> voiceMemosFolder;  // its folder in Voice Memos
         std::optional<std::string> targetSkill = "/transcript";
         std::optional<std::string> targetFolder;
         std::optional<std::string> title;
@@ -141,6 +143,11 @@ public:
     /// with the same body; writes nothing when the status is already that. Throws what reading
     /// (std::system_error, `Error`) or writing throws.
     void updateVDJobStatus(std::string_view id, std::string_view status) const;
+
+    /// Gives the note of `id` the title `to` when its title is `from` (no title counts as
+    /// ""), keeping everything else; a title that is anything else is the person's and stays.
+    /// True when the note was written. Throws what reading or writing throws.
+    bool replaceTitle(std::string_view id, std::string_view from, std::string_view to) const;
 
     /// The frontmatter of the note at `note`. Keys missing from the block keep the member
     /// defaults of `Frontmatter`, except that `created` defaults to now and `audioPath` to "".

@@ -1,10 +1,12 @@
 #include "quillet_capture/capture/CaptureImport.hpp"
 
 #include "quillet_capture/cli/Commands.hpp"
+#include "quillet_capture/pipeline/CaptureIdentities.hpp"
 #include "quillet_capture/pipeline/CaptureStateStore.hpp"
 #include "quillet_capture/platform/Paths.hpp"
 
 #include "tests/capture/TimeZone.hpp"
+#include "tests/support/LibraryFixture.hpp"
 #include "tests/support/LogLines.hpp"
 #include "tests/support/Scratch.hpp"
 
@@ -105,6 +107,27 @@ TEST_F(CaptureImportTest, QueueingForgetsThePickedNamesAndKeepsTheFolderIndexed)
     CaptureStateStore reread(home.path() / "state.json", home.path() / "legacy.json");
     EXPECT_FALSE(reread.hasSeen("20240110 090000.m4a"));
     EXPECT_TRUE(reread.hasSeen(CaptureStateStore::indexedMarker));
+}
+
+TEST_F(CaptureImportTest, TheLibraryTitlesWhatIsQueuedAndKeepsWhatWasDeleted)
+{
+    recordings({"20250301 090000.qta", "20250302 090000.qta", "20250303 090000.m4a", "20250304 090000.qta"});
+    test::LibraryFixture library(folder);
+    const auto when = day("2025-03-01");
+    library.add({"TITLED", "20250301 090000.qta", when, 3.0, "Interview with Ana", std::nullopt, false, ""});
+    library.add({"GONE", "20250302 090000.qta", when, 3.0, "Thrown away", std::nullopt, true, ""});
+    library.add({"PLAIN", "20250303 090000.qta", when, 3.0, "", std::nullopt, false, ""});
+    CaptureIdentities identities(home.path() / "identities.json");
+    identities.record({{"TITLED", {"", "20250301 090000.qta", "", "Interview with Ana"}},
+                       {"PLAIN", {"250303-090000", "20250303 090000.m4a", "", ""}}});
+
+    auto result = CaptureImport::queueExisting(std::nullopt, *store, &identities);
+    EXPECT_EQ(result.picked, 3) << "a .qta is a recording, one in Recently Deleted is not";
+    EXPECT_EQ(result.deleted, 1);
+    EXPECT_EQ(result.titles, (std::vector<std::pair<std::string, std::string>>{
+                                 {"20250301 090000.qta", "Interview with Ana"}}));
+    EXPECT_FALSE(identities.find("TITLED")) << "an imported recording is history no longer";
+    EXPECT_TRUE(identities.find("PLAIN")) << "a captured one stays what it became";
 }
 
 TEST_F(CaptureImportTest, AFolderThatCannotBeListedIsUnreadable)

@@ -69,12 +69,26 @@ TEST(FilenameNormaliser, AnyWhiteSpaceBetweenDateAndTimeButSomeIsNeeded)
     }
 }
 
+// A current iPhone keeps most finished recordings as ".qta" files under the same names.
+TEST(FilenameNormaliser, QtaNamesParseLikeM4aNames)
+{
+    TimeZone zone("UTC");
+    EXPECT_EQ(parsedUtc("20250314 092600.qta"), "2025-03-14T09:26:00Z");
+    EXPECT_EQ(parsedUtc("20250314\t092600-3F2A.qta"), "2025-03-14T09:26:00Z");
+    auto parsed = FilenameNormaliser::parse("20250314 092600-3f2a.qta");
+    ASSERT_TRUE(parsed);
+    EXPECT_EQ(parsed->hexId, "3f2a");
+    EXPECT_EQ(FilenameNormaliser::parse("20250314 092600.qta")->timestamp,
+              FilenameNormaliser::parse("20250314 092600.m4a")->timestamp);
+}
+
 TEST(FilenameNormaliser, OtherNamesAndDatesThatDoNotExistGiveNothing)
 {
     TimeZone zone("Europe/Stockholm");
     for (const char* name : {
              "20240131 142530.M4A",          // the extension is case-sensitive
-             "20240131 142530.qta",          // the recording in progress
+             "20240131 142530.QTA",          // nor for the other form
+             "20240131 142530.m4a.qta",      // one extension
              "2024-01-31 142530.m4a",        // separators in the date
              "x20240131 142530.m4a",         // anchored at the start
              "20240131 142530.m4a.download", // anchored at the end

@@ -528,6 +528,58 @@ int CaptureAgentHarness::takeOf(const Recording& recording) const
     return found == takes->second.end() ? 0 : static_cast<int>(found - takes->second.begin()) + 1;
 }
 
+LibraryFixture& CaptureAgentHarness::library()
+{
+    if (!library_) {
+        library_ = std::make_unique<LibraryFixture>(memos_);
+    }
+    return *library_;
+}
+
+CaptureAgentHarness::Recording CaptureAgentHarness::dropListed(int index, const std::string& title,
+                                                               std::size_t padding, std::optional<int> folder)
+{
+    auto recording = filled(index, padding);
+    recording.name = fs::path(recording.name).replace_extension(".qta").string();
+    std::time_t when = 1709280000 + static_cast<std::time_t>(index) * 61;
+    library().add({"REC-" + std::to_string(index), recording.name, std::chrono::system_clock::from_time_t(when), 1.5,
+                   title, folder, false, ""});
+    place(memos_ / recording.name, recording.bytes);
+    std::lock_guard guard(lock_);
+    recordings_.push_back(recording);
+    listed_.emplace(recording.name, "REC-" + std::to_string(index));
+    return recording;
+}
+
+bool CaptureAgentHarness::joinTwin()
+{
+    std::lock_guard guard(lock_);
+    for (const auto& recording : recordings_) {
+        std::error_code error;
+        if (!listed_.contains(recording.name) || twinned_.contains(recording.name) ||
+            !fs::exists(inbox() / (recording.id + ".md"), error)) {
+            continue;
+        }
+        place(memos_ / fs::path(recording.name).replace_extension(".m4a"), recording.bytes + "as aac");
+        twinned_.insert(recording.name);
+        return true;
+    }
+    return false;
+}
+
+bool CaptureAgentHarness::renameListed(const std::string& title)
+{
+    std::lock_guard guard(lock_);
+    for (const auto& recording : recordings_) {
+        std::error_code error;
+        if (listed_.contains(recording.name) && fs::exists(inbox() / (recording.id + ".md"), error)) {
+            library().setTitle(listed_.at(recording.name), title);
+            return true;
+        }
+    }
+    return false;
+}
+
 bool CaptureAgentHarness::growCaptured(std::size_t extra)
 {
     std::lock_guard guard(lock_);
@@ -595,6 +647,16 @@ void CaptureAgentHarness::expectConsistent(bool requireDone) const
             auto frontmatter = InboxWriter::readFrontmatter(note);
             EXPECT_EQ(frontmatter.id, recording.id);
             EXPECT_EQ(frontmatter.audioPath, "_inbox/.audio/" + recording.id + ".m4a");
+            // A recording the library lists is known by its library id, crashes or not.
+            std::string libraryId;
+            {
+                std::lock_guard guard(lock_);
+                auto listed = listed_.find(recording.name);
+                libraryId = listed != listed_.end() ? listed->second : "";
+            }
+            if (!libraryId.empty()) {
+                EXPECT_EQ(frontmatter.voiceMemosId.value_or(""), libraryId) << recording.id;
+            }
             if (requireDone) {
                 EXPECT_EQ(frontmatter.vdJobStatus.value_or(""), "done") << recording.id;
                 // The transcript of the recording as it is now (the take of its last bytes).

@@ -4,12 +4,14 @@
 #include "quillet_capture/pipeline/CapturePipeline.hpp"
 
 #include "tests/support/FakeVeldane.hpp"
+#include "tests/support/LibraryFixture.hpp"
 #include "tests/support/Scratch.hpp"
 
 #include <atomic>
 #include <filesystem>
 #include <functional>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <random>
@@ -108,6 +110,20 @@ public:
     /// when no recording is left to grow.
     bool growCaptured(std::size_t extra);
 
+    /// The Voice Memos library beside the recordings, made on first use.
+    LibraryFixture& library();
+    /// Places a recording as a current iPhone keeps it: a ".qta" file that the library lists
+    /// as "REC-<index>" with `title`, in the Voice Memos folder `folder` (a Z_PK) when given
+    /// (the row first, as iCloud brings it before the audio).
+    Recording dropListed(int index, const std::string& title, std::size_t padding = 0,
+                         std::optional<int> folder = std::nullopt);
+    /// Places the ".m4a" form of a listed recording that has its note already, as Voice
+    /// Memos does when it converts one: the same recording, never a capture of its own.
+    /// False when none is left.
+    bool joinTwin();
+    /// Renames in the library a listed recording that has its note already. False when none.
+    bool renameListed(const std::string& title);
+
     /// Starts `quillet-capture run`. At most one agent runs at a time. The first start fixes,
     /// as `setup` does, the moment each enabled folder was first watched.
     void start();
@@ -181,6 +197,9 @@ private:
     std::map<std::string, std::vector<std::size_t>> takesOfId_;  // hashes of the audio uploaded
     std::set<std::string> slow_;   // recordings written slowly, by a thread
     std::set<std::string> grown_;  // recordings grown after their capture
+    std::unique_ptr<LibraryFixture> library_;
+    std::map<std::string, std::string> listed_;  // recordings the library lists, with their ids
+    std::set<std::string> twinned_;  // listed recordings joined by their ".m4a"
     std::vector<Recording> recordings_;
     std::vector<Recording> history_;
     std::atomic<int> uploadsInFlight_{0};

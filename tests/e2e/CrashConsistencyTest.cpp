@@ -50,6 +50,9 @@ std::string phaseOf(const std::string& message)
         {"has no note yet", "recovering the intake"},
         {"will be tried again", "waiting to try a failed capture again"},
         {"again (", "trying a failed capture again"},
+        {"was edited in Voice Memos", "handing over an edited recording"},
+        {"is the Voice Memos recording", "meeting a recording's other file"},
+        {"renamed in Voice Memos", "giving a note its new title"},
         {"deferring", "guarding"},
         {"resuming", "resuming"},
         {"coordinator started", "waiting for the first tick / guarding"},
@@ -102,6 +105,7 @@ TEST(CrashConsistency, EveryRecordingIsCapturedOnceWhereverTheAgentIsKilled)
     for (int i = 0; i < 3; ++i) {
         agent.dropHistory(i);
     }
+    agent.library();
 
     int next = 100;
     std::map<std::string, int> phases;
@@ -123,6 +127,10 @@ TEST(CrashConsistency, EveryRecordingIsCapturedOnceWhereverTheAgentIsKilled)
                 std::size_t padding = chance(0.3) ? 2u << 20 : 0;
                 if (chance(0.25)) {
                     agent.dropSlowly(next++, uniform(1, 4), padding);
+                } else if (chance(0.35)) {
+                    // As a current iPhone keeps it: a .qta that the Voice Memos library lists.
+                    agent.dropListed(next, "Memo " + std::to_string(next), padding);
+                    ++next;
                 } else {
                     agent.drop(next++, padding);
                 }
@@ -132,6 +140,14 @@ TEST(CrashConsistency, EveryRecordingIsCapturedOnceWhereverTheAgentIsKilled)
         // kills then also land while its copy is replaced and it is transcribed again.
         if (kill > 1 && chance(0.3)) {
             agent.growCaptured(chance(0.3) ? 1u << 20 : 4096);
+        }
+        // The library changes under it too: a listed recording gets its .m4a beside its
+        // .qta (never a second capture) or a new title.
+        if (kill > 1 && chance(0.3)) {
+            agent.joinTwin();
+        }
+        if (kill > 1 && chance(0.2)) {
+            agent.renameListed("Renamed before kill " + std::to_string(kill));
         }
         agent.start();
         // Early kills hit the start (index, intake recovery, resume); later ones anything,

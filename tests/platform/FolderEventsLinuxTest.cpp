@@ -65,6 +65,20 @@ TEST(FolderEventsInotify, AWatchRemovedByItsOwnerEndsWithoutAWake)
     EXPECT_EQ(batch.gone, (std::vector<int>{7, 8}));
 }
 
+TEST(FolderEventsInotify, ADatabaseIndexClosedAfterReadingWakesNothing)
+{
+    // What a read of the Voice Memos library leaves: its "-shm" closed after writing.
+    auto batch = decode(Records().add(2, IN_CLOSE_WRITE, "CloudRecordings.db-shm").bytes);
+    EXPECT_FALSE(batch.changed);
+    // Made, deleted or another file closed: changes.
+    EXPECT_TRUE(decode(Records().add(2, IN_CREATE, "CloudRecordings.db-shm").bytes).changed);
+    EXPECT_TRUE(decode(Records().add(2, IN_CLOSE_WRITE, "20250314 092600.qta").bytes).changed);
+    EXPECT_TRUE(decode(Records().add(2, IN_CLOSE_WRITE, "CloudRecordings.db-shm")
+                           .add(2, IN_CLOSE_WRITE, "CloudRecordings.db-wal")
+                           .bytes)
+                    .changed);
+}
+
 TEST(FolderEventsInotify, ARecordCutOffIsIgnored)
 {
     Records records;
