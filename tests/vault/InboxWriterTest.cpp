@@ -559,5 +559,38 @@ TEST(InboxWriterVault, JobStatusIsWrittenOnlyWhenItChanges)
     EXPECT_EQ(test::readFile(f.note("plain")), "text");
 }
 
+// A rename in Voice Memos reaches a note only while its title is the one this program wrote.
+TEST(InboxWriterVault, ReplaceTitleTouchesOnlyATitleThisProgramWrote)
+{
+    VaultFixture f;
+    auto fm = Frontmatter::forCapture("a", at("2024-01-31T13:25:30Z"));
+    fm.title = "Draft";
+    fm.voiceMemosId = "REC-1";
+    fm.voiceMemosFolder = "Work: 2024";
+    f.writer.writeStub(fm);
+    test::writeFile(f.note("a"), test::readFile(f.note("a")) + "My notes\n");
+    EXPECT_NE(test::readFile(f.note("a")).find("  voice_memos_id: REC-1\n  voice_memos_folder: \"Work: 2024\"\n"),
+              std::string::npos)
+        << test::readFile(f.note("a"));
+
+    EXPECT_TRUE(f.writer.replaceTitle("a", "Draft", "Final: take 2"));
+    auto read = InboxWriter::readFrontmatter(f.note("a"));
+    EXPECT_EQ(read.title, "Final: take 2");
+    EXPECT_EQ(read.voiceMemosId, "REC-1");
+    EXPECT_EQ(read.voiceMemosFolder, "Work: 2024");
+    EXPECT_EQ(InboxWriter::readBody(f.note("a")), "My notes\n");
+
+    // The person's own title stays, whatever Voice Memos calls it now.
+    auto before = test::readFile(f.note("a"));
+    EXPECT_FALSE(f.writer.replaceTitle("a", "Draft", "Other"));
+    EXPECT_EQ(test::readFile(f.note("a")), before);
+    // A note without a title takes one that Voice Memos gave later.
+    auto untitled = Frontmatter::forCapture("b", at("2024-01-31T13:25:30Z"));
+    f.writer.writeStub(untitled);
+    EXPECT_TRUE(f.writer.replaceTitle("b", "", "Named later"));
+    EXPECT_EQ(InboxWriter::readFrontmatter(f.note("b")).title, "Named later");
+    EXPECT_THROW(f.writer.replaceTitle("missing", "", "x"), std::system_error);
+}
+
 } // namespace
 } // namespace quillet

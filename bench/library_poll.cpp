@@ -1,0 +1,152 @@
+// What the Voice Memos library costs the agent. First, in this process: a library of 5,000
+// recordings in WAL mode (its rows in the -wal, its writer connection open, as while Voice
+// Memos runs), looked at again while unchanged, as every poll does, against one full read of
+// its rows. Then the built program's `run` beside that library: a new recording's row is
+// written and its .qta renamed into the folder, a few seconds apart; for each, the time from
+// the rename to its note (a .qta without the library waits ten minutes).
+// Budgets: an unchanged library under 1 ms per poll with no row read; rename to note at the
+// median at most 2.5 s and at worst at most 4 s (those of capture_latency).
+//
+// Usage: bench_library_poll [recordings]   (default 10, at least 5)
+
+#include "bench/AgentBench.hpp"
+
+#include "quillet_capture/library/VoiceMemosLibrary.hpp"
+
+#include <sqlite3.h>
+
+#include <signal.h>
+
+#include <random>
+#include <thread>
+
+namespace fs = std::filesystem;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+constexpr int kRows = 5000;
+constexpr double kLibraryEpoch = 978307200.0;
+
+void exec(sqlite3* db, const char* sql)
+{
+    bench::check(sqlite3_exec(db, sql, nullptr, nullptr, nullptr) == SQLITE_OK, sqlite3_errmsg(db));
+}
+
+void addRow(sqlite3* db, int index, const std::string& path)
+{
+    sqlite3_stmt* insert = nullptr;
+    sqlite3_prepare_v2(db,
+                       "INSERT INTO ZCLOUDRECORDING (ZUNIQUEID, ZPATH, ZDATE, ZDURATION, ZENCRYPTEDTITLE, ZFOLDER) "
+                       "VALUES (?, ?, ?, ?, ?, 1)",
+                       -1, &insert, nullptr);
+    auto id = "BENCH-" + std::to_string(index);
+    auto title = "Recording number " + std::to_string(index);
+    double now = std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+    sqlite3_bind_text(insert, 1, id.c_str(), -1, SQLITE_TRANSIENT);
+    sqlite3_bind_text(insert, 2, path.c_str(), -1, SQLITE_TRANSIENT);
+    sqlite3_bind_double(insert, 3, now - kLibraryEpoch - index);
+    sqlite3_bind_double(insert, 4, 30.0 + index % 600);
+    sqlite3_bind_text(insert, 5, title.c_str(), -1, SQLITE_TRANSIENT);
+    bench::check(sqlite3_step(insert) == SQLITE_DONE, sqlite3_errmsg(db));
+    sqlite3_finalize(insert);
+}
+
+// A library of `kRows` recordings whose files are not on this computer; the connection stays
+// open with automatic checkpoints off, so the rows stay in the -wal.
+sqlite3* makeLibrary(const fs::path& folder)
+{
+    sqlite3* db = nullptr;
+    bench::check(sqlite3_open((folder / "CloudRecordings.db").c_str(), &db) == SQLITE_OK, "open the library");
+    exec(db, "PRAGMA journal_mode=WAL");
+    exec(db, "PRAGMA wal_autocheckpoint=0");
+    exec(db, "CREATE TABLE ZFOLDER (Z_PK INTEGER PRIMARY KEY, ZENCRYPTEDNAME VARCHAR)");
+    exec(db, "INSERT INTO ZFOLDER (ZENCRYPTEDNAME) VALUES ('Work')");
+    exec(db, "CREATE TABLE ZCLOUDRECORDING (Z_PK INTEGER PRIMARY KEY, ZFOLDER INTEGER, ZDATE TIMESTAMP, "
+             "ZDURATION FLOAT, ZEVICTIONDATE TIMESTAMP, ZCUSTOMLABEL VARCHAR, ZENCRYPTEDTITLE VARCHAR, "
+             "ZPATH VARCHAR, ZUNIQUEID VARCHAR, ZAUDIODIGEST BLOB)");
+    exec(db, "BEGIN");
+    for (int i = 0; i < kRows; ++i) {
+        addRow(db, i, "20200101 " + std::to_string(100000 + i) + ".qta");
+    }
+    exec(db, "COMMIT");
+    return db;
+}
+
+double microseconds(Clock::duration duration)
+{
+    return std::chrono::duration<double, std::micro>(duration).count();
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    int count = argc > 1 ? std::max(5, std::atoi(argv[1])) : 10;
+    fs::path memos = bench::agentHome("quillet-bench-library");
+    fs::path home = std::getenv("HOME");
+    sqlite3* db = makeLibrary(memos);
+
+    // 1. An unchanged library, looked at again; a full read of it as the baseline.
+    std::vector<double> fullReads;
+    for (int round = 0; round < 5; ++round) {
+        quillet::VoiceMemosLibrary library(memos, home / "copies");
+        auto start = Clock::now();
+        library.refresh();
+        fullReads.push_back(microseconds(Clock::now() - start));
+        bench::check(library.recordings().size() == kRows, "every row read");
+    }
+    quillet::VoiceMemosLibrary library(memos, home / "copies");
+    library.refresh();
+    std::vector<double> polls;
+    for (int round = 0; round < 2000; ++round) {
+        auto start = Clock::now();
+        bench::check(!library.refresh(), "an unchanged library");
+        polls.push_back(microseconds(Clock::now() - start));
+    }
+    double poll = bench::median(polls);
+    double fullRead = bench::median(fullReads);
+    bool noRead = library.reads() == 1;
+    std::printf("unchanged library of %d rows: %.1f us per poll against a full read of %.0f us, ratio %.4f "
+                "(budget under 1 ms per poll, no row read) %s\n",
+                kRows, poll, fullRead, poll / fullRead, bench::verdict(poll < 1000 && noRead));
+
+    // 2. The agent beside it: a new row, then its .qta renamed in.
+    fs::path staging = home / "staging";
+    fs::create_directories(staging);
+    pid_t agent = bench::spawnProgram(QUILLET_CAPTURE_BINARY, "run");
+    bench::waitForLog("capture: coordinator started", 20, "agent started");
+    bench::waitForLog("access -> Voice Memos", 20, "agent's first poll");
+    std::mt19937 random(11);
+    std::uniform_real_distribution<double> pause(1.0, 6.0);
+    std::vector<double> latencies;
+    for (int i = 0; i < count; ++i) {
+        std::this_thread::sleep_for(std::chrono::duration<double>(pause(random)));
+        auto name = bench::memoName(i);
+        name.replace(name.size() - 4, 4, ".qta");
+        std::ofstream(staging / name) << "a recording of the benchmark, number " << i << std::string(64 * 1024, 'q');
+        addRow(db, kRows + i, name);
+        auto start = Clock::now();
+        fs::rename(staging / name, memos / name);
+        while (bench::noteCount(home) < i + 1 && Clock::now() - start < std::chrono::seconds(60)) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        bench::check(bench::noteCount(home) == i + 1, "the recording's note within a minute");
+        latencies.push_back(std::chrono::duration<double>(Clock::now() - start).count());
+        std::printf("  recording %d: %.2f s\n", i + 1, latencies.back());
+    }
+    ::kill(agent, SIGTERM);
+    int status = 0;
+    ::waitpid(agent, &status, 0);
+    sqlite3_close(db);
+
+    double median = bench::median(latencies);
+    double worst = *std::max_element(latencies.begin(), latencies.end());
+    std::printf("listed .qta, rename to note over %d recordings, median %.2f s (budget at most 2.5 s) %s\n", count,
+                median, bench::verdict(median <= 2.5));
+    std::printf("listed .qta, rename to note over %d recordings, worst %.2f s (budget at most 4 s) %s\n", count, worst,
+                bench::verdict(worst <= 4.0));
+    std::error_code ignored;
+    fs::remove_all(home, ignored);
+    return 0;
+}
