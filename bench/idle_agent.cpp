@@ -1,5 +1,7 @@
 // The agent at rest: the built program's `run` in a scratch home whose Voice Memos folder holds
-// 1,000 old recordings (indexed at the start, never captured) and nothing new arrives. After
+// 1,000 old recordings (indexed at the start, never captured) and a Voice Memos library of
+// 5,000 recordings (its writer connection open, as while Voice Memos runs), and nothing new
+// arrives. After
 // 60 seconds its resident memory, threads and CPU time over that minute are read from the
 // system (/proc on Linux, libproc on macOS). Baseline: the peak memory of the same program
 // running `version` (the libraries and start-up alone).
@@ -9,6 +11,7 @@
 
 #include "bench/AgentBench.hpp"
 #include "bench/BenchSupport.hpp"
+#include "bench/LibraryBench.hpp"
 
 #include <sys/resource.h>
 
@@ -25,6 +28,7 @@ int main(int argc, char** argv)
     for (int i = 0; i < 1000; ++i) {
         std::ofstream(memos / bench::memoName(i)) << "recording " << i;
     }
+    sqlite3* library = bench::makeLibrary(memos);
 
     // Baseline: `version`, to its end.
     pid_t version = bench::spawnProgram(QUILLET_CAPTURE_BINARY, "version");
@@ -41,11 +45,12 @@ int main(int argc, char** argv)
     auto after = bench::measure(pid);
     ::kill(agent, SIGTERM);
     ::waitpid(agent, &status, 0);
+    sqlite3_close(library);
 
     double rss = after.residentMiB;
     int threads = after.threads;
     double cpu = after.cpuSeconds - before.cpuSeconds;
-    std::printf("idle agent after %d s, 1,000 files watched: resident %.1f MiB (peak %.1f MiB), `version` peak %.1f "
+    std::printf("idle agent after %d s, 1,000 files watched, a library of 5,000 rows: resident %.1f MiB (peak %.1f MiB), `version` peak %.1f "
                 "MiB, ratio %.2f (budget at most 8 MiB) %s\n",
                 seconds, rss, after.peakMiB, versionPeak, rss / versionPeak, bench::verdict(rss <= 8.0));
     if (after.anonymousMiB && after.fileMiB && after.proportionalMiB) {

@@ -10,10 +10,9 @@
 // Usage: bench_library_poll [recordings]   (default 10, at least 5)
 
 #include "bench/AgentBench.hpp"
+#include "bench/LibraryBench.hpp"
 
 #include "quillet_capture/library/VoiceMemosLibrary.hpp"
-
-#include <sqlite3.h>
 
 #include <signal.h>
 
@@ -24,54 +23,6 @@ namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
 namespace {
-
-constexpr int kRows = 5000;
-constexpr double kLibraryEpoch = 978307200.0;
-
-void exec(sqlite3* db, const char* sql)
-{
-    bench::check(sqlite3_exec(db, sql, nullptr, nullptr, nullptr) == SQLITE_OK, sqlite3_errmsg(db));
-}
-
-void addRow(sqlite3* db, int index, const std::string& path)
-{
-    sqlite3_stmt* insert = nullptr;
-    sqlite3_prepare_v2(db,
-                       "INSERT INTO ZCLOUDRECORDING (ZUNIQUEID, ZPATH, ZDATE, ZDURATION, ZENCRYPTEDTITLE, ZFOLDER) "
-                       "VALUES (?, ?, ?, ?, ?, 1)",
-                       -1, &insert, nullptr);
-    auto id = "BENCH-" + std::to_string(index);
-    auto title = "Recording number " + std::to_string(index);
-    double now = std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
-    sqlite3_bind_text(insert, 1, id.c_str(), -1, SQLITE_TRANSIENT);
-    sqlite3_bind_text(insert, 2, path.c_str(), -1, SQLITE_TRANSIENT);
-    sqlite3_bind_double(insert, 3, now - kLibraryEpoch - index);
-    sqlite3_bind_double(insert, 4, 30.0 + index % 600);
-    sqlite3_bind_text(insert, 5, title.c_str(), -1, SQLITE_TRANSIENT);
-    bench::check(sqlite3_step(insert) == SQLITE_DONE, sqlite3_errmsg(db));
-    sqlite3_finalize(insert);
-}
-
-// A library of `kRows` recordings whose files are not on this computer; the connection stays
-// open with automatic checkpoints off, so the rows stay in the -wal.
-sqlite3* makeLibrary(const fs::path& folder)
-{
-    sqlite3* db = nullptr;
-    bench::check(sqlite3_open((folder / "CloudRecordings.db").c_str(), &db) == SQLITE_OK, "open the library");
-    exec(db, "PRAGMA journal_mode=WAL");
-    exec(db, "PRAGMA wal_autocheckpoint=0");
-    exec(db, "CREATE TABLE ZFOLDER (Z_PK INTEGER PRIMARY KEY, ZENCRYPTEDNAME VARCHAR)");
-    exec(db, "INSERT INTO ZFOLDER (ZENCRYPTEDNAME) VALUES ('Work')");
-    exec(db, "CREATE TABLE ZCLOUDRECORDING (Z_PK INTEGER PRIMARY KEY, ZFOLDER INTEGER, ZDATE TIMESTAMP, "
-             "ZDURATION FLOAT, ZEVICTIONDATE TIMESTAMP, ZCUSTOMLABEL VARCHAR, ZENCRYPTEDTITLE VARCHAR, "
-             "ZPATH VARCHAR, ZUNIQUEID VARCHAR, ZAUDIODIGEST BLOB)");
-    exec(db, "BEGIN");
-    for (int i = 0; i < kRows; ++i) {
-        addRow(db, i, "20200101 " + std::to_string(100000 + i) + ".qta");
-    }
-    exec(db, "COMMIT");
-    return db;
-}
 
 double microseconds(Clock::duration duration)
 {
@@ -85,7 +36,7 @@ int main(int argc, char** argv)
     int count = argc > 1 ? std::max(5, std::atoi(argv[1])) : 10;
     fs::path memos = bench::agentHome("quillet-bench-library");
     fs::path home = std::getenv("HOME");
-    sqlite3* db = makeLibrary(memos);
+    sqlite3* db = bench::makeLibrary(memos);
 
     // 1. An unchanged library, looked at again; a full read of it as the baseline.
     std::vector<double> fullReads;
@@ -94,7 +45,7 @@ int main(int argc, char** argv)
         auto start = Clock::now();
         library.refresh();
         fullReads.push_back(microseconds(Clock::now() - start));
-        bench::check(library.recordings().size() == kRows, "every row read");
+        bench::check(library.recordings().size() == bench::kLibraryRows, "every row read");
     }
     quillet::VoiceMemosLibrary library(memos, home / "copies");
     library.refresh();
@@ -109,7 +60,7 @@ int main(int argc, char** argv)
     bool noRead = library.reads() == 1;
     std::printf("unchanged library of %d rows: %.1f us per poll against a full read of %.0f us, ratio %.4f "
                 "(budget under 1 ms per poll, no row read) %s\n",
-                kRows, poll, fullRead, poll / fullRead, bench::verdict(poll < 1000 && noRead));
+                bench::kLibraryRows, poll, fullRead, poll / fullRead, bench::verdict(poll < 1000 && noRead));
 
     // 2. The agent beside it: a new row, then its .qta renamed in.
     fs::path staging = home / "staging";
@@ -125,7 +76,7 @@ int main(int argc, char** argv)
         auto name = bench::memoName(i);
         name.replace(name.size() - 4, 4, ".qta");
         std::ofstream(staging / name) << "a recording of the benchmark, number " << i << std::string(64 * 1024, 'q');
-        addRow(db, kRows + i, name);
+        bench::addLibraryRow(db, bench::kLibraryRows + i, name);
         auto start = Clock::now();
         fs::rename(staging / name, memos / name);
         while (bench::noteCount(home) < i + 1 && Clock::now() - start < std::chrono::seconds(60)) {

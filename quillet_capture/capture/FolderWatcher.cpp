@@ -119,11 +119,17 @@ std::optional<CaptureIdentities::Entry> FolderWatcher::adoptedIdentity(const Lib
 void FolderWatcher::followLibrary(const CaptureAccess::Listing& listed, bool changed)
 {
     const auto* library = usableLibrary();
-    if (library == nullptr || identities_ == nullptr || !(changed || retitlePending_)) {
+    const auto now = clock_.now();
+    // Waits are looked at whenever the library changed, and hourly: a day passes without it.
+    const bool lookAtWaits = changed || !waitsLookedAt_ || now - *waitsLookedAt_ >= std::chrono::hours(1);
+    if (library == nullptr || identities_ == nullptr || !(lookAtWaits || retitlePending_)) {
         return;
     }
-    retitlePending_ = false;
     auto known = identities_->all();
+    if (!(changed || retitlePending_)) {
+        known.clear();  // nothing to retitle; only the waits below
+    }
+    retitlePending_ = false;
     std::vector<std::pair<std::string, CaptureIdentities::Entry>> retitled;
     for (const auto& [uniqueId, entry] : known) {
         const auto* row = library->byId(uniqueId);
@@ -140,16 +146,17 @@ void FolderWatcher::followLibrary(const CaptureAccess::Listing& listed, bool cha
     }
     identities_->record(retitled);
 
-    if (!changed) {
+    if (!lookAtWaits) {
         return;
     }
+    waitsLookedAt_ = now;
     // Recordings that Voice Memos lists and whose audio iCloud has not brought yet: captured
     // when it comes; one that waits more than a day is named once.
     std::set<std::string, std::less<>> present(listed.names.begin(), listed.names.end());
     auto since = FirstWatched::find(folder_.id, firstWatchedFile_);
-    const auto now = clock_.now();
+    auto met = identities_->all();
     for (const auto* row : library->waitingForDownload(
-             present, [&](const std::string& id) { return known.contains(id); }, since)) {
+             present, [&](const std::string& id) { return met.contains(id); }, since)) {
         if (row->date && now - *row->date > std::chrono::hours(24) && reportedWaiting_.insert(row->uniqueId).second) {
             rlog("[quillet] capture: [%@] \"%@\" (%@) has waited more than a day for its audio to download from "
                  "iCloud",

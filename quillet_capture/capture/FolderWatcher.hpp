@@ -164,8 +164,10 @@ private:
     std::optional<VoiceMemosLibrary::Health> reportedHealth_;
     /// Renames in Voice Memos whose note could not be settled yet.
     bool retitlePending_ = false;
-    /// Library ids named in the log as waiting for their download.
+    /// Library ids named in the log as waiting for their download, and when the waits were
+    /// last looked at.
     std::set<std::string> reportedWaiting_;
+    std::optional<TimePoint> waitsLookedAt_;
 };
 
 } // namespace quillet

@@ -131,6 +131,12 @@ TEST_F(LibraryWatchFixture, OneRecordingMakesOneCaptureWhateverItsFilesDo)
     EXPECT_TRUE(w.poll().empty());
     EXPECT_EQ(store.seenEntry("20250314 092600.m4a", "voice-memos")->canonicalId, "250314-092600");
     EXPECT_EQ(test::countLogLines("20250314 092600.m4a is the Voice Memos recording 250314-092600 again"), 1);
+    // Moved to another Voice Memos folder, and its file renamed by hand: still the same one.
+    library.setFolder("REC-1", library.addFolder("Moved"));
+    fs::rename(folderPath / "20250314 092600.qta", folderPath / "20250314 092600 (renamed).qta");
+    library.exec("UPDATE ZCLOUDRECORDING SET ZPATH = '20250314 092600 (renamed).qta' WHERE ZUNIQUEID = 'REC-1'");
+    EXPECT_TRUE(w.poll().empty());
+    EXPECT_EQ(store.seenEntry("20250314 092600 (renamed).qta", "voice-memos")->canonicalId, "250314-092600");
 
     // Both forms of another recording in one poll: the library's own file is taken.
     add("20250314 100000.m4a", "aac form");
@@ -239,6 +245,32 @@ TEST_F(LibraryWatchFixture, ARenameInVoiceMemosReachesTheNoteAndIsAskedAgainUnti
     w.poll();
     EXPECT_EQ(retitles.size(), 3U) << "settled once";
     EXPECT_EQ(identities.find("REC-1")->title, "Final title");
+}
+
+TEST_F(LibraryWatchFixture, ARecordingWaitingADayForItsDownloadIsNamedOnce)
+{
+    LibraryFixture library(folderPath);
+    auto w = watcher();
+    w.runInitialIndex();
+    auto waiting = row("LATE", "20250314 092600.qta", "Still in iCloud");
+    waiting.date = clock.now() + std::chrono::minutes(1);
+    library.add(waiting);
+    EXPECT_TRUE(w.poll().empty());
+    clock.advance(std::chrono::hours(12));
+    w.poll();
+    EXPECT_EQ(test::countLogLines("waited more than a day"), 0);
+    // A day on, with no change of the library in between.
+    clock.advance(std::chrono::hours(13));
+    w.poll();
+    clock.advance(std::chrono::hours(2));
+    w.poll();
+    EXPECT_EQ(test::countLogLines("[quillet] capture: [Voice Memos] \"Still in iCloud\" (20250314 092600.qta) has "
+                                  "waited more than a day for its audio to download from iCloud"),
+              1);
+    add("20250314 092600.qta", "downloaded at last", std::chrono::seconds(30));
+    auto captures = w.poll();
+    ASSERT_EQ(captures.size(), 1U);
+    EXPECT_EQ(captures[0].recording->title, "Still in iCloud");
 }
 
 TEST_F(LibraryWatchFixture, WithALibraryThatCannotBeReadCaptureGoesOnFromFiles)

@@ -153,6 +153,7 @@ TEST_F(StatusTest, AfterSetupWithNotesOfEveryStatus)
               "  config:      " + h + "/.config/quillet/settings.json\n"
               "  vault:       " + h + "/Vault\n"
               "  folder:      Voice Memos on -- " + voiceMemos() + "\n"
+              "  library:     not found\n"
               "  folder:      Phone on -- " + h + "/Sync/Phone\n"
               "  upload:      on\n"
               "  after a transcript: echo done\n"
