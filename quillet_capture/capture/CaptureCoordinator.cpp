@@ -236,7 +236,7 @@ void CaptureCoordinator::tick()
                 }
             }
         }
-        if (state.isUsable()) {
+        if (state.isUsable() || state.kind() == CaptureAccess::State::Kind::empty) {
             auto captures = watcher.poll(listed);
             for (const auto& capture : captures) {
                 if (onNewCapture_) {

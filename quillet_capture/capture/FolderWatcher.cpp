@@ -91,29 +91,42 @@ const LibraryRecording* FolderWatcher::recordingOf(std::string_view name) const
     return row != nullptr ? row : library->byTwin(name);
 }
 
-std::optional<CaptureIdentities::Entry> FolderWatcher::adoptedIdentity(const LibraryRecording& recording,
-                                                                       const std::string& name,
-                                                                       const CaptureAccess::Listing& listed)
+std::optional<std::pair<std::string, CaptureStateStore::State::SeenEntry>>
+FolderWatcher::siblingSeen(const std::string& name, const CaptureAccess::Listing& listed) const
 {
     auto stem = [](std::string_view file) {
         auto dot = file.find_last_of('.');
         return file.substr(0, dot == std::string_view::npos ? file.size() : dot);
     };
     for (const auto& other : listed.names) {
-        if (other == name || stem(other) != stem(recording.fileName)) {
+        if (other == name || stem(other) != stem(name)) {
             continue;
         }
+        // Captured (it keeps what the file was) or indexed as history (an id, no file);
+        // skipped files have neither.
         auto seen = store_.seenEntry(other, folder_.id);
-        if (!seen || seen->canonicalId.empty()) {
-            continue;
+        if (seen && !(seen->canonicalId.empty() && seen->file.empty())) {
+            return std::pair(other, *seen);
         }
-        // Its note got no title from the library: a title the library has is offered to it
-        // as to a note without one.
-        CaptureIdentities::Entry entry{seen->canonicalId, other, recording.digest, ""};
-        identities_->record({{recording.uniqueId, entry}});
-        return entry;
     }
     return std::nullopt;
+}
+
+std::optional<CaptureIdentities::Entry> FolderWatcher::adoptedIdentity(const LibraryRecording& recording,
+                                                                       const std::string& name,
+                                                                       const CaptureAccess::Listing& listed)
+{
+    auto sibling = siblingSeen(name, listed);
+    if (!sibling) {
+        return std::nullopt;
+    }
+    // A history file's recording stays history (until the person imports it). A captured
+    // one's note got no title from the library: a title the library has is offered to it as
+    // to a note without one.
+    const auto& [other, seen] = *sibling;
+    CaptureIdentities::Entry entry{seen.file.empty() ? "" : seen.canonicalId, other, recording.digest, ""};
+    identities_->record({{recording.uniqueId, entry}});
+    return entry;
 }
 
 void FolderWatcher::followLibrary(const CaptureAccess::Listing& listed, bool changed)
@@ -226,6 +239,7 @@ int FolderWatcher::runInitialIndex()
                 FirstWatched::fix(folder_.id, *earliest, firstWatchedFile_);
             }
         }
+        indexQtaHistory();
         return 0;
     }
     // An empty folder is indexed too: what arrives in it later, while the agent is stopped as
@@ -265,6 +279,9 @@ int FolderWatcher::runInitialIndex()
     // One write for the whole folder: a crash part-way through leaves the folder unindexed,
     // never half-indexed (which would later capture old recordings as new).
     int count = static_cast<int>(names.size());
+    if (folder_.normaliser == WatchedFolder::Normaliser::voiceMemos) {
+        names.push_back({std::string(kQtaIndexedMarker), ""});  // its .qta files are in this index
+    }
     // The Voice Memos recordings among them are history too, in whichever form their files
     // come later (an ".m4a" joining a ".qta"): remembered by the library's id.
     refreshLibrary();
@@ -286,6 +303,54 @@ int FolderWatcher::runInitialIndex()
              folder_.displayName, arrived, folder_.displayName);
     }
     return count;
+}
+
+void FolderWatcher::indexQtaHistory()
+{
+    if (folder_.normaliser != WatchedFolder::Normaliser::voiceMemos || store_.hasSeen(kQtaIndexedMarker, folder_.id)) {
+        return;
+    }
+    auto listed = listing();
+    if (!listed.state.isUsable() && listed.state.kind() != CaptureAccess::State::Kind::empty) {
+        return;  // looked at again at the next start
+    }
+    // Before this version .qta files were no recordings: those of them made before the folder
+    // was first watched are history, as its other files were at its first index, and those
+    // made since are the recordings that were missed, captured from now on.
+    const auto since = FirstWatched::find(folder_.id, firstWatchedFile_).value_or(clock_.now());
+    const auto root = folder_.url();
+    refreshLibrary();
+    std::vector<CaptureStateStore::SeenFile> history;
+    std::vector<std::pair<std::string, CaptureIdentities::Entry>> identities;
+    for (const auto& name : listed.names) {
+        std::string extension = fs::path(name).extension().string();
+        std::transform(extension.begin(), extension.end(), extension.begin(),
+                       [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+        if (extension != ".qta" || store_.hasSeen(name, folder_.id)) {
+            continue;
+        }
+        auto start = startTime(root, name);
+        auto modified = probes_.modified ? probes_.modified(root / name) : CaptureGuards::defaultModified(root / name);
+        if (!(start && *start < since) && !(modified && *modified < since)) {
+            continue;
+        }
+        history.push_back({name, start ? FilenameNormaliser::canonicalId(*start) : "", ""});
+        const auto* row = recordingOf(name);
+        if (row != nullptr && identities_ != nullptr && !identities_->find(row->uniqueId)) {
+            identities.emplace_back(row->uniqueId, CaptureIdentities::Entry{"", name, row->digest, row->title});
+        }
+    }
+    const int count = static_cast<int>(history.size());
+    history.push_back({std::string(kQtaIndexedMarker), "", ""});
+    if (identities_ != nullptr) {
+        identities_->record(identities);
+    }
+    store_.markSeen(std::move(history), folder_.id, clock_.now());
+    if (count > 0) {
+        rlog("[quillet] capture: [%@] %d .qta recording(s) from before %@ was first watched marked seen; import-existing "
+             "brings them in",
+             folder_.displayName, count, folder_.displayName);
+    }
 }
 
 std::optional<std::string> FolderWatcher::notARecording(const fs::path& file)
@@ -359,6 +424,11 @@ std::vector<FolderWatcher::NewCapture> FolderWatcher::poll(const CaptureAccess::
 {
     std::vector<NewCapture> captures;
     if (!listed.state.isUsable()) {
+        // A Voice Memos folder whose recordings are all still in iCloud has no audio file,
+        // and a library that tells what is coming.
+        if (listed.state.kind() == CaptureAccess::State::Kind::empty) {
+            followLibrary(listed, refreshLibrary());
+        }
         return captures;
     }
     const auto root = folder_.url();
@@ -425,13 +495,10 @@ std::vector<FolderWatcher::NewCapture> FolderWatcher::poll(const CaptureAccess::
                 continue;
             }
             if (known) {
-                // The file it was captured from changed, or the library's digest of its audio
-                // did: the person edited it. Any other file of it is the same recording again.
-                const bool ownFile = name == known->fileName || name == recording->fileName;
-                const bool digestChanged =
-                    !recording->digest.empty() && !known->digest.empty() && recording->digest != known->digest;
-                if (!known->canonicalId.empty() && !recording->deleted &&
-                    ((seen && name == known->fileName) || (digestChanged && ownFile))) {
+                // The file it was captured from changed: the person edited it. Any other file
+                // of it (its other form, a new name, whatever the library's digest says) is
+                // the same recording again, never a second upload.
+                if (!known->canonicalId.empty() && !recording->deleted && seen && name == known->fileName) {
                     editOf = known->canonicalId;
                 } else if (!seen || seen->canonicalId != known->canonicalId) {
                     rlog("[quillet] capture: [%@] %@ is the Voice Memos recording %@ again; not capturing it twice",
@@ -443,6 +510,18 @@ std::vector<FolderWatcher::NewCapture> FolderWatcher::poll(const CaptureAccess::
                     aliases.push_back({name, known->canonicalId, ""});
                     continue;
                 }
+            }
+        }
+        if (recording == nullptr && !seen && folder_.normaliser == WatchedFolder::Normaliser::voiceMemos) {
+            // Without the library's word, the same name with another extension is still the
+            // same Voice Memos recording (its ".m4a" after its ".qta" was captured): never a
+            // second capture.
+            if (auto sibling = siblingSeen(name, listed)) {
+                const auto& [other, entry] = *sibling;
+                rlog("[quillet] capture: [%@] %@ is another form of %@; not capturing it twice", folder_.displayName,
+                     name, other);
+                aliases.push_back({name, entry.file.empty() ? "" : entry.canonicalId, ""});
+                continue;
             }
         }
         candidates.push_back({name, std::move(file), std::move(seen), recording, std::move(editOf)});
@@ -465,9 +544,17 @@ std::vector<FolderWatcher::NewCapture> FolderWatcher::poll(const CaptureAccess::
         }
         auto probes = probes_;
         if (usableLibrary() != nullptr) {
-            probes.listed = [&](const fs::path& file) {
+            // Listed with a length (a row without one may be a recording still being made),
+            // or the file a known recording was captured from, edited since.
+            std::set<fs::path> edited;
+            for (const auto& candidate : candidates) {
+                if (!candidate.editOf.empty()) {
+                    edited.insert(candidate.file);
+                }
+            }
+            probes.listed = [this, edited = std::move(edited)](const fs::path& file) {
                 const auto* row = usableLibrary()->byFile(file.filename().string());
-                return row != nullptr && !row->deleted;
+                return edited.contains(file) || (row != nullptr && !row->deleted && row->duration.value_or(0) > 0);
             };
         }
         verdicts = CaptureGuards::evaluateAll(files, clock_.now(), probes, clock_);

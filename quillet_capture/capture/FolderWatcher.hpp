@@ -105,7 +105,7 @@ public:
     /// marked seen as it is now.
     std::vector<NewCapture> poll();
     /// The same over `listing`, a listing of this folder just taken; nothing when it is not
-    /// usable.
+    /// usable (a folder without audio files still has its library looked at).
     std::vector<NewCapture> poll(const CaptureAccess::Listing& listing);
 
 private:
@@ -130,6 +130,14 @@ private:
     /// the file's date.
     std::optional<TimePoint> startTime(const std::filesystem::path& root, const std::string& name) const;
 
+    /// Marks seen, once per Voice Memos folder indexed before ".qta" files were recordings,
+    /// the ".qta" files made before the folder was first watched: history, as its other files
+    /// were at its first index.
+    void indexQtaHistory();
+    /// The seen-set entry that says the folder's ".qta" files were indexed (a hidden name,
+    /// which no listing offers).
+    static constexpr std::string_view kQtaIndexedMarker = ".quillet-qta-indexed";
+
     /// Looks at the library again (cheap when it is unchanged) and logs a change of its
     /// health. True when what it knows changed.
     bool refreshLibrary();
@@ -138,6 +146,10 @@ private:
     /// The recording that the library lists for the file `name` (its own file, or the other
     /// form of it); nothing when none or without a library.
     const LibraryRecording* recordingOf(std::string_view name) const;
+    /// Another file of the recording `name` (the same name with another extension) that the
+    /// seen set holds as captured or as history: its name and entry; nothing when none.
+    std::optional<std::pair<std::string, CaptureStateStore::State::SeenEntry>>
+    siblingSeen(const std::string& name, const CaptureAccess::Listing& listed) const;
     /// The capture of `recording` made from another of its files in the folder before the
     /// library knew of it, now recorded as its identity; nothing when there is none.
     std::optional<CaptureIdentities::Entry> adoptedIdentity(const LibraryRecording& recording, const std::string& name,

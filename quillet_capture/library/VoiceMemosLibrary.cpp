@@ -78,6 +78,12 @@ std::string textOf(sqlite3_stmt* statement, int column)
                 : std::string();
 }
 
+// Text that goes into a note or names a file: only a text value (bytes of a BLOB are no text).
+std::string textOnly(sqlite3_stmt* statement, int column)
+{
+    return sqlite3_column_type(statement, column) == SQLITE_TEXT ? textOf(statement, column) : std::string();
+}
+
 std::optional<double> numberOf(sqlite3_stmt* statement, int column)
 {
     int type = sqlite3_column_type(statement, column);
@@ -246,13 +252,22 @@ bool VoiceMemosLibrary::refresh()
 
 VoiceMemosLibrary::Outcome VoiceMemosLibrary::readCopy(std::vector<LibraryRecording>& rows)
 {
+    // A folder of this process's own: the agent and a command such as `status` may read at
+    // the same moment.
     std::error_code error;
-    fs::create_directories(privateFolder_, error);
+    const auto folder = privateFolder_ / ("read-" + std::to_string(::getpid()));
+    fs::remove_all(folder, error);
+    fs::create_directories(folder, error);
     const auto database = databaseFile();
-    const auto copy = privateFolder_ / fileName;
-    for (const char* suffix : {"", "-wal", "-shm"}) {
-        fs::remove(fs::path(copy.string() + suffix), error);
-    }
+    const auto copy = folder / fileName;
+    struct Removed {
+        fs::path folder;
+        ~Removed()
+        {
+            std::error_code ignored;
+            fs::remove_all(folder, ignored);
+        }
+    } removed{folder};
     // The copies are consistent only when the library did not change while they were made.
     for (int attempt = 0; attempt < 3; ++attempt) {
         auto before = stamps();
@@ -274,9 +289,6 @@ VoiceMemosLibrary::Outcome VoiceMemosLibrary::readCopy(std::vector<LibraryRecord
             continue;
         }
         auto outcome = readFrom(copy, rows);
-        for (const char* suffix : {"", "-wal", "-shm"}) {
-            fs::remove(fs::path(copy.string() + suffix), error);
-        }
         if (outcome == Outcome::refused) {
             health_ = Health::unreadable;
             return Outcome::failed;
@@ -291,7 +303,7 @@ VoiceMemosLibrary::Outcome VoiceMemosLibrary::readCopy(std::vector<LibraryRecord
 VoiceMemosLibrary::Outcome VoiceMemosLibrary::readFrom(const fs::path& databasePath,
                                                        std::vector<LibraryRecording>& rows)
 {
-    const bool isCopy = databasePath.parent_path() == privateFolder_;
+    const bool isCopy = databasePath.parent_path().parent_path() == privateFolder_;
     Database db;
     // The library itself is opened read-only; a private copy read-write, so that SQLite can
     // take its write-ahead log in.
@@ -368,8 +380,9 @@ VoiceMemosLibrary::Outcome VoiceMemosLibrary::readFrom(const fs::path& databaseP
         if (row.uniqueId.empty()) {
             continue;  // a row without identity cannot be followed
         }
-        row.fileName = lastComponent(textOf(statement.handle, 1));
-        if (auto date = numberOf(statement.handle, 2)) {
+        row.fileName = lastComponent(textOnly(statement.handle, 1));
+        // Dates beyond a few centuries either way are no dates (and would overflow a time point).
+        if (auto date = numberOf(statement.handle, 2); date && std::abs(*date) < 1e10) {
             row.date = fromLibraryDate(*date);
         }
         if (auto duration = numberOf(statement.handle, 3); duration && *duration >= 0) {
@@ -381,9 +394,9 @@ VoiceMemosLibrary::Outcome VoiceMemosLibrary::readFrom(const fs::path& databaseP
         } else {
             row.digest = textOf(statement.handle, 5);
         }
-        row.folder = textOf(statement.handle, 6);
+        row.folder = textOnly(statement.handle, 6);
         for (int index = 0; index < 3 && row.title.empty(); ++index) {
-            row.title = textOf(statement.handle, 7 + index);
+            row.title = textOnly(statement.handle, 7 + index);
         }
         read.push_back(std::move(row));
     }

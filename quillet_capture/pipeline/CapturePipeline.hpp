@@ -138,8 +138,9 @@ public:
 
     /// Gives the note of `id` the title `to` that the person gave its recording in Voice
     /// Memos, if the note still holds `from`, the title this program wrote. True when settled
-    /// (written, or left as the person's); false while the capture is being handled, to be
-    /// asked again. Any thread.
+    /// (written, left as the person's, or the note is gone); false while the capture is not
+    /// at rest (not yet written, under way, failed) or its note cannot be read, to be asked
+    /// again. Any thread.
     bool retitle(const std::string& id, const std::string& from, const std::string& to);
 
     /// Fills in what the Voice Memos library knows of a new capture: its id and folder under

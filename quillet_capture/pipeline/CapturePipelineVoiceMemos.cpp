@@ -1,8 +1,10 @@
 #include "quillet_capture/pipeline/CapturePipeline.hpp"
 
 #include "quillet_capture/config/Log.hpp"
+#include "quillet_capture/pipeline/CaptureIntake.hpp"
 
 #include <cmath>
+#include <filesystem>
 
 namespace quillet {
 
@@ -26,16 +28,32 @@ void CapturePipeline::describe(InboxWriter::Frontmatter& frontmatter, const Libr
 
 bool CapturePipeline::retitle(const std::string& id, const std::string& from, const std::string& to)
 {
-    // The claim keeps the capture's own writes away while the note is rewritten.
+    auto inbox = writer();
+    const auto note = inbox.noteURL(id);
+    std::error_code error;
+    if (!std::filesystem::exists(note, error)) {
+        // Not written yet (its capture waits in the journal for the next start): asked again.
+        // Gone for good (the person deleted it): nothing to rename.
+        return !(environment_.intake != nullptr && environment_.intake->holds(id));
+    }
+    // Only a capture at rest: one under way holds the note, and its claim is the promise
+    // that it carries the capture to its end, which a rename must not take from it.
+    try {
+        auto status = InboxWriter::readFrontmatter(note).vdJobStatus.value_or("");
+        if (status != "done" && status != "skipped") {
+            return false;
+        }
+    } catch (const std::exception&) {
+        return false;  // looked at again; the person's file is not touched
+    }
     if (!claim(id)) {
         return false;
     }
     try {
-        if (writer().replaceTitle(id, from, to)) {
+        if (inbox.replaceTitle(id, from, to)) {
             rlog("[quillet] capture pipeline: %@ renamed in Voice Memos; its note's title is now %@", id, to);
         }
     } catch (const std::exception& error) {
-        // A note that is gone or cannot be read keeps what it has; the person's file wins.
         rlog("[quillet] capture pipeline: cannot give %@ its new title from Voice Memos: %@", id, error.what());
     }
     release(id);

@@ -1,3 +1,4 @@
+#include "quillet_capture/capture/FirstWatched.hpp"
 #include "quillet_capture/capture/FolderWatcher.hpp"
 #include "quillet_capture/pipeline/CaptureIdentities.hpp"
 #include "quillet_capture/pipeline/CaptureIntake.hpp"
@@ -171,15 +172,20 @@ TEST_F(LibraryWatchFixture, AnEditInVoiceMemosReplacesTheCaptureUnderItsId)
     EXPECT_EQ(edited[0].canonicalId, "250314-092600");
     copyToVault(edited[0]);
 
-    // Edited again, this time written to a new file with a new digest.
-    library.exec("UPDATE ZCLOUDRECORDING SET ZPATH = '20250314 092600 2.qta' WHERE ZUNIQUEID = 'REC-1'");
+    // A new file of it with a new digest (Voice Memos converting it) is no second upload.
+    library.exec("UPDATE ZCLOUDRECORDING SET ZPATH = '20250314 092600.m4a' WHERE ZUNIQUEID = 'REC-1'");
     library.setDigest("REC-1", "two");
-    add("20250314 092600 2.qta", "second edit");
+    add("20250314 092600.m4a", "the same take as AAC");
+    EXPECT_TRUE(w.poll().empty());
+    EXPECT_EQ(store.seenEntry("20250314 092600.m4a", "voice-memos")->canonicalId, "250314-092600");
+
+    // Edited again in its own file.
+    add("20250314 092600.qta", "trimmed take, and trimmed again", std::chrono::minutes(30));
+    w.poll();
     auto again = w.poll();
     ASSERT_EQ(again.size(), 1U);
     EXPECT_TRUE(again[0].grown);
     EXPECT_EQ(again[0].canonicalId, "250314-092600");
-    EXPECT_EQ(identities.find("REC-1")->digest, "74776f");
 }
 
 TEST_F(LibraryWatchFixture, WhatThePersonDeletedFirstIsNotCapturedUntilPutBack)
@@ -255,7 +261,8 @@ TEST_F(LibraryWatchFixture, ARecordingWaitingADayForItsDownloadIsNamedOnce)
     auto waiting = row("LATE", "20250314 092600.qta", "Still in iCloud");
     waiting.date = clock.now() + std::chrono::minutes(1);
     library.add(waiting);
-    EXPECT_TRUE(w.poll().empty());
+    // Nothing of it in the folder yet: no audio file at all.
+    EXPECT_TRUE(w.poll(w.listing()).empty());
     clock.advance(std::chrono::hours(12));
     w.poll();
     EXPECT_EQ(test::countLogLines("waited more than a day"), 0);
@@ -271,6 +278,38 @@ TEST_F(LibraryWatchFixture, ARecordingWaitingADayForItsDownloadIsNamedOnce)
     auto captures = w.poll();
     ASSERT_EQ(captures.size(), 1U);
     EXPECT_EQ(captures[0].recording->title, "Still in iCloud");
+}
+
+// A folder indexed before .qta files were recordings: its old ones are history, those made
+// since it was first watched were missed and are captured now, once in either form.
+TEST_F(LibraryWatchFixture, AFolderIndexedBeforeQtaFilesCountedKeepsItsOldOnesAndTakesTheMissedOnes)
+{
+    const auto firstWatched = clock.now() - std::chrono::hours(24 * 10);
+    FirstWatched::fix("voice-memos", firstWatched, home.path() / "first-watched.json");
+    add("20231101 080000.m4a", "an old recording", std::chrono::hours(24 * 13));
+    add("20231101 080000.qta", "its old .qta", std::chrono::hours(24 * 13));
+    add("20231102 080000.qta", "an old .qta alone", std::chrono::hours(24 * 12));
+    store.markIndexed({{"20231101 080000.m4a", "231101-080000"}}, "voice-memos", firstWatched);
+    add("20231110 080000.qta", "made after setup, never captured", std::chrono::hours(24));
+
+    auto w = watcher();
+    EXPECT_EQ(w.runInitialIndex(), 0);
+    EXPECT_TRUE(store.hasSeen("20231102 080000.qta", "voice-memos"));
+    EXPECT_EQ(test::countLogLines("2 .qta recording(s) from before Voice Memos was first watched marked seen"), 1);
+    auto captures = w.poll();
+    ASSERT_EQ(captures.size(), 1U);
+    EXPECT_EQ(captures[0].sourceURL.filename(), "20231110 080000.qta");
+    copyToVault(captures[0]);
+
+    // A second start indexes nothing again; the .m4a of the captured one is the same recording.
+    auto again = watcher();
+    EXPECT_EQ(again.runInitialIndex(), 0);
+    EXPECT_EQ(test::countLogLines(".qta recording(s) from before"), 1);
+    add("20231110 080000.m4a", "the same recording as AAC");
+    EXPECT_TRUE(again.poll().empty());
+    EXPECT_EQ(store.seenEntry("20231110 080000.m4a", "voice-memos")->canonicalId, "231110-080000");
+    EXPECT_EQ(test::countLogLines("20231110 080000.m4a is another form of 20231110 080000.qta; not capturing it twice"),
+              1);
 }
 
 TEST_F(LibraryWatchFixture, WithALibraryThatCannotBeReadCaptureGoesOnFromFiles)

@@ -132,18 +132,19 @@ TEST_F(LibraryTest, RowsOfUnexpectedTypesAreReadAsWellAsTheyCanBe)
     fixture.exec("INSERT INTO ZCLOUDRECORDING (ZUNIQUEID, ZPATH, ZDATE, ZDURATION, ZENCRYPTEDTITLE, ZFOLDER) "
                  "VALUES (42, 'x.qta', 'yesterday', 'long', X'4869', 99)");
     fixture.exec("INSERT INTO ZCLOUDRECORDING (ZUNIQUEID, ZPATH) VALUES (NULL, 'no-id.qta')");
-    fixture.exec("INSERT INTO ZCLOUDRECORDING (ZUNIQUEID, ZPATH, ZDURATION) VALUES ('N', NULL, -3)");
+    fixture.exec("INSERT INTO ZCLOUDRECORDING (ZUNIQUEID, ZPATH, ZDURATION, ZDATE) VALUES ('N', NULL, -3, 1e300)");
     auto reader = library();
     reader.refresh();
     ASSERT_EQ(reader.health(), Health::readable) << reader.detail();
     ASSERT_EQ(reader.recordings().size(), 2U) << "a row without an id cannot be followed";
     EXPECT_EQ(reader.recordings()[0].uniqueId, "42");
-    EXPECT_EQ(reader.recordings()[0].title, "Hi");
+    EXPECT_EQ(reader.recordings()[0].title, "") << "bytes are no title";
     EXPECT_FALSE(reader.recordings()[0].date);
     EXPECT_FALSE(reader.recordings()[0].duration);
     EXPECT_EQ(reader.recordings()[0].folder, "") << "a folder that is not there";
     EXPECT_EQ(reader.recordings()[1].fileName, "");
     EXPECT_FALSE(reader.recordings()[1].duration);
+    EXPECT_FALSE(reader.recordings()[1].date) << "a date past any calendar";
 }
 
 TEST_F(LibraryTest, ALibraryThatCannotBeUsedSaysWhyAndKeepsNothingStale)
