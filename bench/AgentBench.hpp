@@ -78,6 +78,17 @@ inline int noteCount(const fs::path& home)
     return count;
 }
 
+/// Waits up to a minute for the vault of `home` to hold `count` notes and returns the seconds
+/// since `start`; exits the benchmark when they do not come.
+inline double secondsToNotes(const fs::path& home, int count, std::chrono::steady_clock::time_point start)
+{
+    while (noteCount(home) < count && std::chrono::steady_clock::now() - start < std::chrono::seconds(60)) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    check(noteCount(home) == count, "the recording's note within a minute");
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
 /// A recording's name in the Voice Memos folder: "20240301 HHMMSS.m4a", one second apart.
 inline std::string memoName(int index)
 {

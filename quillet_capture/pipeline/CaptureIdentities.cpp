@@ -1,9 +1,8 @@
 #include "quillet_capture/pipeline/CaptureIdentities.hpp"
 
-#include "quillet_capture/config/Log.hpp"
+#include "quillet_capture/pipeline/StateFileJson.hpp"
 #include "quillet_capture/platform/Paths.hpp"
 #include "quillet_capture/runtime/MainLoop.hpp"
-#include "quillet_capture/util/AtomicFile.hpp"
 #include "quillet_capture/util/Utf8.hpp"
 
 #include <nlohmann/json.hpp>
@@ -25,15 +24,11 @@ CaptureIdentities& CaptureIdentities::shared()
 CaptureIdentities::CaptureIdentities(fs::path file)
     : file_(std::move(file))
 {
-    auto text = readWholeFile(file_);
-    if (!text) {
+    auto json = StateFileJson::read(file_);
+    if (!json || !json->contains("recordings") || !(*json)["recordings"].is_object()) {
         return;
     }
-    auto json = nlohmann::json::parse(*text, nullptr, false);
-    if (!json.is_object() || !json.contains("recordings") || !json["recordings"].is_object()) {
-        return;
-    }
-    for (const auto& [id, item] : json["recordings"].items()) {
+    for (const auto& [id, item] : (*json)["recordings"].items()) {
         if (!item.is_object()) {
             continue;
         }
@@ -120,15 +115,7 @@ void CaptureIdentities::persistLocked()
         text("title", entry.title);
         recordings[Utf8::lossless(id)] = std::move(item);
     }
-    nlohmann::json document = {{"recordings", std::move(recordings)}};
-    try {
-        std::error_code ignored;
-        fs::create_directories(file_.parent_path(), ignored);
-        writeFileAtomically(file_, document.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n",
-                            0600);
-    } catch (const std::exception& error) {
-        rlog("[quillet] capture: cannot write %@: %@", file_.string(), error.what());
-    }
+    StateFileJson::write(file_, {{"recordings", std::move(recordings)}});
 }
 
 } // namespace quillet

@@ -1,10 +1,9 @@
 #include "quillet_capture/pipeline/CaptureIntake.hpp"
 
-#include "quillet_capture/config/Log.hpp"
 #include "quillet_capture/library/LibraryRecordingJson.hpp"
+#include "quillet_capture/pipeline/StateFileJson.hpp"
 #include "quillet_capture/platform/Paths.hpp"
 #include "quillet_capture/runtime/MainLoop.hpp"
-#include "quillet_capture/util/AtomicFile.hpp"
 #include "quillet_capture/util/Iso8601.hpp"
 #include "quillet_capture/util/Utf8.hpp"
 
@@ -29,15 +28,11 @@ CaptureIntake& CaptureIntake::shared()
 CaptureIntake::CaptureIntake(fs::path file)
     : file_(std::move(file))
 {
-    auto text = readWholeFile(file_);
-    if (!text) {
+    auto json = StateFileJson::read(file_);
+    if (!json || !json->contains("pending") || !(*json)["pending"].is_array()) {
         return;
     }
-    auto json = nlohmann::json::parse(*text, nullptr, false);
-    if (!json.is_object() || !json.contains("pending") || !json["pending"].is_array()) {
-        return;
-    }
-    for (const auto& item : json["pending"]) {
+    for (const auto& item : (*json)["pending"]) {
         if (!item.is_object()) {
             continue;
         }
@@ -132,15 +127,7 @@ void CaptureIntake::persistLocked()
         }
         pending.push_back(std::move(item));
     }
-    nlohmann::json document = {{"pending", std::move(pending)}};
-    try {
-        std::error_code ignored;
-        fs::create_directories(file_.parent_path(), ignored);
-        writeFileAtomically(file_, document.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n",
-                            0600);
-    } catch (const std::exception& error) {
-        rlog("[quillet] capture: cannot write %@: %@", file_.string(), error.what());
-    }
+    StateFileJson::write(file_, {{"pending", std::move(pending)}});
 }
 
 } // namespace quillet

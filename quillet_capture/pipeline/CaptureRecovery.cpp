@@ -1,9 +1,8 @@
 #include "quillet_capture/pipeline/CaptureRecovery.hpp"
 
-#include "quillet_capture/config/Log.hpp"
+#include "quillet_capture/pipeline/StateFileJson.hpp"
 #include "quillet_capture/platform/Paths.hpp"
 #include "quillet_capture/runtime/MainLoop.hpp"
-#include "quillet_capture/util/AtomicFile.hpp"
 #include "quillet_capture/util/Iso8601.hpp"
 
 #include <nlohmann/json.hpp>
@@ -33,12 +32,11 @@ CaptureRecovery& CaptureRecovery::shared()
 
 CaptureRecovery::CaptureRecovery(fs::path file, runtime::Clock& clock) : file_(std::move(file)), clock_(clock)
 {
-    auto text = readWholeFile(file_);
-    auto json = text ? nlohmann::json::parse(*text, nullptr, false) : nlohmann::json();
-    if (!json.is_object()) {
+    auto json = StateFileJson::read(file_);
+    if (!json) {
         return;
     }
-    for (const auto& [id, item] : json.items()) {
+    for (const auto& [id, item] : json->items()) {
         if (!item.is_object() || !item.contains("attempts") || !item["attempts"].is_number_integer()) {
             continue;
         }
@@ -169,13 +167,7 @@ void CaptureRecovery::persistLocked()
         }
         json[id] = std::move(item);
     }
-    try {
-        std::error_code ignored;
-        fs::create_directories(file_.parent_path(), ignored);
-        writeFileAtomically(file_, json.dump(2) + "\n", 0600);
-    } catch (const std::exception& error) {
-        rlog("[quillet] capture: cannot write %@: %@", file_.string(), error.what());
-    }
+    StateFileJson::write(file_, json);
 }
 
 } // namespace quillet

@@ -9,7 +9,6 @@
 
 #include <gtest/gtest.h>
 
-#include <sys/stat.h>
 
 #include <chrono>
 #include <thread>
@@ -19,27 +18,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using test::CaptureAgentHarness;
-
-// A file's bytes, size and modification time: what a reader of the library must leave alone.
-struct FileFacts {
-    std::string bytes;
-    std::int64_t size = -1;
-    std::int64_t modifiedNs = 0;
-    bool operator==(const FileFacts&) const = default;
-};
-
-FileFacts factsOf(const fs::path& file)
-{
-    struct stat info {};
-    EXPECT_EQ(::stat(file.c_str(), &info), 0) << file;
-#ifdef __APPLE__
-    auto modified = info.st_mtimespec;
-#else
-    auto modified = info.st_mtim;
-#endif
-    return {test::readFile(file), static_cast<std::int64_t>(info.st_size),
-            static_cast<std::int64_t>(modified.tv_sec) * 1'000'000'000 + modified.tv_nsec};
-}
 
 std::optional<InboxWriter::Frontmatter> noteOf(const CaptureAgentHarness& agent, const std::string& id)
 {
@@ -60,8 +38,8 @@ TEST(VoiceMemosLibrary, AListedQtaBecomesATitledNoteInSecondsAndItsOtherFileChan
     // A fresh .qta: without the library it would wait ten minutes as a recording in progress.
     const auto dropped = std::chrono::steady_clock::now();
     auto recording = agent.dropListed(1, "Call with Dana", 0, work);
-    const auto database = factsOf(agent.memos() / "CloudRecordings.db");
-    const auto wal = factsOf(agent.memos() / "CloudRecordings.db-wal");
+    const auto database = test::factsOf(agent.memos() / "CloudRecordings.db");
+    const auto wal = test::factsOf(agent.memos() / "CloudRecordings.db-wal");
     ASSERT_TRUE(test::eventually([&] { return noteOf(agent, recording.id).has_value(); }, 20)) << agent.agentOutput();
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - dropped).count();
     EXPECT_LT(seconds, 10) << "a listed .qta is captured like any finished file";
@@ -95,8 +73,8 @@ TEST(VoiceMemosLibrary, AListedQtaBecomesATitledNoteInSecondsAndItsOtherFileChan
     EXPECT_EQ(agent.stop(), 0);
 
     // Read many times, written never.
-    EXPECT_EQ(factsOf(agent.memos() / "CloudRecordings.db"), database);
-    EXPECT_EQ(factsOf(agent.memos() / "CloudRecordings.db-wal"), wal);
+    EXPECT_EQ(test::factsOf(agent.memos() / "CloudRecordings.db"), database);
+    EXPECT_EQ(test::factsOf(agent.memos() / "CloudRecordings.db-wal"), wal);
     agent.expectConsistent(true);
 }
 

@@ -5,7 +5,6 @@
 
 #include <gtest/gtest.h>
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace quillet {
@@ -14,29 +13,6 @@ namespace {
 namespace fs = std::filesystem;
 using Health = VoiceMemosLibrary::Health;
 using test::LibraryFixture;
-
-// What tells a file's bytes and times: a reader must leave both alone.
-struct FileFacts {
-    std::string bytes;
-    std::int64_t size = -1;
-    std::int64_t modifiedNs = 0;
-    bool operator==(const FileFacts&) const = default;
-};
-
-std::optional<FileFacts> factsOf(const fs::path& file)
-{
-    struct stat info {};
-    if (::stat(file.c_str(), &info) != 0) {
-        return std::nullopt;
-    }
-#ifdef __APPLE__
-    auto modified = info.st_mtimespec;
-#else
-    auto modified = info.st_mtim;
-#endif
-    return FileFacts{test::readFile(file), static_cast<std::int64_t>(info.st_size),
-                     static_cast<std::int64_t>(modified.tv_sec) * 1'000'000'000 + modified.tv_nsec};
-}
 
 struct LibraryTest : ::testing::Test {
     test::ScratchDir scratch;
@@ -56,8 +32,8 @@ TEST_F(LibraryTest, RowsStillInTheWriteAheadLogAreReadAndNothingOfTheLibraryChan
     fixture.add({"C3D4", "/private/var/mobile/Recordings/20250315 101010.m4a", recorded + std::chrono::hours(25), 3.0,
                  "", std::nullopt, true, ""});
     ASSERT_TRUE(fs::exists(folder / "CloudRecordings.db-wal"));
-    auto database = factsOf(folder / "CloudRecordings.db");
-    auto wal = factsOf(folder / "CloudRecordings.db-wal");
+    auto database = test::factsOf(folder / "CloudRecordings.db");
+    auto wal = test::factsOf(folder / "CloudRecordings.db-wal");
 
     auto reader = library();
     EXPECT_TRUE(reader.refresh());
@@ -86,8 +62,8 @@ TEST_F(LibraryTest, RowsStillInTheWriteAheadLogAreReadAndNothingOfTheLibraryChan
     EXPECT_EQ(reader.byId("C3D4"), &second);
     EXPECT_EQ(reader.byFile("20250314 092601.qta"), nullptr);
 
-    EXPECT_EQ(factsOf(folder / "CloudRecordings.db"), database);
-    EXPECT_EQ(factsOf(folder / "CloudRecordings.db-wal"), wal);
+    EXPECT_EQ(test::factsOf(folder / "CloudRecordings.db"), database);
+    EXPECT_EQ(test::factsOf(folder / "CloudRecordings.db-wal"), wal);
 }
 
 TEST_F(LibraryTest, AnUnchangedLibraryIsNotReadAgainAndAChangedOneIs)
@@ -196,12 +172,12 @@ TEST_F(LibraryTest, WithoutItsWriteAheadLogTheLibraryIsReadFromACopyAndNothingIs
         fixture.add({"A1B2", "20250314 092600.qta", recorded, 62.5, "Standup", std::nullopt, false, ""});
     }
     ASSERT_FALSE(fs::exists(folder / "CloudRecordings.db-wal"));
-    auto database = factsOf(folder / "CloudRecordings.db");
+    auto database = test::factsOf(folder / "CloudRecordings.db");
     auto reader = library();
     reader.refresh();
     EXPECT_EQ(reader.health(), Health::readable) << reader.detail();
     EXPECT_EQ(reader.recordings().size(), 1U);
-    EXPECT_EQ(factsOf(folder / "CloudRecordings.db"), database);
+    EXPECT_EQ(test::factsOf(folder / "CloudRecordings.db"), database);
     EXPECT_FALSE(fs::exists(folder / "CloudRecordings.db-wal"));
     EXPECT_FALSE(fs::exists(folder / "CloudRecordings.db-shm"));
     EXPECT_TRUE(fs::is_empty(copies)) << "the private copies go when read";

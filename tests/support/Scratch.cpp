@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -80,6 +81,21 @@ std::string readFile(const fs::path& file)
     std::stringstream buffer;
     buffer << in.rdbuf();
     return buffer.str();
+}
+
+std::optional<FileFacts> factsOf(const std::filesystem::path& file)
+{
+    struct stat info {};
+    if (::stat(file.c_str(), &info) != 0) {
+        return std::nullopt;
+    }
+#ifdef __APPLE__
+    auto modified = info.st_mtimespec;
+#else
+    auto modified = info.st_mtim;
+#endif
+    return FileFacts{readFile(file), static_cast<std::int64_t>(info.st_size),
+                     static_cast<std::int64_t>(modified.tv_sec) * 1'000'000'000 + modified.tv_nsec};
 }
 
 void writeFile(const fs::path& file, const std::string& contents)

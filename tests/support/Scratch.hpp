@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <filesystem>
 #include <map>
 #include <optional>
@@ -37,6 +38,17 @@ private:
 };
 
 std::string readFile(const std::filesystem::path& file);
+
+/// A file's bytes, size and modification time (to the nanosecond): what a reader must leave
+/// as it found it.
+struct FileFacts {
+    std::string bytes;
+    std::int64_t size = -1;
+    std::int64_t modifiedNs = 0;
+    bool operator==(const FileFacts&) const = default;
+};
+/// The facts of `file`; nothing when it cannot be looked at.
+std::optional<FileFacts> factsOf(const std::filesystem::path& file);
 void writeFile(const std::filesystem::path& file, const std::string& contents);
 
 /// Writes a mono 16-bit PCM WAV file of `samples` samples at `sampleRate`: real audio whose
