@@ -100,10 +100,10 @@ std::string lastComponent(std::string path)
     return slash == std::string::npos ? path : path.substr(slash + 1);
 }
 
-std::string stemOf(std::string_view name)
+std::string_view stemView(std::string_view name)
 {
     auto dot = name.find_last_of('.');
-    return std::string(dot == std::string_view::npos || dot == 0 ? name : name.substr(0, dot));
+    return dot == std::string_view::npos || dot == 0 ? name : name.substr(0, dot);
 }
 
 // Copies `source` to `target` byte by byte: a plain read and write, never a clone or a copy
@@ -331,6 +331,9 @@ VoiceMemosLibrary::Outcome VoiceMemosLibrary::readFrom(const fs::path& databaseP
     }
     sqlite3_extended_result_codes(db.handle, 1);
     sqlite3_busy_timeout(db.handle, kBusyMilliseconds);
+    // One pass over the rows needs no page cache: a few pages keep the agent's memory as it
+    // was (the default cache, 2 MiB, would stay in the process's heap after every read).
+    sqlite3_exec(db.handle, "PRAGMA cache_size = 8", nullptr, nullptr, nullptr);
 
     auto recordingColumns = columnsOf(db.handle, "ZCLOUDRECORDING", status);
     if (status != SQLITE_OK) {
@@ -409,25 +412,61 @@ VoiceMemosLibrary::Outcome VoiceMemosLibrary::readFrom(const fs::path& databaseP
     return Outcome::read;
 }
 
+// Each index is the rows' positions sorted by one key (8 bytes a row, where a map of copied
+// keys cost some hundred): an agent beside a library of thousands keeps its memory.
+namespace {
+
+std::string_view fileKey(const LibraryRecording& row)
+{
+    return row.fileName;
+}
+
+std::string_view stemKey(const LibraryRecording& row)
+{
+    return stemView(row.fileName);
+}
+
+std::string_view idKey(const LibraryRecording& row)
+{
+    return row.uniqueId;
+}
+
+} // namespace
+
 void VoiceMemosLibrary::index()
 {
-    byFile_.clear();
-    byStem_.clear();
-    byId_.clear();
-    for (std::size_t at = 0; at < recordings_.size(); ++at) {
-        const auto& row = recordings_[at];
-        byId_.try_emplace(row.uniqueId, at);
-        if (!row.fileName.empty()) {
-            byFile_.try_emplace(row.fileName, at);
-            byStem_.try_emplace(stemOf(row.fileName), at);
+    recordings_.shrink_to_fit();
+    auto sorted = [this](std::vector<std::uint32_t>& positions, std::string_view (*key)(const LibraryRecording&),
+                         bool withFile) {
+        positions.clear();
+        for (std::uint32_t at = 0; at < recordings_.size(); ++at) {
+            if (!withFile || !recordings_[at].fileName.empty()) {
+                positions.push_back(at);
+            }
         }
-    }
+        // Stable: of rows with one key, the first in the library's order is found.
+        std::stable_sort(positions.begin(), positions.end(), [&](std::uint32_t a, std::uint32_t b) {
+            return key(recordings_[a]) < key(recordings_[b]);
+        });
+        positions.shrink_to_fit();
+    };
+    sorted(byFile_, fileKey, true);
+    sorted(byStem_, stemKey, true);
+    sorted(byId_, idKey, false);
+}
+
+const LibraryRecording* VoiceMemosLibrary::find(const std::vector<std::uint32_t>& positions,
+                                                std::string_view (*key)(const LibraryRecording&),
+                                                std::string_view wanted) const
+{
+    auto found = std::lower_bound(positions.begin(), positions.end(), wanted,
+                                  [&](std::uint32_t at, std::string_view value) { return key(recordings_[at]) < value; });
+    return found != positions.end() && key(recordings_[*found]) == wanted ? &recordings_[*found] : nullptr;
 }
 
 const LibraryRecording* VoiceMemosLibrary::byFile(std::string_view name) const
 {
-    auto found = byFile_.find(name);
-    return found == byFile_.end() ? nullptr : &recordings_[found->second];
+    return find(byFile_, fileKey, name);
 }
 
 const LibraryRecording* VoiceMemosLibrary::byTwin(std::string_view name) const
@@ -435,14 +474,12 @@ const LibraryRecording* VoiceMemosLibrary::byTwin(std::string_view name) const
     if (byFile(name) != nullptr) {
         return nullptr;
     }
-    auto found = byStem_.find(stemOf(name));
-    return found == byStem_.end() ? nullptr : &recordings_[found->second];
+    return find(byStem_, stemKey, stemView(name));
 }
 
 const LibraryRecording* VoiceMemosLibrary::byId(std::string_view uniqueId) const
 {
-    auto found = byId_.find(uniqueId);
-    return found == byId_.end() ? nullptr : &recordings_[found->second];
+    return find(byId_, idKey, uniqueId);
 }
 
 std::vector<const LibraryRecording*> VoiceMemosLibrary::waitingForDownload(
@@ -451,12 +488,12 @@ std::vector<const LibraryRecording*> VoiceMemosLibrary::waitingForDownload(
 {
     std::set<std::string, std::less<>> stems;
     for (const auto& name : present) {
-        stems.insert(stemOf(name));
+        stems.emplace(stemView(name));
     }
     std::vector<const LibraryRecording*> waiting;
     for (const auto& row : recordings_) {
         if (row.deleted || row.fileName.empty() || (since && (!row.date || *row.date < *since)) ||
-            present.contains(row.fileName) || stems.contains(stemOf(row.fileName)) || known(row.uniqueId)) {
+            present.contains(row.fileName) || stems.contains(stemView(row.fileName)) || known(row.uniqueId)) {
             continue;
         }
         waiting.push_back(&row);

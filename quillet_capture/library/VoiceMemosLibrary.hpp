@@ -119,6 +119,8 @@ private:
     /// Reads private byte copies of the library's files.
     Outcome readCopy(std::vector<LibraryRecording>& rows);
     void index();
+    const LibraryRecording* find(const std::vector<std::uint32_t>& positions,
+                                 std::string_view (*key)(const LibraryRecording&), std::string_view wanted) const;
 
     std::filesystem::path folder_;
     std::filesystem::path privateFolder_;
@@ -128,9 +130,11 @@ private:
     bool looked_ = false;
     int reads_ = 0;
     std::vector<LibraryRecording> recordings_;
-    std::map<std::string, std::size_t, std::less<>> byFile_;
-    std::map<std::string, std::size_t, std::less<>> byStem_;
-    std::map<std::string, std::size_t, std::less<>> byId_;
+    /// Positions in `recordings_`, sorted by file name, by file name without its extension,
+    /// and by id.
+    std::vector<std::uint32_t> byFile_;
+    std::vector<std::uint32_t> byStem_;
+    std::vector<std::uint32_t> byId_;
 };
 
 } // namespace quillet
