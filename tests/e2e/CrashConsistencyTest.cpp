@@ -53,6 +53,7 @@ std::string phaseOf(const std::string& message)
         {"was edited in Voice Memos", "handing over an edited recording"},
         {"is the Voice Memos recording", "meeting a recording's other file"},
         {"renamed in Voice Memos", "giving a note its new title"},
+        {"Voice Memos library", "reading the Voice Memos library"},
         {"deferring", "guarding"},
         {"resuming", "resuming"},
         {"coordinator started", "waiting for the first tick / guarding"},
