@@ -109,7 +109,8 @@ TEST_F(WatcherFixture, TheFirstIndexLeavesWhatArrivedAfterTheFolderWasFirstWatch
                         asked.insert(id);
                         return file.filename() == "20240131 142700.m4a";
                     },
-                     .copyOf = {}});
+                     .copyOf = {},
+                     .retitle = {}});
     EXPECT_EQ(w.runInitialIndex(), 2);
     EXPECT_EQ(asked, (std::set<std::string>{"240131-142600", "240131-142700"})) << "history needs no look";
     EXPECT_TRUE(store.hasSeen("20240131 142500.m4a", "voice-memos-test"));
@@ -255,7 +256,8 @@ TEST_F(WatcherFixture, AChangedFileIsTheSameRecordingGrownTouchedOrAnotherRecord
     CaptureIntake intake(home.path() / "intake.json");
     FolderWatcher w(voiceMemos(), store, true, clock, probes, &intake,
                     {.holds = [&](const std::string& id, const fs::path&) { return fs::exists(vault / id); },
-                     .copyOf = [&](const std::string& id) { return vault / id; }});
+                     .copyOf = [&](const std::string& id) { return vault / id; },
+                     .retitle = {}});
     w.runInitialIndex();
     const std::string name = "20240131 142530.m4a";
     const fs::path file = folderPath / name;
