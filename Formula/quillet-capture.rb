@@ -10,7 +10,7 @@ class QuilletCapture < Formula
   sha256 "619f7fd369bb706776ed8dccda3ca656df6f067f97ae75e3e6bf6c06d6bd4665"
   head "https://github.com/quillet/quillet-capture.git", branch: "main"
 
-  # asio and nlohmann-json are headers only; simdjson is a library the program links.
+  # asio and nlohmann-json are headers only; simdjson and yaml-cpp are libraries the program links.
   # macOS provides libcurl, uuid, SQLite (the Voice Memos library is read with it), the
   # Keychain, launchd and afinfo.
   depends_on "asio" => :build
@@ -20,6 +20,7 @@ class QuilletCapture < Formula
   depends_on "pkg-config" => :build
   depends_on :macos
   depends_on "simdjson"
+  depends_on "yaml-cpp"
 
   uses_from_macos "sqlite"
 

@@ -7,7 +7,7 @@ foreach(lang C CXX)
   set(CMAKE_${lang}_CREATE_SHARED_LIBRARY "${CMAKE_COMMAND} -E touch <TARGET>")
 endforeach()
 
-foreach(target CURL::libcurl nlohmann_json::nlohmann_json simdjson::simdjson SQLite::SQLite3
+foreach(target CURL::libcurl nlohmann_json::nlohmann_json simdjson::simdjson SQLite::SQLite3 yaml-cpp
                GTest::gtest GTest::gtest_main GTest::gmock GTest::gmock_main)
   add_library(${target} INTERFACE IMPORTED)
 endforeach()

@@ -261,6 +261,15 @@ void cmdStatus()
         out("  failed:      " + plural(recovery.givenUp, "capture") + " the service failed " +
             std::to_string(CaptureRecovery::maxServiceFailures + 1) + " times -- run retry");
     }
+    if (!recovery.unreadableNotes.empty()) {
+        std::string names;
+        for (const auto& id : recovery.unreadableNotes) {
+            names += (names.empty() ? "" : ", ") + id + ".md";
+        }
+        out("  needs you:   " + plural(static_cast<int>(recovery.unreadableNotes.size()), "note") +
+            " whose frontmatter does not parse (" + names + ") -- fix it; each transcript waits beside its note as "
+            "<id>.transcript.md");
+    }
     out();
 
     // Whatever this process logged (the migration from Pellam) belongs in the file before it

@@ -155,15 +155,12 @@ void CapturePipeline::setStatus(const std::string& id, const std::string& status
 
 void CapturePipeline::recordKey(const std::string& id, const std::string& key)
 {
-    auto inbox = writer();
-    auto note = inbox.noteURL(id);
     try {
-        auto frontmatter = InboxWriter::readFrontmatter(note);
-        auto body = InboxWriter::readBody(note);
-        frontmatter.externalId = key;
-        frontmatter.uploadedAt = environment_.clock->now();
-        frontmatter.vdJobStatus = "queued";
-        inbox.writeMarkdown(frontmatter, body);
+        writer().editNote(id, [&](InboxWriter::Frontmatter& frontmatter, std::string&) {
+            frontmatter.externalId = key;
+            frontmatter.uploadedAt = environment_.clock->now();
+            frontmatter.vdJobStatus = "queued";
+        });
     } catch (const std::exception& error) {
         rlog("[quillet] capture pipeline: cannot record cache_key for %@: %@", id, error.what());
     }

@@ -174,10 +174,11 @@ private:
     void scheduleRecovery();
     void forgetIntake(const FolderWatcher::NewCapture& capture);
 
-    enum class Reopened { reopened, noNote, failed };
+    enum class Reopened { reopened, noNote, failed, unparseable };
     /// Makes the note of `id`, a recording that grew, pending again for its new transcript:
     /// its transcript goes, what the user wrote stays. `noNote` when there is none (a stub is
-    /// written instead), `failed` when it cannot be read or written.
+    /// written instead), `unparseable` when the note still does not parse after a few
+    /// seconds (the person must fix it), `failed` when it cannot be read or written.
     asio::awaitable<Reopened> reopenNote(std::string id, bool uploadsOn);
     asio::awaitable<std::optional<std::string>> resolvedCacheKey(const VeldaneClient::UploadResult& result,
                                                                  VeldaneClient& client, const std::string& id);

@@ -2,6 +2,7 @@
 
 #include "quillet_capture/pipeline/CapturePipeline.hpp"
 
+#include <array>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -37,6 +38,15 @@ private:
     CapturePipeline* pipeline_;
     std::string id_;
 };
+
+// The pauses (seconds) between the reads of a note that does not parse: an editor's save
+// leaves it empty or half-written for milliseconds, and a note still unparseable after these
+// few seconds is one the person must fix.
+inline const std::array<double, 5>& unparseableNotePauses()
+{
+    static constexpr std::array<double, 5> kPauses{0, 0.25, 0.5, 1, 2};
+    return kPauses;
+}
 
 // Counts a capture task for `waitUntilIdle`.
 class CapturePipeline::TaskCount {

@@ -5,6 +5,7 @@
 #include "quillet_capture/pipeline/CaptureIdentities.hpp"
 #include "quillet_capture/pipeline/CaptureIntake.hpp"
 #include "quillet_capture/pipeline/CapturePipelineDetail.hpp"
+#include "quillet_capture/pipeline/CaptureRecovery.hpp"
 #include "quillet_capture/pipeline/CaptureStateStore.hpp"
 #include "quillet_capture/platform/FileTimes.hpp"
 #include "quillet_capture/runtime/Tasks.hpp"
@@ -175,6 +176,10 @@ asio::awaitable<void> CapturePipeline::handle(FolderWatcher::NewCapture capture)
         noteFailure(id, "copy_failed");
         co_return;
     }
+    if (reopened == Reopened::unparseable) {
+        noteFailure(id, CaptureRecovery::noteUnreadable);
+        co_return;
+    }
     if (reopened == Reopened::noNote) {
         try {
             inbox.writeStub(frontmatter);
@@ -246,21 +251,38 @@ asio::awaitable<CapturePipeline::Reopened> CapturePipeline::reopenNote(std::stri
     if (!fs::exists(fs::symlink_status(note, missing))) {
         co_return Reopened::noNote;
     }
-    InboxWriter::Frontmatter frontmatter;
+    // An editor's save leaves the note empty or half-written for a moment: it is read again
+    // a few times before it counts as a note the person must fix.
+    std::optional<InboxWriter::Frontmatter> frontmatter;
     std::string body;
-    try {
-        frontmatter = InboxWriter::readFrontmatter(note);
-        body = InboxWriter::readBody(note);
-    } catch (const std::exception& error) {
-        // A stub in its place would lose what the user wrote in it.
-        rlog("[quillet] capture pipeline: cannot reopen the note of %@: %@", id, error.what());
-        co_return Reopened::failed;
+    std::string problem;
+    for (double pause : unparseableNotePauses()) {
+        if (pause > 0) {
+            co_await environment_.clock->wait(std::chrono::duration<double>(pause));
+        }
+        try {
+            frontmatter = InboxWriter::readFrontmatter(note);
+            body = InboxWriter::readBody(note);
+            break;
+        } catch (const InboxWriter::Error& error) {
+            problem = error.what();
+        } catch (const std::exception& error) {
+            rlog("[quillet] capture pipeline: cannot reopen the note of %@: %@", id, error.what());
+            co_return Reopened::failed;
+        }
     }
-    // The note's transcript is of the shorter recording and goes; what the user wrote below
+    if (!frontmatter) {
+        // A stub in its place would lose what the person wrote in it.
+        rlog("[quillet] capture pipeline: the note of %@ does not parse (%@); it is left as it is -- fix its "
+             "frontmatter and the grown recording is transcribed again",
+             id, problem);
+        co_return Reopened::unparseable;
+    }
+    // The note's transcript is of the shorter recording and goes; what the person wrote below
     // it stays. The service tells which text is its transcript.
-    const auto& key = frontmatter.externalId;
-    if (frontmatter.vdJobStatus == "done" && key && !key->empty() && uploadsOn) {
-        std::string earlier;
+    const auto& key = frontmatter->externalId;
+    std::string earlier;
+    if (frontmatter->vdJobStatus == "done" && key && !key->empty() && uploadsOn) {
         try {
             auto service = client();
             std::string cacheKey = *key;
@@ -269,17 +291,24 @@ asio::awaitable<CapturePipeline::Reopened> CapturePipeline::reopenNote(std::stri
         } catch (const std::exception& error) {
             rlog("[quillet] capture pipeline: cannot fetch the earlier transcript of %@: %@", id, error.what());
         }
-        if (!earlier.empty() && body.starts_with(earlier)) {
-            auto rest = body.find_first_not_of("\r\n", earlier.size());
-            body = rest == std::string::npos ? std::string() : body.substr(rest);
-        } else {
+        if (earlier.empty() || !body.starts_with(earlier)) {
             rlog("[quillet] capture pipeline: %@ keeps its earlier text below the new transcript", id);
         }
     }
-    frontmatter.vdJobStatus = uploadsOn ? "queued" : "skipped";
-    frontmatter.externalId.reset();
     try {
-        inbox.writeMarkdown(frontmatter, body);
+        inbox.editNote(id, [&](InboxWriter::Frontmatter& fm, std::string& text) {
+            if (!earlier.empty() && text.starts_with(earlier)) {
+                auto rest = text.find_first_not_of("\r\n", earlier.size());
+                text = rest == std::string::npos ? std::string() : text.substr(rest);
+            }
+            fm.vdJobStatus = uploadsOn ? "queued" : "skipped";
+            fm.externalId.reset();
+        });
+    } catch (const InboxWriter::Error& error) {
+        rlog("[quillet] capture pipeline: the note of %@ does not parse (%@); it is left as it is -- fix its "
+             "frontmatter and the grown recording is transcribed again",
+             id, error.what());
+        co_return Reopened::unparseable;
     } catch (const std::exception& error) {
         rlog("[quillet] capture pipeline: cannot reopen the note of %@: %@", id, error.what());
         co_return Reopened::failed;

@@ -206,12 +206,45 @@ asio::awaitable<void> CapturePipeline::fetchTranscriptAndWrite(VeldaneClient& cl
         duration = static_cast<std::int64_t>(std::llround(*detail.result.duration));
     }
     auto inbox = writer();
-    try {
-        inbox.writeTranscript(id, text, cacheKey, detail.result.language, duration, detail.result.llm_title, {});
-    } catch (const std::exception& error) {
-        // The note keeps its status, so the next attempt polls it again and writes it then.
-        rlog("[quillet] capture pipeline: fetch transcript failed for %@: %@", id, error.what());
-        noteFailure(id, "fetch_failed");
+    // An editor's save leaves the note empty or half-written for a moment: it is read again a
+    // few times before it counts as a note the person must fix.
+    std::optional<std::string> unparseable;
+    for (double pause : unparseableNotePauses()) {
+        if (pause > 0) {
+            co_await environment_.clock->wait(std::chrono::duration<double>(pause));
+        }
+        unparseable.reset();
+        try {
+            inbox.writeTranscript(id, text, cacheKey, detail.result.language, duration, detail.result.llm_title, {});
+            break;
+        } catch (const InboxWriter::Error& error) {
+            if (error.code() == InboxWriter::Error::invalidIdCode) {
+                rlog("[quillet] capture pipeline: fetch transcript failed for %@: %@", id, error.what());
+                noteFailure(id, "fetch_failed");
+                co_return;
+            }
+            unparseable = error.what();
+        } catch (const std::exception& error) {
+            // The note keeps its status, so the next attempt polls it again and writes it then.
+            rlog("[quillet] capture pipeline: fetch transcript failed for %@: %@", id, error.what());
+            noteFailure(id, "fetch_failed");
+            co_return;
+        }
+    }
+    if (unparseable) {
+        // The person's file stays as it is; the transcript waits beside it, where they see it.
+        try {
+            auto beside = inbox.writeTranscriptBeside(id, text);
+            rlog("[quillet] capture pipeline: the note of %@ does not parse (%@); it is left as it is and its "
+                 "transcript is in %@ -- fix the note's frontmatter and the transcript is written into it",
+                 id, *unparseable, beside.string());
+        } catch (const std::exception& error) {
+            rlog("[quillet] capture pipeline: the note of %@ does not parse (%@), and its transcript cannot be "
+                 "written beside it: %@",
+                 id, *unparseable, error.what());
+        }
+        send(CaptureEvent::Kind::failed, id, CaptureRecovery::noteUnreadable);
+        noteFailure(id, CaptureRecovery::noteUnreadable);
         co_return;
     }
     int words = detail.result.word_count ? static_cast<int>(*detail.result.word_count) : countWords(text);

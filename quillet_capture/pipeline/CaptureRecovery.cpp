@@ -129,6 +129,9 @@ CaptureRecovery::Summary CaptureRecovery::summary() const
     std::lock_guard guard(lock_);
     Summary summary;
     for (const auto& [id, entry] : entries_) {
+        if (entry.reason == noteUnreadable) {
+            summary.unreadableNotes.push_back(id);
+        }
         if (entry.next) {
             ++summary.waiting;
             if (!summary.next || *entry.next < *summary.next) {

@@ -38,9 +38,13 @@ public:
         int waiting = 0;                // captures with a next attempt
         std::optional<TimePoint> next;  // the earliest of those
         int givenUp = 0;                // captures that wait for `retry`
+        std::vector<std::string> unreadableNotes;  // captures whose note the person must fix
     };
 
     static constexpr int maxServiceFailures = 3;
+    /// The reason of a capture whose note does not parse: its transcript waits beside the note
+    /// until the person fixes it, and is written in at the next attempt after that.
+    static constexpr const char* noteUnreadable = "note_unreadable";
 
     /// The pause before attempt `attempts` + 1, in units of `minute`.
     static std::chrono::seconds pauseAfter(int attempts, std::chrono::seconds minute = std::chrono::minutes(1));

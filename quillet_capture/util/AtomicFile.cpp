@@ -44,8 +44,8 @@ std::string randomSuffix()
 
 } // namespace
 
-void writeFileAtomically(const std::filesystem::path& file, std::string_view contents, mode_t mode,
-                         Durability durability)
+bool writeFileAtomically(const std::filesystem::path& file, std::string_view contents, mode_t mode,
+                         Durability durability, const std::function<bool()>& stillCurrent)
 {
     auto folder = file.parent_path();
     if (folder.empty()) {
@@ -91,6 +91,11 @@ void writeFileAtomically(const std::filesystem::path& file, std::string_view con
         fail("cannot flush " + temp.string());
     }
 #endif
+    if (stillCurrent && !stillCurrent()) {
+        ::close(fd);
+        ::unlink(temp.c_str());
+        return false;
+    }
     // Renamed while still open, so that its lock keeps a sweep of leftovers away until the
     // name is final; the data is on the disk already, so closing has nothing left to report.
     if (::rename(temp.c_str(), file.c_str()) != 0) {
@@ -98,7 +103,7 @@ void writeFileAtomically(const std::filesystem::path& file, std::string_view con
     }
     ::close(fd);
     if (durability == Durability::deferred) {
-        return;
+        return true;
     }
     // Without flushing the folder, a power cut can lose the rename and leave the old file
     // (or none).
@@ -107,6 +112,7 @@ void writeFileAtomically(const std::filesystem::path& file, std::string_view con
         flushToDisk(dir);
         ::close(dir);
     }
+    return true;
 }
 
 void flushFileSystem(const std::filesystem::path& folder)

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <filesystem>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -25,9 +26,12 @@ enum class Durability {
 /// disk, rename it over `file`, then flush the folder (with `Durability::deferred`, the flushes
 /// are left to flushFileSystem). The new file gets `mode`: exactly when it is owner-only (no
 /// group or other bits), else narrowed by the umask. Throws std::system_error when any step
-/// fails; the temporary file is removed then.
-void writeFileAtomically(const std::filesystem::path& file, std::string_view contents, mode_t mode = 0644,
-                         Durability durability = Durability::flushed);
+/// fails; the temporary file is removed then. When `stillCurrent` is given, it is asked just
+/// before the rename (after the flush) whether `file` may still be replaced: when it says
+/// no, nothing is replaced, the temporary file is removed, and the result is false.
+bool writeFileAtomically(const std::filesystem::path& file, std::string_view contents, mode_t mode = 0644,
+                         Durability durability = Durability::flushed,
+                         const std::function<bool()>& stillCurrent = nullptr);
 
 /// Makes everything written with `Durability::deferred` into `folder` durable, in one flush of
 /// the file system that holds it. Throws std::system_error when the folder cannot be opened or

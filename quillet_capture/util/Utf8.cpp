@@ -49,6 +49,53 @@ int sequenceLength(const unsigned char* p, const unsigned char* end)
 
 } // namespace
 
+std::u32string codePoints(std::string_view bytes)
+{
+    std::u32string points;
+    points.reserve(bytes.size());
+    const auto* p = reinterpret_cast<const unsigned char*>(bytes.data());
+    const auto* end = p + bytes.size();
+    while (p < end) {
+        int length = sequenceLength(p, end);
+        if (length == 0) {
+            points += U'\uFFFD';
+            ++p;
+            continue;
+        }
+        std::uint32_t code = length == 1 ? *p : *p & (0xFF >> (length + 1));
+        for (int i = 1; i < length; ++i) {
+            code = (code << 6) | (p[i] & 0x3F);
+        }
+        points += static_cast<char32_t>(code);
+        p += length;
+    }
+    return points;
+}
+
+std::string encoded(std::u32string_view text)
+{
+    std::string bytes;
+    bytes.reserve(text.size());
+    for (char32_t c : text) {
+        if (c < 0x80) {
+            bytes += static_cast<char>(c);
+        } else if (c < 0x800) {
+            bytes += static_cast<char>(0xC0 | (c >> 6));
+            bytes += static_cast<char>(0x80 | (c & 0x3F));
+        } else if (c < 0x10000) {
+            bytes += static_cast<char>(0xE0 | (c >> 12));
+            bytes += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+            bytes += static_cast<char>(0x80 | (c & 0x3F));
+        } else {
+            bytes += static_cast<char>(0xF0 | (c >> 18));
+            bytes += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
+            bytes += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+            bytes += static_cast<char>(0x80 | (c & 0x3F));
+        }
+    }
+    return bytes;
+}
+
 bool isValid(std::string_view bytes)
 {
     const auto* p = reinterpret_cast<const unsigned char*>(bytes.data());

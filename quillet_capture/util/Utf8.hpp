@@ -10,6 +10,13 @@ namespace quillet::Utf8 {
 /// overlong sequences, no surrogates, nothing above U+10FFFF.
 bool isValid(std::string_view bytes);
 
+/// The code points of `bytes`, each byte that is not part of a well-formed sequence read as
+/// U+FFFD (the replacement character).
+std::u32string codePoints(std::string_view bytes);
+
+/// `text` (code points) as UTF-8.
+std::string encoded(std::u32string_view text);
+
 /// `bytes` as one line of well-formed UTF-8 that shows what they were: line breaks, tabs
 /// and other control characters become \n, \r, \t or \xNN (a backslash and letters), and so does every byte
 /// that is not part of a well-formed sequence. Well-formed text without control characters

@@ -2,15 +2,21 @@
 
 #include "quillet_capture/util/AtomicFile.hpp"
 #include "quillet_capture/util/Iso8601.hpp"
+#include "quillet_capture/util/Utf8.hpp"
+#include "quillet_capture/vault/NoteText.hpp"
 #include "quillet_capture/util/Uuid.hpp"
 
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <yaml-cpp/yaml.h>
+
 #include <algorithm>
 #include <array>
+#include <cctype>
 #include <cerrno>
+#include <cstdio>
 #include <charconv>
 #include <system_error>
 #include <vector>
@@ -23,7 +29,6 @@ namespace {
 
 constexpr std::string_view kInbox = "_inbox";
 constexpr std::string_view kAudio = ".audio";
-constexpr std::string_view kDelimiter = "\n---";
 
 [[noreturn]] void throwErrno(int error, const std::string& what)
 {
@@ -81,13 +86,12 @@ std::string readFrontmatterText(const fs::path& file)
         if (n == 0) {
             break;
         }
-        // The closing delimiter may straddle two reads.
-        size_t searchFrom = std::max<size_t>(3, text.size() >= kDelimiter.size() ? text.size() - kDelimiter.size() + 1 : 0);
         text.append(buffer, static_cast<size_t>(n));
         if (text.size() >= 3 && !text.starts_with("---")) {
             break;
         }
-        if (text.find(kDelimiter, searchFrom) != std::string::npos) {
+        // The closing line is whole once a line feed follows it.
+        if (auto layout = NoteText::layoutOf(text); layout && layout->bodyBegin > 0 && text[layout->bodyBegin - 1] == '\n') {
             break;
         }
     }
@@ -212,33 +216,89 @@ std::string quotedValue(std::string_view value)
     return InboxWriter::yamlString(withLineBreaks(value, " "));
 }
 
-void replaceAll(std::string& text, std::string_view from, std::string_view to)
+// A word of the program's own or of the service's (an id, a job status): one line, and YAML
+// that reads back as that word.
+std::string plainValue(std::string_view value)
 {
-    size_t at = 0;
-    while ((at = text.find(from, at)) != std::string::npos) {
-        text.replace(at, from.size(), to);
-        at += to.size();
-    }
+    return InboxWriter::yamlString(unquotedValue(value));
 }
 
-// A double-quoted value loses its quotes and its two escapes.
-std::optional<std::string> unquoted(std::string_view value)
+// The characters YAML lets a document hold as they are (tab and line breaks aside, which the
+// program always escapes); U+FEFF is read as a byte order mark by some readers.
+bool isPrintable(char32_t c)
 {
-    if (value.size() >= 2 && value.front() == '"' && value.back() == '"') {
-        std::string inner(value.substr(1, value.size() - 2));
-        replaceAll(inner, "\\\"", "\"");
-        replaceAll(inner, "\\\\", "\\");
-        return inner;
-    }
-    return std::string(value);
+    return (c >= 0x20 && c <= 0x7E) || (c >= 0xA0 && c <= 0xD7FF && c != 0x2028 && c != 0x2029) ||
+           (c >= 0xE000 && c <= 0xFFFD && c != 0xFEFF) || (c >= 0x10000 && c <= 0x10FFFF);
 }
 
-std::optional<std::string> decodeValue(std::string_view value)
+bool isDigit(char c)
 {
-    if (value == "null") {
-        return std::nullopt;
+    return c >= '0' && c <= '9';
+}
+
+// A text that a YAML reader would take for a number, in YAML 1.2 or 1.1: 12, 1_000, 3.5e2,
+// 0x1F, 0o17, 0b101, or for a date (1.1's timestamps: 2024-01-31...).
+bool readsAsNumberOrDate(std::string_view text)
+{
+    if (text.empty() || !isDigit(text[0])) {
+        return false;
     }
-    return unquoted(value);
+    if (text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'o' || text[1] == 'b')) {
+        return std::all_of(text.begin() + 2, text.end(), [](char c) { return std::isxdigit(static_cast<unsigned char>(c)) || c == '_'; });
+    }
+    if (text.size() >= 8 && std::all_of(text.begin(), text.begin() + 4, isDigit) && text[4] == '-') {
+        return true;
+    }
+    size_t i = 0;
+    while (i < text.size() && (isDigit(text[i]) || text[i] == '_')) {
+        ++i;
+    }
+    if (i < text.size() && text[i] == '.') {
+        ++i;
+        while (i < text.size() && (isDigit(text[i]) || text[i] == '_')) {
+            ++i;
+        }
+    }
+    if (i < text.size() && (text[i] == 'e' || text[i] == 'E')) {
+        ++i;
+        if (i < text.size() && (text[i] == '+' || text[i] == '-')) {
+            ++i;
+        }
+        size_t digits = i;
+        while (i < text.size() && isDigit(text[i])) {
+            ++i;
+        }
+        if (i == digits) {
+            return false;
+        }
+    }
+    return i == text.size();
+}
+
+// Whether `text` (well-formed UTF-8; `points` its code points) must be quoted to read back
+// as itself. Plain is kept for what is plainly safe, so everyday titles stay as people write
+// them; anything doubtful is quoted.
+bool needsQuotes(std::string_view text, std::u32string_view points)
+{
+    if (text.empty() || isBlank(text.back())) {
+        return true;
+    }
+    char first = text.front();
+    bool safeStart = (first >= 'a' && first <= 'z') || (first >= 'A' && first <= 'Z') || isDigit(first) ||
+                     first == '_' || first == '/' || static_cast<unsigned char>(first) >= 0x80;
+    if (!safeStart) {
+        return true;
+    }
+    if (!std::all_of(points.begin(), points.end(), isPrintable)) {
+        return true;
+    }
+    if (text.find_first_of(":#,[]{}\"\\`") != std::string_view::npos) {
+        return true;
+    }
+    std::string lower(text);
+    std::transform(lower.begin(), lower.end(), lower.begin(),
+                   [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
+    return InboxWriter::yamlReservedWords().contains(lower) || readsAsNumberOrDate(text);
 }
 
 // Iso8601::parse computes in the clock's nanoseconds and overflows for years the clock
@@ -273,100 +333,6 @@ std::string_view checkedId(std::string_view id)
         throw InboxWriter::Error(InboxWriter::Error::invalidIdCode, "invalid note id: " + std::string(id));
     }
     return id;
-}
-
-bool isKnownTopLevel(std::string_view key)
-{
-    static constexpr std::array<std::string_view, 14> kKeys = {
-        "id",   "created", "classification", "status",       "confidence",   "source",      "target_skill",
-        "target_folder", "title", "tags", "processed_at", "processed_by", "output_file", "archived_to"};
-    return std::find(kKeys.begin(), kKeys.end(), key) != kKeys.end();
-}
-
-bool isKnownSourceKey(std::string_view key)
-{
-    static constexpr std::array<std::string_view, 13> kKeys = {
-        "type",           "origin",         "audio_path",    "audio_duration_sec", "ingestion_tool",
-        "external_id",    "vd_job_status",  "uploaded_at",   "app",                "microphone",
-        "channel_layout", "voice_memos_id", "voice_memos_folder"};
-    return std::find(kKeys.begin(), kKeys.end(), key) != kKeys.end();
-}
-
-void setTopLevel(InboxWriter::Frontmatter& fm, std::string_view key, std::string_view raw)
-{
-    auto value = decodeValue(raw);
-    auto assign = [&](std::string& field) {
-        if (value) {
-            field = *value;
-        }
-    };
-    auto date = [&]() -> std::optional<InboxWriter::TimePoint> { return value ? parseDate(*value) : std::nullopt; };
-    if (key == "id") {
-        assign(fm.id);
-    } else if (key == "created") {
-        if (auto time = date()) {
-            fm.created = *time;
-        }
-    } else if (key == "classification") {
-        assign(fm.classification);
-    } else if (key == "status") {
-        assign(fm.status);
-    } else if (key == "confidence") {
-        assign(fm.confidence);
-    } else if (key == "target_skill") {
-        fm.targetSkill = value;
-    } else if (key == "target_folder") {
-        fm.targetFolder = value;
-    } else if (key == "title") {
-        fm.title = value;
-    } else if (key == "tags") {
-        fm.tags = value ? InboxWriter::parseInlineList(*value) : std::vector<std::string>{};
-    } else if (key == "processed_at") {
-        fm.processedAt = date();
-    } else if (key == "processed_by") {
-        fm.processedBy = value;
-    } else if (key == "output_file") {
-        fm.outputFile = value;
-    } else if (key == "archived_to") {
-        fm.archivedTo = value;
-    }
-}
-
-void setSource(InboxWriter::Frontmatter& fm, std::string_view key, std::string_view raw)
-{
-    auto value = decodeValue(raw);
-    auto assign = [&](std::string& field) {
-        if (value) {
-            field = *value;
-        }
-    };
-    if (key == "type") {
-        assign(fm.sourceType);
-    } else if (key == "origin") {
-        assign(fm.sourceOrigin);
-    } else if (key == "audio_path") {
-        assign(fm.audioPath);
-    } else if (key == "audio_duration_sec") {
-        fm.audioDurationSec = value ? parseInteger(*value) : std::nullopt;
-    } else if (key == "ingestion_tool") {
-        assign(fm.ingestionTool);
-    } else if (key == "external_id") {
-        fm.externalId = value;
-    } else if (key == "vd_job_status") {
-        fm.vdJobStatus = value;
-    } else if (key == "uploaded_at") {
-        fm.uploadedAt = value ? parseDate(*value) : std::nullopt;
-    } else if (key == "app") {
-        fm.recorderSource = value;
-    } else if (key == "microphone") {
-        fm.recorderMicrophone = value;
-    } else if (key == "channel_layout") {
-        fm.recorderChannelLayout = value;
-    } else if (key == "voice_memos_id") {
-        fm.voiceMemosId = value;
-    } else if (key == "voice_memos_folder") {
-        fm.voiceMemosFolder = value;
-    }
 }
 
 } // namespace
@@ -510,81 +476,321 @@ void InboxWriter::writeMarkdown(const Frontmatter& frontmatter, std::string_view
     writeFileAtomically(noteURL(checkedId(frontmatter.id)), renderMarkdown(frontmatter, body), 0644);
 }
 
+namespace {
+
+using Frontmatter = InboxWriter::Frontmatter;
+
+[[noreturn]] void throwUnparseable(const NoteText::Unparseable& problem)
+{
+    int code = problem.problem == NoteText::Problem::noBlock ? InboxWriter::Error::noFrontmatterCode
+                                                              : InboxWriter::Error::notYamlCode;
+    throw InboxWriter::Error(code, problem.description);
+}
+
+// A scalar's text, or nothing for a null, a missing key or a value that is not a scalar.
+std::optional<std::string> scalarOf(const YAML::Node& map, const char* key)
+{
+    const YAML::Node& constMap = map;
+    YAML::Node node = constMap[key];
+    if (!node.IsDefined() || !node.IsScalar()) {
+        return std::nullopt;
+    }
+    return node.Scalar();
+}
+
+void readInto(std::string& field, const YAML::Node& map, const char* key)
+{
+    if (auto value = scalarOf(map, key)) {
+        field = *value;
+    }
+}
+
+// What a person may write as tags: a list, or one text with commas between the tags.
+std::vector<std::string> tagsOf(const YAML::Node& node)
+{
+    std::vector<std::string> tags;
+    auto add = [&](std::string_view text) {
+        if (auto tag = trim(text); !tag.empty()) {
+            tags.emplace_back(tag);
+        }
+    };
+    if (node.IsSequence()) {
+        for (const auto& item : node) {
+            if (item.IsScalar()) {
+                add(item.Scalar());
+            }
+        }
+    } else if (node.IsScalar()) {
+        std::string_view text = node.Scalar();
+        for (;;) {
+            size_t comma = text.find(',');
+            add(text.substr(0, comma));
+            if (comma == std::string_view::npos) {
+                break;
+            }
+            text.remove_prefix(comma + 1);
+        }
+    }
+    return tags;
+}
+
+Frontmatter frontmatterOf(const YAML::Node& root, InboxWriter::TimePoint now)
+{
+    Frontmatter fm;
+    fm.created = now;
+    readInto(fm.id, root, "id");
+    if (auto created = scalarOf(root, "created"); created && parseDate(*created)) {
+        fm.created = *parseDate(*created);
+    }
+    readInto(fm.classification, root, "classification");
+    readInto(fm.status, root, "status");
+    readInto(fm.confidence, root, "confidence");
+    const YAML::Node& constRoot = root;
+    if (YAML::Node source = constRoot["source"]; source.IsDefined() && source.IsMap()) {
+        readInto(fm.sourceType, source, "type");
+        readInto(fm.sourceOrigin, source, "origin");
+        readInto(fm.audioPath, source, "audio_path");
+        if (auto duration = scalarOf(source, "audio_duration_sec")) {
+            fm.audioDurationSec = parseInteger(*duration);
+        }
+        readInto(fm.ingestionTool, source, "ingestion_tool");
+        fm.externalId = scalarOf(source, "external_id");
+        fm.vdJobStatus = scalarOf(source, "vd_job_status");
+        if (auto uploaded = scalarOf(source, "uploaded_at")) {
+            fm.uploadedAt = parseDate(*uploaded);
+        }
+        fm.recorderSource = scalarOf(source, "app");
+        fm.recorderMicrophone = scalarOf(source, "microphone");
+        fm.recorderChannelLayout = scalarOf(source, "channel_layout");
+        fm.voiceMemosId = scalarOf(source, "voice_memos_id");
+        fm.voiceMemosFolder = scalarOf(source, "voice_memos_folder");
+    }
+    if (YAML::Node skill = constRoot["target_skill"]; skill.IsDefined()) {
+        fm.targetSkill = scalarOf(root, "target_skill");
+    }
+    fm.targetFolder = scalarOf(root, "target_folder");
+    fm.title = scalarOf(root, "title");
+    if (YAML::Node tags = constRoot["tags"]; tags.IsDefined()) {
+        fm.tags = tagsOf(tags);
+    }
+    if (auto processed = scalarOf(root, "processed_at")) {
+        fm.processedAt = parseDate(*processed);
+    }
+    fm.processedBy = scalarOf(root, "processed_by");
+    fm.outputFile = scalarOf(root, "output_file");
+    fm.archivedTo = scalarOf(root, "archived_to");
+    return fm;
+}
+
+YAML::Node parseBlock(std::string_view block)
+{
+    YAML::Node root;
+    try {
+        root = YAML::Load(std::string(block));
+    } catch (const YAML::Exception& error) {
+        throw InboxWriter::Error(InboxWriter::Error::notYamlCode, "the frontmatter is not YAML: " + error.msg);
+    }
+    if (!root.IsNull() && !root.IsMap()) {
+        throw InboxWriter::Error(InboxWriter::Error::notYamlCode, "the frontmatter is not a map of keys");
+    }
+    return root;
+}
+
+std::string dateValue(const std::optional<InboxWriter::TimePoint>& time)
+{
+    return time ? Iso8601::format(*time) : std::string();
+}
+
+// Writes into `note` the values of `after` that differ from `before`, each in its own place.
+void applyChanges(NoteText& note, const Frontmatter& before, const Frontmatter& after)
+{
+    auto text = [&](std::string_view key, const std::optional<std::string>& was, const std::optional<std::string>& now,
+                    bool quoted) {
+        if (was == now) {
+            return;
+        }
+        if (!now) {
+            note.remove(key);
+        } else {
+            note.set(key, quoted ? quotedValue(*now) : plainValue(*now));
+        }
+    };
+    auto plain = [&](std::string_view key, const std::string& was, const std::string& now) {
+        text(key, was, now, false);
+    };
+    plain("id", before.id, after.id);
+    if (before.created != after.created) {
+        note.set("created", Iso8601::format(after.created));
+    }
+    plain("classification", before.classification, after.classification);
+    plain("status", before.status, after.status);
+    plain("confidence", before.confidence, after.confidence);
+    plain("source.type", before.sourceType, after.sourceType);
+    plain("source.origin", before.sourceOrigin, after.sourceOrigin);
+    plain("source.audio_path", before.audioPath, after.audioPath);
+    if (before.audioDurationSec != after.audioDurationSec) {
+        if (after.audioDurationSec) {
+            note.set("source.audio_duration_sec", std::to_string(*after.audioDurationSec));
+        } else {
+            note.remove("source.audio_duration_sec");
+        }
+    }
+    plain("source.ingestion_tool", before.ingestionTool, after.ingestionTool);
+    text("source.external_id", before.externalId, after.externalId, true);
+    text("source.vd_job_status", before.vdJobStatus, after.vdJobStatus, false);
+    if (before.uploadedAt != after.uploadedAt) {
+        text("source.uploaded_at", dateValue(before.uploadedAt), after.uploadedAt ? std::optional(dateValue(after.uploadedAt)) : std::nullopt, false);
+    }
+    text("source.app", before.recorderSource, after.recorderSource, true);
+    text("source.microphone", before.recorderMicrophone, after.recorderMicrophone, true);
+    text("source.channel_layout", before.recorderChannelLayout, after.recorderChannelLayout, true);
+    text("source.voice_memos_id", before.voiceMemosId, after.voiceMemosId, true);
+    text("source.voice_memos_folder", before.voiceMemosFolder, after.voiceMemosFolder, true);
+    text("target_skill", before.targetSkill, after.targetSkill, false);
+    text("target_folder", before.targetFolder, after.targetFolder, true);
+    text("title", before.title, after.title, true);
+    if (before.tags != after.tags) {
+        std::vector<std::string> all;
+        for (const auto& tag : after.tags) {
+            all.push_back(quotedValue(tag));
+        }
+        bool appended = after.tags.size() > before.tags.size() &&
+                        std::equal(before.tags.begin(), before.tags.end(), after.tags.begin());
+        if (after.tags.empty()) {
+            note.remove("tags");
+        } else if (appended) {
+            note.appendToList("tags", std::vector<std::string>(all.begin() + static_cast<std::ptrdiff_t>(before.tags.size()), all.end()), all);
+        } else {
+            std::string list = "[";
+            for (const auto& item : all) {
+                list += list.size() > 1 ? ", " : "";
+                list += item;
+            }
+            note.set("tags", list + "]");
+        }
+    }
+    if (before.processedAt != after.processedAt) {
+        text("processed_at", dateValue(before.processedAt), after.processedAt ? std::optional(dateValue(after.processedAt)) : std::nullopt, false);
+    }
+    text("processed_by", before.processedBy, after.processedBy, false);
+    text("output_file", before.outputFile, after.outputFile, true);
+    text("archived_to", before.archivedTo, after.archivedTo, true);
+}
+
+} // namespace
+
+bool InboxWriter::editNote(std::string_view id, const Change& change) const
+{
+    checkedId(id);
+    const auto file = noteURL(id);
+    // An editor may save the note between our read and our write: the edit is then made
+    // again on what it saved, so the person's save is never overwritten with older text.
+    constexpr int kAttempts = 5;
+    for (int attempt = 1;; ++attempt) {
+        auto original = readText(file);
+        std::optional<NoteText> note;
+        try {
+            note.emplace(original);
+        } catch (const NoteText::Unparseable& problem) {
+            throwUnparseable(problem);
+        }
+        auto before = frontmatterOf(parseBlock(note->block()), std::chrono::system_clock::now());
+        auto after = before;
+        std::string body(note->body());
+        const std::string bodyBefore = body;
+        change(after, body);
+        try {
+            applyChanges(*note, before, after);
+            if (body != bodyBefore) {
+                note->setBody(body);
+            }
+        } catch (const NoteText::Unparseable& problem) {
+            throwUnparseable(problem);
+        }
+        if (note->text() == original) {
+            return false;
+        }
+        bool written = writeFileAtomically(file, note->text(), 0644, Durability::flushed, [&] {
+            auto now = readWholeFile(file);
+            return now && *now == original;
+        });
+        if (written) {
+            return true;
+        }
+        if (attempt == kAttempts) {
+            throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again),
+                                    "the note " + file.string() + " keeps changing");
+        }
+    }
+}
+
 void InboxWriter::writeTranscript(std::string_view id, std::string_view transcript, std::string_view vdCacheKey,
                                   const std::optional<std::string>& language, std::optional<std::int64_t> durationSec,
                                   const std::optional<std::string>& llmTitle,
                                   const std::vector<std::string>& tags) const
 {
     checkedId(id);
-    auto now = std::chrono::system_clock::now();
-    Frontmatter fm;
-    std::string earlier;
-    try {
-        auto text = readText(noteURL(id));
-        fm = frontmatterFromText(text, now);
-        earlier = bodyFromText(text);
-    } catch (const std::exception&) {
-        fm = Frontmatter::forCapture(std::string(id), now);
-    }
-    // The program writes no body before the transcript: what is there was typed by the user
-    // (or is this transcript, written before), and stays below it.
-    std::string body(transcript);
-    if (std::string_view typed = trim(earlier); !typed.empty()) {
-        if (std::string_view(earlier).starts_with(transcript)) {
-            body = earlier;
-        } else {
-            body += "\n\n";
-            body += typed;
+    auto change = [&](Frontmatter& fm, std::string& body) {
+        // The program writes no body before the transcript: what is there was typed by the
+        // person (or is this transcript, written before), and stays below it.
+        if (std::string_view typed = trim(body); typed.empty()) {
+            body = std::string(transcript);
+        } else if (!std::string_view(body).starts_with(transcript)) {
+            std::string earlier(typed);
+            body = std::string(transcript) + "\n\n" + earlier;
         }
-    }
-    // The transcript belongs in the note of `id`, even when a hand edit lost the id line.
-    if (fm.id != id) {
+        // The transcript belongs in the note of `id`, even when a hand edit lost the id line.
         fm.id = std::string(id);
-    }
-    fm.vdJobStatus = "done";
-    fm.externalId = std::string(vdCacheKey);
-    if (llmTitle && !fm.title) {
-        fm.title = llmTitle;
-    }
-    for (const auto& tag : tags) {
-        if (std::find(fm.tags.begin(), fm.tags.end(), tag) == fm.tags.end()) {
-            fm.tags.push_back(tag);
+        fm.vdJobStatus = "done";
+        fm.externalId = std::string(vdCacheKey);
+        if (llmTitle && !fm.title) {
+            fm.title = llmTitle;
         }
+        for (const auto& tag : tags) {
+            if (std::find(fm.tags.begin(), fm.tags.end(), tag) == fm.tags.end()) {
+                fm.tags.push_back(tag);
+            }
+        }
+        if (durationSec) {
+            fm.audioDurationSec = durationSec;
+        }
+    };
+    std::error_code missing;
+    if (!fs::exists(fs::symlink_status(noteURL(id), missing))) {
+        auto fm = Frontmatter::forCapture(std::string(id), std::chrono::system_clock::now());
+        std::string body;
+        change(fm, body);
+        ensureDirectories();
+        writeMarkdown(fm, body);
+        return;
     }
-    if (durationSec) {
-        fm.audioDurationSec = durationSec;
-    }
-    writeMarkdown(fm, body);
+    editNote(id, change);
+}
+
+fs::path InboxWriter::writeTranscriptBeside(std::string_view id, std::string_view transcript) const
+{
+    checkedId(id);
+    ensureDirectories();
+    auto file = inboxDirectory() / (std::string(id) + ".transcript.md");
+    writeFileAtomically(file, std::string(transcript) + "\n", 0644);
+    return file;
 }
 
 void InboxWriter::updateVDJobStatus(std::string_view id, std::string_view status) const
 {
-    checkedId(id);
-    auto text = readText(noteURL(id));
-    auto fm = frontmatterFromText(text, std::chrono::system_clock::now());
     // Compare what the note will hold, so that a word with a stray line break or blank does
     // not rewrite the note on every poll.
     auto word = std::string(trim(unquotedValue(status)));
-    if (fm.vdJobStatus == word) {
-        return;
-    }
-    fm.vdJobStatus = word;
-    fm.id = std::string(id);
-    writeMarkdown(fm, bodyFromText(text));
+    editNote(id, [&](Frontmatter& fm, std::string&) { fm.vdJobStatus = word; });
 }
 
 bool InboxWriter::replaceTitle(std::string_view id, std::string_view from, std::string_view to) const
 {
-    checkedId(id);
-    auto text = readText(noteURL(id));
-    auto fm = frontmatterFromText(text, std::chrono::system_clock::now());
-    if (fm.title.value_or("") != from || from == to) {
-        return false;
-    }
-    fm.title = std::string(to);
-    fm.id = std::string(id);
-    writeMarkdown(fm, bodyFromText(text));
-    return true;
+    return editNote(id, [&](Frontmatter& fm, std::string&) {
+        if (fm.title.value_or("") == from && from != to) {
+            fm.title = std::string(to);
+        }
+    });
 }
 
 InboxWriter::Frontmatter InboxWriter::readFrontmatter(const fs::path& note)
@@ -598,121 +804,16 @@ InboxWriter::Frontmatter InboxWriter::frontmatterFromText(std::string_view text,
     if (!block) {
         throw Error(Error::noFrontmatterCode, "no frontmatter block");
     }
-    Frontmatter fm;
-    fm.created = now;
-    // The block as entries: a line at the left margin with the lines indented below it (or
-    // list items, or blank lines). What the program does not know is kept verbatim, after the
-    // known key it followed, so that the user's own keys (and what other tools add) survive
-    // every rewrite of the note.
-    std::vector<std::vector<std::string_view>> entries;
-    std::string_view rest = *block;
-    while (!rest.empty()) {
-        size_t end = rest.find('\n');
-        std::string_view line = rest.substr(0, end);
-        rest = end == std::string_view::npos ? std::string_view() : rest.substr(end + 1);
-        bool below = trim(line).empty() || isBlank(line.front()) || line.front() == '-';
-        if (below && !entries.empty()) {
-            entries.back().push_back(line);
-        } else if (!below) {
-            entries.push_back({line});
-        }
-    }
-    auto keyAndValue = [](std::string_view line) -> std::pair<std::string_view, std::string_view> {
-        std::string_view trimmed = trim(line);
-        size_t colon = trimmed.find(':');
-        if (colon == std::string_view::npos) {
-            return {};
-        }
-        return {trim(trimmed.substr(0, colon)), trim(trimmed.substr(colon + 1))};
-    };
-    auto joined = [](auto first, auto last) {
-        std::string text(*first);
-        for (auto it = first + 1; it < last; ++it) {
-            text += '\n';
-            text += *it;
-        }
-        return text;
-    };
-    // Blank lines at the end of an entry are spacing, not part of it.
-    auto lastLine = [](const std::vector<std::string_view>& lines, size_t from) {
-        size_t last = lines.size();
-        while (last > from && trim(lines[last - 1]).empty()) {
-            --last;
-        }
-        return last;
-    };
-    std::string anchor;
-    for (const auto& lines : entries) {
-        auto [key, value] = keyAndValue(lines.front());
-        if (key.empty() || !isKnownTopLevel(key)) {
-            fm.kept.emplace_back(anchor, joined(lines.begin(), lines.begin() + lastLine(lines, 1)));
-            continue;
-        }
-        anchor = key;
-        setTopLevel(fm, key, value);
-        if (key != "source") {
-            continue;  // what another key has below it was never the program's to keep
-        }
-        // The source map: its known keys are read (at any depth, as always), anything else is
-        // kept with the lines indented deeper below it.
-        // "source." is the top of the map; "source" (a top-level key's anchor) its end.
-        std::string inner = "source.";
-        bool open = false;
-        for (size_t i = 1; i < lastLine(lines, 1); ++i) {
-            auto line = lines[i];
-            auto [innerKey, innerValue] = keyAndValue(line);
-            if (line.starts_with("  ") && !innerKey.empty() && isKnownSourceKey(innerKey)) {
-                inner = "source." + std::string(innerKey);
-                setSource(fm, innerKey, innerValue);
-                open = false;
-                continue;
-            }
-            auto trimmed = trim(line);
-            if (open && (line.starts_with("   ") || trimmed.empty() || trimmed.starts_with('-'))) {
-                fm.kept.back().second += '\n';
-                fm.kept.back().second += line;
-                continue;
-            }
-            fm.kept.emplace_back(inner, std::string(line));
-            open = true;
-        }
-    }
-    return fm;
+    return frontmatterOf(parseBlock(*block), now);
 }
 
 std::optional<std::string> InboxWriter::extractFrontmatter(std::string_view text)
 {
-    if (!text.starts_with("---")) {
+    auto layout = NoteText::layoutOf(text);
+    if (!layout) {
         return std::nullopt;
     }
-    size_t end = text.find(kDelimiter, 3);
-    if (end == std::string_view::npos) {
-        return std::nullopt;
-    }
-    return std::string(text.substr(3, end - 3));
-}
-
-std::vector<std::string> InboxWriter::parseInlineList(std::string_view value)
-{
-    value = trim(value);
-    std::vector<std::string> items;
-    if (value.size() < 2 || value.front() != '[' || value.back() != ']') {
-        return items;
-    }
-    std::string_view inner = value.substr(1, value.size() - 2);
-    for (;;) {
-        size_t comma = inner.find(',');
-        std::string_view item = trim(inner.substr(0, comma));
-        auto text = *unquoted(item);
-        if (!text.empty()) {
-            items.push_back(std::move(text));
-        }
-        if (comma == std::string_view::npos) {
-            break;
-        }
-        inner.remove_prefix(comma + 1);
-    }
-    return items;
+    return std::string(text.substr(layout->blockBegin, layout->blockEnd - layout->blockBegin));
 }
 
 std::string InboxWriter::readBody(const fs::path& note)
@@ -722,11 +823,11 @@ std::string InboxWriter::readBody(const fs::path& note)
 
 std::string InboxWriter::bodyFromText(std::string_view text)
 {
-    size_t at = text.find(kDelimiter, 3);
-    if (at == std::string_view::npos) {
+    auto layout = NoteText::layoutOf(text);
+    if (!layout) {
         return std::string(text);
     }
-    std::string_view body = text.substr(at + kDelimiter.size());
+    std::string_view body = text.substr(layout->bodyBegin);
     while (size_t length = lineBreakLength(body)) {
         body.remove_prefix(length);
     }
@@ -737,55 +838,30 @@ std::string InboxWriter::renderMarkdown(const Frontmatter& fm, std::string_view 
 {
     std::string out;
     out.reserve(512 + body.size());
-    // The kept lines go back after the key they followed; those whose key is not written
-    // now go at the end of their map.
-    std::vector<bool> placed(fm.kept.size(), false);
-    auto placeKept = [&](auto belongs) {
-        for (size_t i = 0; i < fm.kept.size(); ++i) {
-            if (!placed[i] && belongs(fm.kept[i].first)) {
-                placed[i] = true;
-                out += fm.kept[i].second;
-                out += '\n';
-            }
-        }
-    };
     auto line = [&](std::string_view key, std::string_view value) {
         out += key;
         out += value;
         out += '\n';
-        if (fm.kept.empty() || key == "---") {
-            return;
-        }
-        // "  type: " follows the key "source.type", "title: " the key "title"; the lines at
-        // the top of the source map follow "source:" ("source."), while the top-level lines
-        // that followed the map ("source") go after the whole map.
-        std::string anchor = key.starts_with("  ") ? "source." : "";
-        anchor += trim(key.substr(0, key.find(':')));
-        if (anchor == "source") {
-            anchor = "source.";
-        }
-        placeKept([&](const std::string& after) { return after == anchor; });
     };
     line("---", "");
-    placeKept([](const std::string& after) { return after.empty(); });
-    line("id: ", unquotedValue(fm.id));
+    line("id: ", plainValue(fm.id));
     line("created: ", Iso8601::format(fm.created));
-    line("classification: ", unquotedValue(fm.classification));
-    line("status: ", unquotedValue(fm.status));
-    line("confidence: ", unquotedValue(fm.confidence));
+    line("classification: ", plainValue(fm.classification));
+    line("status: ", plainValue(fm.status));
+    line("confidence: ", plainValue(fm.confidence));
     line("source:", "");
-    line("  type: ", unquotedValue(fm.sourceType));
-    line("  origin: ", unquotedValue(fm.sourceOrigin));
-    line("  audio_path: ", unquotedValue(fm.audioPath));
+    line("  type: ", plainValue(fm.sourceType));
+    line("  origin: ", plainValue(fm.sourceOrigin));
+    line("  audio_path: ", plainValue(fm.audioPath));
     if (fm.audioDurationSec) {
         line("  audio_duration_sec: ", std::to_string(*fm.audioDurationSec));
     }
-    line("  ingestion_tool: ", unquotedValue(fm.ingestionTool));
+    line("  ingestion_tool: ", plainValue(fm.ingestionTool));
     if (fm.externalId) {
         line("  external_id: ", quotedValue(*fm.externalId));
     }
     if (fm.vdJobStatus) {
-        line("  vd_job_status: ", unquotedValue(*fm.vdJobStatus));
+        line("  vd_job_status: ", plainValue(*fm.vdJobStatus));
     }
     if (fm.uploadedAt) {
         line("  uploaded_at: ", Iso8601::format(*fm.uploadedAt));
@@ -805,10 +881,8 @@ std::string InboxWriter::renderMarkdown(const Frontmatter& fm, std::string_view 
     if (fm.voiceMemosFolder) {
         line("  voice_memos_folder: ", quotedValue(*fm.voiceMemosFolder));
     }
-    placeKept([](const std::string& after) { return after.starts_with("source."); });
-    placeKept([](const std::string& after) { return after == "source"; });
     if (fm.targetSkill) {
-        line("target_skill: ", unquotedValue(*fm.targetSkill));
+        line("target_skill: ", plainValue(*fm.targetSkill));
     }
     if (fm.targetFolder) {
         line("target_folder: ", quotedValue(*fm.targetFolder));
@@ -831,7 +905,7 @@ std::string InboxWriter::renderMarkdown(const Frontmatter& fm, std::string_view 
         line("processed_at: ", Iso8601::format(*fm.processedAt));
     }
     if (fm.processedBy) {
-        line("processed_by: ", unquotedValue(*fm.processedBy));
+        line("processed_by: ", plainValue(*fm.processedBy));
     }
     if (fm.outputFile) {
         line("output_file: ", quotedValue(*fm.outputFile));
@@ -839,7 +913,6 @@ std::string InboxWriter::renderMarkdown(const Frontmatter& fm, std::string_view 
     if (fm.archivedTo) {
         line("archived_to: ", quotedValue(*fm.archivedTo));
     }
-    placeKept([](const std::string&) { return true; });
     line("---", "");
     out += '\n';
     out += body;
@@ -848,20 +921,36 @@ std::string InboxWriter::renderMarkdown(const Frontmatter& fm, std::string_view 
 
 std::string InboxWriter::yamlString(std::string_view value)
 {
-    std::string lower(value);
-    std::transform(lower.begin(), lower.end(), lower.begin(),
-                   [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
-    // A tab at either end counts as a blank too: a reader trims it, so it must be quoted to
-    // come back.
-    bool quote = value.empty() || value.find_first_of(":#\"") != std::string_view::npos || isBlank(value.front()) ||
-                 isBlank(value.back()) || yamlReservedWords().contains(lower);
-    if (!quote) {
-        return std::string(value);
+    auto points = Utf8::codePoints(value);
+    auto text = Utf8::encoded(points);
+    if (!needsQuotes(text, points)) {
+        return text;
     }
-    std::string escaped(value);
-    replaceAll(escaped, "\\", "\\\\");
-    replaceAll(escaped, "\"", "\\\"");
-    return "\"" + escaped + "\"";
+    std::string out = "\"";
+    for (char32_t c : points) {
+        switch (c) {
+        case U'"': out += "\\\""; break;
+        case U'\\': out += "\\\\"; break;
+        case U'\0': out += "\\0"; break;
+        case U'\t': out += "\\t"; break;
+        case U'\n': out += "\\n"; break;
+        case U'\r': out += "\\r"; break;
+        case 0x1B: out += "\\e"; break;
+        case 0x85: out += "\\N"; break;
+        case 0x2028: out += "\\L"; break;
+        case 0x2029: out += "\\P"; break;
+        default:
+            if (isPrintable(c)) {
+                out += Utf8::encoded(std::u32string_view(&c, 1));
+            } else {
+                char escape[12];
+                std::snprintf(escape, sizeof escape, c <= 0xFF ? "\\x%02X" : "\\u%04X", static_cast<unsigned>(c));
+                out += escape;
+            }
+        }
+    }
+    out += '"';
+    return out;
 }
 
 } // namespace quillet

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <functional>
 #include <cstdint>
 #include <filesystem>
 #include <optional>
@@ -32,6 +33,7 @@ public:
         static constexpr std::string_view domain = "InboxWriter";
         static constexpr int noFrontmatterCode = 1;
         static constexpr int invalidIdCode = 2;
+        static constexpr int notYamlCode = 3;
 
         Error(int code, const std::string& description) : std::runtime_error(description), code_(code) {}
         int code() const { return code_; }
@@ -69,13 +71,6 @@ public:
         std::optional<std::string> processedBy;
         std::optional<std::string> outputFile;
         std::optional<std::string> archivedTo;
-        /// The lines of the block that are none of the keys above (keys that the user or
-        /// another tool added, with their nested lines, and comments), verbatim, each with the
-        /// known key it followed: "" for the top of the block, "source" for the top of the
-        /// source map, "source.<key>" inside it, else the top-level key. Rendering puts them
-        /// back after that key.
-        std::vector<std::pair<std::string, std::string>> kept;
-
         bool operator==(const Frontmatter&) const = default;
 
         /// The frontmatter of a new capture `id` made at `created`: every default, and the
@@ -128,62 +123,75 @@ public:
     /// "." or "..", or holds a slash, a NUL or a line break, and so names no note in the inbox.
     void writeMarkdown(const Frontmatter& frontmatter, std::string_view body) const;
 
-    /// Writes a transcript into the note of `id`: reads its frontmatter (a new capture's when
-    /// that fails for any reason), sets the job status "done" and the cache key, the title
-    /// `llmTitle` only when the note has none, appends the `tags` it lacks, sets the duration
-    /// when given, and writes the note with `transcript` as its body. Text in the body that
-    /// the program did not write (typed under a stub while the transcript was pending) is kept
-    /// below the transcript, after a blank line; a body that already begins with `transcript`
-    /// stays as it is. `language` is accepted and not written. Throws as writeMarkdown.
+    /// Edits the existing note of `id` in place: lets `change` alter its frontmatter's values
+    /// and its body, then changes in the file only the keys whose values changed (each on its
+    /// own lines, added at the end of its map when missing) and the body when it changed, so
+    /// that every other byte stays as the person left it. When the note changes on disk while
+    /// the edit is made (an editor saved it), the edit is made again on the new text. Writes
+    /// nothing when nothing changed; returns true when it wrote. Throws std::system_error when
+    /// the note cannot be read or written, `Error` (noFrontmatterCode, notYamlCode) when it
+    /// cannot be parsed: the file is then left exactly as it is.
+    using Change = std::function<void(Frontmatter&, std::string& body)>;
+    bool editNote(std::string_view id, const Change& change) const;
+
+    /// Writes a transcript into the note of `id`, in place (editNote): sets the job status
+    /// "done" and the cache key, the title `llmTitle` only when the note has none, appends the
+    /// `tags` it lacks, sets the duration when given, and puts `transcript` at the top of the
+    /// body. Text in the body that the program did not write (typed under a stub while the
+    /// transcript was pending) stays below the transcript, after a blank line; a body that
+    /// already begins with `transcript` stays as it is. A note that does not exist is written
+    /// anew. `language` is accepted and not written. Throws as editNote.
     void writeTranscript(std::string_view id, std::string_view transcript, std::string_view vdCacheKey,
                          const std::optional<std::string>& language, std::optional<std::int64_t> durationSec,
                          const std::optional<std::string>& llmTitle, const std::vector<std::string>& tags) const;
 
-    /// Sets the note's job status to `status` (with line breaks removed) and writes it back
-    /// with the same body; writes nothing when the status is already that. Throws what reading
-    /// (std::system_error, `Error`) or writing throws.
+    /// Writes `transcript` beside the note of `id` that cannot be parsed, where the person
+    /// finds it: "_inbox/<id>.transcript.md" (a name the program never reads as a note),
+    /// replacing an earlier one. Returns its path. Throws std::system_error.
+    std::filesystem::path writeTranscriptBeside(std::string_view id, std::string_view transcript) const;
+
+    /// Sets the note's job status to `status` (with line breaks removed), in place; writes
+    /// nothing when the status is already that. Throws as editNote.
     void updateVDJobStatus(std::string_view id, std::string_view status) const;
 
     /// Gives the note of `id` the title `to` when its title is `from` (no title counts as
     /// ""), keeping everything else; a title that is anything else is the person's and stays.
-    /// True when the note was written. Throws what reading or writing throws.
+    /// True when the note was written. Throws as editNote.
     bool replaceTitle(std::string_view id, std::string_view from, std::string_view to) const;
 
-    /// The frontmatter of the note at `note`. Keys missing from the block keep the member
-    /// defaults of `Frontmatter`, except that `created` defaults to now and `audioPath` to "".
-    /// Throws std::system_error when the file cannot be read, `Error` (code 1, "no frontmatter
-    /// block") when the text has no frontmatter block.
+    /// The frontmatter of the note at `note`, read as YAML (block and flow lists, block
+    /// scalars, any quoting, comments). Keys missing from the block keep the member defaults of
+    /// `Frontmatter`, except that `created` defaults to now and `audioPath` to "". Throws
+    /// std::system_error when the file cannot be read, `Error` (noFrontmatterCode) when the
+    /// text has no frontmatter block, `Error` (notYamlCode) when the block is not YAML or not a
+    /// map of keys.
     static Frontmatter readFrontmatter(const std::filesystem::path& note);
 
     /// The same from the note's text, with `now` as the default of `created`.
     static Frontmatter frontmatterFromText(std::string_view text, TimePoint now);
 
-    /// The text between the opening "---" at the very start of `text` and the first line feed
-    /// followed by "---" after it; absent when either is missing.
+    /// The text between the opening "---" line at the very start of `text` and the next "---"
+    /// line; absent when either is missing.
     static std::optional<std::string> extractFrontmatter(std::string_view text);
 
-    /// The items of an inline YAML list "[a, "b", c]": split at every comma (quotes do not
-    /// protect commas), trimmed, unquoted, empty items dropped. Anything that is not
-    /// "[" ... "]" gives no items.
-    static std::vector<std::string> parseInlineList(std::string_view value);
-
-    /// The body of the note at `note`: everything after the first line feed followed by "---"
-    /// at or after its fourth character, without the line breaks that lead it; the whole text
-    /// when there is no such delimiter. Throws std::system_error when the file cannot be read.
+    /// The body of the note at `note`: everything after the closing "---" line of its
+    /// frontmatter, without the line breaks that lead it; the whole text when it has no
+    /// frontmatter block. Throws std::system_error when the file cannot be read.
     static std::string readBody(const std::filesystem::path& note);
 
     /// The same from the note's text.
     static std::string bodyFromText(std::string_view text);
 
-    /// The whole text of a note: the frontmatter lines between "---" lines (the kept lines
-    /// after the key they followed; those whose key is no longer written at the end of their
-    /// map), an empty line, then `body` unchanged, joined with line feeds and no line feed
-    /// added at the end.
+    /// The whole text of a new note: the frontmatter lines between "---" lines, an empty line,
+    /// then `body` unchanged, joined with line feeds and no line feed added at the end.
     static std::string renderMarkdown(const Frontmatter& frontmatter, std::string_view body);
 
-    /// `value` as a YAML value: in double quotes, with backslashes and double quotes escaped,
-    /// when it holds a colon, a number sign or a double quote, starts or ends with a blank,
-    /// is empty or is a reserved word; otherwise as it is.
+    /// `value` as a YAML scalar that every YAML reader (1.2 and 1.1) reads back as this same
+    /// text: as it is when that is safe (it starts with a letter, a digit or a character
+    /// beyond ASCII, holds only printable characters and none of : # , [ ] { } " ' ` \,
+    /// does not end with a blank, and does not read as a null, a boolean, a number or a
+    /// date); otherwise in double quotes with YAML's escapes. Bytes that are not UTF-8 become
+    /// U+FFFD first.
     static std::string yamlString(std::string_view value);
 
 private:
