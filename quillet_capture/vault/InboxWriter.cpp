@@ -292,7 +292,7 @@ bool needsQuotes(std::string_view text, std::u32string_view points)
     if (!std::all_of(points.begin(), points.end(), isPrintable)) {
         return true;
     }
-    if (text.find_first_of(":#,[]{}\"\\`") != std::string_view::npos) {
+    if (text.find_first_of(":#,[]{}\"`?") != std::string_view::npos) {
         return true;
     }
     std::string lower(text);
@@ -677,6 +677,55 @@ void applyChanges(NoteText& note, const Frontmatter& before, const Frontmatter& 
     text("archived_to", before.archivedTo, after.archivedTo, true);
 }
 
+// What `after` reads back as once written over `before`: the values that changed, as the
+// program writes them (line breaks gone, UTF-8 made valid, times in whole seconds).
+Frontmatter writtenForm(const Frontmatter& before, Frontmatter after)
+{
+    auto valid = [](std::string_view text) { return Utf8::encoded(Utf8::codePoints(text)); };
+    auto plain = [&](std::string& value) { value = valid(unquotedValue(value)); };
+    auto quoted = [&](std::string& value) { value = valid(withLineBreaks(value, " ")); };
+    auto seconds = [](InboxWriter::TimePoint time) { return std::chrono::floor<std::chrono::seconds>(time); };
+    for (auto member : {&Frontmatter::id, &Frontmatter::classification, &Frontmatter::status, &Frontmatter::confidence,
+                        &Frontmatter::sourceType, &Frontmatter::sourceOrigin, &Frontmatter::audioPath,
+                        &Frontmatter::ingestionTool}) {
+        if (before.*member != after.*member) {
+            plain(after.*member);
+        }
+    }
+    for (auto member : {&Frontmatter::vdJobStatus, &Frontmatter::targetSkill, &Frontmatter::processedBy}) {
+        if (before.*member != after.*member && after.*member) {
+            plain(*(after.*member));
+        }
+    }
+    for (auto member : {&Frontmatter::externalId, &Frontmatter::recorderSource, &Frontmatter::recorderMicrophone,
+                        &Frontmatter::recorderChannelLayout, &Frontmatter::voiceMemosId, &Frontmatter::voiceMemosFolder,
+                        &Frontmatter::targetFolder, &Frontmatter::title, &Frontmatter::outputFile,
+                        &Frontmatter::archivedTo}) {
+        if (before.*member != after.*member && after.*member) {
+            quoted(*(after.*member));
+        }
+    }
+    if (before.tags != after.tags) {
+        std::vector<std::string> tags;
+        for (auto tag : after.tags) {
+            quoted(tag);
+            if (auto trimmed = trim(tag); !trimmed.empty()) {
+                tags.emplace_back(trimmed);
+            }
+        }
+        after.tags = std::move(tags);
+    }
+    if (before.created != after.created) {
+        after.created = seconds(after.created);
+    }
+    for (auto member : {&Frontmatter::uploadedAt, &Frontmatter::processedAt}) {
+        if (before.*member != after.*member && after.*member) {
+            after.*member = seconds(*(after.*member));
+        }
+    }
+    return after;
+}
+
 } // namespace
 
 bool InboxWriter::editNote(std::string_view id, const Change& change) const
@@ -694,7 +743,8 @@ bool InboxWriter::editNote(std::string_view id, const Change& change) const
         } catch (const NoteText::Unparseable& problem) {
             throwUnparseable(problem);
         }
-        auto before = frontmatterOf(parseBlock(note->block()), std::chrono::system_clock::now());
+        const auto now = std::chrono::system_clock::now();
+        auto before = frontmatterOf(parseBlock(note->block()), now);
         auto after = before;
         std::string body(note->body());
         const std::string bodyBefore = body;
@@ -709,6 +759,16 @@ bool InboxWriter::editNote(std::string_view id, const Change& change) const
         }
         if (note->text() == original) {
             return false;
+        }
+        // The edited block must read back as the values asked for, every other value as it
+        // was: a layout the line edits do not understand is refused, never written.
+        std::optional<Frontmatter> readBack;
+        try {
+            readBack = frontmatterOf(parseBlock(note->block()), now);
+        } catch (const Error&) {
+        }
+        if (!readBack || !(*readBack == writtenForm(before, after))) {
+            throw Error(Error::notYamlCode, "the frontmatter cannot be edited in place");
         }
         bool written = writeFileAtomically(file, note->text(), 0644, Durability::flushed, [&] {
             auto now = readWholeFile(file);
@@ -936,15 +996,13 @@ std::string InboxWriter::yamlString(std::string_view value)
         case U'\n': out += "\\n"; break;
         case U'\r': out += "\\r"; break;
         case 0x1B: out += "\\e"; break;
-        case 0x85: out += "\\N"; break;
-        case 0x2028: out += "\\L"; break;
-        case 0x2029: out += "\\P"; break;
         default:
             if (isPrintable(c)) {
                 out += Utf8::encoded(std::u32string_view(&c, 1));
             } else {
                 char escape[12];
-                std::snprintf(escape, sizeof escape, c <= 0xFF ? "\\x%02X" : "\\u%04X", static_cast<unsigned>(c));
+                // \x only below 0x80: some readers take \x80 and above for a byte, not a code point.
+                std::snprintf(escape, sizeof escape, c < 0x80 ? "\\x%02X" : "\\u%04X", static_cast<unsigned>(c));
                 out += escape;
             }
         }

@@ -10,6 +10,9 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -76,6 +79,44 @@ std::string phaseOf(const std::string& message)
 // left and every file of the program still readable. The number of kills is
 // QUILLET_CRASH_KILLS (a handful in the ordinary suite; scripts/crash-test runs 200), the
 // random seed QUILLET_CRASH_SEED (printed, so a failing run can be repeated).
+// The person's edit of a random note of the inbox, made as an editor saves (truncate and
+// write): a key of their own after the opening "---" and a line at the end; what was added is
+// kept in `edits` to be found again at the end.
+void personEdits(CaptureAgentHarness& agent, std::mt19937& random, std::map<std::string, std::vector<std::string>>& edits)
+{
+    std::vector<fs::path> notes;
+    std::error_code error;
+    for (const auto& entry : fs::directory_iterator(agent.inbox(), error)) {
+        auto name = entry.path().filename().string();
+        if (name.ends_with(".md") && !name.ends_with(".transcript.md") && !name.starts_with(".")) {
+            notes.push_back(entry.path());
+        }
+    }
+    if (notes.empty()) {
+        return;
+    }
+    const auto note = notes[random() % notes.size()];
+    auto text = test::readFile(note);
+    if (!text.starts_with("---\n")) {
+        return;
+    }
+    const std::string id = note.stem().string();
+    const std::string key = "reviewed_" + std::to_string(edits[id].size()) + ": by me\n";
+    const std::string line = "Words typed during kill " + std::to_string(random() % 100000) + ".";
+    text.insert(4, key);
+    text += "\n" + line + "\n";
+    int fd = ::open(note.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC);
+    if (fd < 0) {
+        return;
+    }
+    bool written = ::write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+    ::close(fd);
+    if (written) {
+        edits[id].push_back(key.substr(0, key.size() - 1));
+        edits[id].push_back(line);
+    }
+}
+
 TEST(CrashConsistency, EveryRecordingIsCapturedOnceWhereverTheAgentIsKilled)
 {
     const int kills = environmentNumber("QUILLET_CRASH_KILLS", 6);
@@ -109,6 +150,7 @@ TEST(CrashConsistency, EveryRecordingIsCapturedOnceWhereverTheAgentIsKilled)
     agent.library();
 
     int next = 100;
+    std::map<std::string, std::vector<std::string>> edits;  // note id -> lines the person added
     std::map<std::string, int> phases;
     int midUpload = 0;
     int leftoverKills = 0;
@@ -161,6 +203,14 @@ TEST(CrashConsistency, EveryRecordingIsCapturedOnceWhereverTheAgentIsKilled)
             agent.drop(next++);
             delay -= first;
         }
+        if (chance(0.5)) {
+            // The person edits a note while the agent may be writing its status or transcript:
+            // a key of their own at the top of the block and a line under the text.
+            double first = uniform(0, delay);
+            std::this_thread::sleep_for(std::chrono::duration<double>(first));
+            delay -= first;
+            personEdits(agent, random, edits);
+        }
         std::this_thread::sleep_for(std::chrono::duration<double>(delay));
         bool uploading = agent.uploadsInFlight() > 0;
         agent.kill();
@@ -207,6 +257,12 @@ TEST(CrashConsistency, EveryRecordingIsCapturedOnceWhereverTheAgentIsKilled)
     EXPECT_TRUE(done) << "not every capture was done after " << budget << " s; agent output:\n"
                       << output.substr(output.size() > 20000 ? output.size() - 20000 : 0);
     agent.expectConsistent(true);
+    for (const auto& [id, lines] : edits) {
+        auto text = test::readFile(agent.inbox() / (id + ".md"));
+        for (const auto& line : lines) {
+            EXPECT_NE(text.find(line), std::string::npos) << "the person's \"" << line << "\" is gone from\n" << text;
+        }
+    }
 }
 
 // Two recordings that begin in the same second get one canonical id: Voice Memos names the

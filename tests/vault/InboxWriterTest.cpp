@@ -142,7 +142,21 @@ TEST(InboxWriterRender, YamlQuoting)
     EXPECT_EQ(InboxWriter::yamlString(""), "\"\"");
     EXPECT_EQ(InboxWriter::yamlString(" lead"), "\" lead\"");
     EXPECT_EQ(InboxWriter::yamlString("trail "), "\"trail \"");
-    EXPECT_EQ(InboxWriter::yamlString("\ttab"), "\"\ttab\"");
+    EXPECT_EQ(InboxWriter::yamlString("\ttab"), "\"\\ttab\"");
+    // Whatever a YAML reader would take for something else: an indicator at the start, a
+    // number, a date, a control character.
+    for (const char* indicator : {"[x", "]x", "&co meeting", "*x", "- x", "-x", "!x", "%x", "@x", "|x", ">x", "'x",
+                                  "{x", "?x", ".inf", "+1", "=", "<<"}) {
+        EXPECT_EQ(InboxWriter::yamlString(indicator).front(), '"') << indicator;
+    }
+    for (const char* number : {"123", "1.5", "1e3", "0x1F", "0o17", "0b101", "1_000", "2024-01-31", "2024-1-3 10:00"}) {
+        EXPECT_EQ(InboxWriter::yamlString(number), "\"" + std::string(number) + "\"");
+    }
+    EXPECT_EQ(InboxWriter::yamlString(std::string_view("a\0b\x1B\x7F", 5)), "\"a\\0b\\e\\x7F\"");
+    EXPECT_EQ(InboxWriter::yamlString("bad \xFF byte"), "bad \xEF\xBF\xBD byte") << "U+FFFD in its place";
+    for (const char* plain : {"240131-142530", "Meeting 2", "voice-memo", "_inbox/.audio/a.m4a", "/transcript", "3 things"}) {
+        EXPECT_EQ(InboxWriter::yamlString(plain), plain);
+    }
     EXPECT_EQ(InboxWriter::yamlString("yesterday"), "yesterday");
     EXPECT_EQ(InboxWriter::yamlString("it's fine"), "it's fine");
     EXPECT_EQ(InboxWriter::yamlString("r\xC3\xA4ksm\xC3\xB6rg\xC3\xA5s"), "r\xC3\xA4ksm\xC3\xB6rg\xC3\xA5s");
@@ -206,31 +220,31 @@ TEST(InboxWriterRead, HandEditsAndOtherTools)
                                                "  type: nested-elsewhere\r\n"
                                                "source:\r\n"
                                                "  type: audio_capture\r\n"
-                                               "    origin: deeper still counts\r\n"
+                                               "  origin:\r\n"
+                                               "    deeper: is not the origin\r\n"
                                                "  audio_duration_sec: 12.5\r\n"
                                                "  uploaded_at: 2024-13-01T00:00:00Z\r\n"
                                                "  external_id: null\r\n"
                                                "  vd_job_status: \"null\"\r\n"
                                                "  unknown: 1\r\n"
-                                               "  no colon here\r\n"
                                                "title:    spaced   \r\n"
-                                               "tags: [a, \"b, c\", , \"\"]\r\n"
+                                               "tags: [a, \"b, c\", \"\"]\r\n"
                                                "status: a:b:c\r\n"
                                                "confidence:\r\n"
                                                "---\r\n\r\nBody\r\n",
                                                now);
-    EXPECT_EQ(fm.id, "'single'");
+    EXPECT_EQ(fm.id, "single");
     EXPECT_EQ(fm.created, now);
     EXPECT_EQ(fm.sourceType, "audio_capture");
-    EXPECT_EQ(fm.sourceOrigin, "deeper still counts");
+    EXPECT_EQ(fm.sourceOrigin, "voice_memo") << "a map where a text belongs counts as no value";
     EXPECT_FALSE(fm.audioDurationSec.has_value());
     EXPECT_FALSE(fm.uploadedAt.has_value());
     EXPECT_FALSE(fm.externalId.has_value());
     EXPECT_EQ(fm.vdJobStatus, "null");
     EXPECT_EQ(fm.title, "spaced");
-    EXPECT_EQ(fm.tags, (std::vector<std::string>{"a", "\"b", "c\""}));
+    EXPECT_EQ(fm.tags, (std::vector<std::string>{"a", "b, c"}));
     EXPECT_EQ(fm.status, "a:b:c");
-    EXPECT_EQ(fm.confidence, "");
+    EXPECT_EQ(fm.confidence, "high") << "an empty value is no value";
 }
 
 TEST(InboxWriterRead, NumbersAndDates)
@@ -253,7 +267,7 @@ TEST(InboxWriterRead, NumbersAndDates)
 
 TEST(InboxWriterRead, FrontmatterBlockBoundaries)
 {
-    EXPECT_EQ(InboxWriter::extractFrontmatter("---\nid: a\n---\nbody"), "\nid: a");
+    EXPECT_EQ(InboxWriter::extractFrontmatter("---\nid: a\n---\nbody"), "id: a\n");
     EXPECT_EQ(InboxWriter::extractFrontmatter("---\n---\n"), "");
     EXPECT_EQ(InboxWriter::extractFrontmatter("---"), std::nullopt);
     EXPECT_EQ(InboxWriter::extractFrontmatter("---\nid: a\n"), std::nullopt);
@@ -272,18 +286,43 @@ TEST(InboxWriterRead, FrontmatterBlockBoundaries)
     }
 }
 
-TEST(InboxWriterRead, InlineLists)
+// What people's editors write: block lists (Obsidian), lists on one line, one text with
+// commas, block scalars, every quoting, comments, CRLF line ends.
+TEST(InboxWriterRead, TheYamlThatEditorsWrite)
 {
     using List = std::vector<std::string>;
-    EXPECT_EQ(InboxWriter::parseInlineList("[a, b,c]"), (List{"a", "b", "c"}));
-    EXPECT_EQ(InboxWriter::parseInlineList("[\"x, y\", z]"), (List{"\"x", "y\"", "z"}));
-    EXPECT_EQ(InboxWriter::parseInlineList("[\"a\\\"b\", \"\"]"), (List{"a\"b"}));
-    EXPECT_EQ(InboxWriter::parseInlineList("[]"), List{});
-    EXPECT_EQ(InboxWriter::parseInlineList("[ , ,]"), List{});
-    EXPECT_EQ(InboxWriter::parseInlineList("a, b"), List{});
-    EXPECT_EQ(InboxWriter::parseInlineList("[a, b"), List{});
-    EXPECT_EQ(InboxWriter::parseInlineList("["), List{});
-    EXPECT_EQ(InboxWriter::parseInlineList("- a"), List{});
+    auto read = [](const std::string& block) { return InboxWriter::frontmatterFromText("---\n" + block + "---\n", {}); };
+    EXPECT_EQ(read("tags:\n  - important-project\n  - \"a, b\"\n").tags, (List{"important-project", "a, b"}));
+    EXPECT_EQ(read("tags:\n- one\n- two # a comment\n").tags, (List{"one", "two"}));
+    EXPECT_EQ(read("tags: [a, 'b c', \"d\\\"e\"]\n").tags, (List{"a", "b c", "d\"e"}));
+    EXPECT_EQ(read("tags: one, two ,three\n").tags, (List{"one", "two", "three"}));
+    EXPECT_EQ(read("tags: []\n").tags, List{});
+    EXPECT_EQ(read("tags:\n").tags, List{});
+    auto fm = read("title: |\n  First line\n  second line\nid: x # mine\nsource:\n  vd_job_status: 'processing'\n"
+                   "  external_id: \"DOC_1:2\"\n");
+    EXPECT_EQ(fm.title, "First line\nsecond line\n");
+    EXPECT_EQ(fm.id, "x");
+    EXPECT_EQ(fm.vdJobStatus, "processing");
+    EXPECT_EQ(fm.externalId, "DOC_1:2");
+    EXPECT_EQ(read("title: >-\n  folded\n  text\n").title, "folded text");
+    EXPECT_EQ(read("title: null\n").title, std::nullopt);
+    EXPECT_EQ(read("title: ~\n").title, std::nullopt);
+    EXPECT_EQ(read("title: '&co meeting'\n").title, "&co meeting");
+    auto crlf = InboxWriter::frontmatterFromText("---\r\nid: a\r\ntags:\r\n  - x\r\n---\r\nbody", {});
+    EXPECT_EQ(crlf.id, "a");
+    EXPECT_EQ(crlf.tags, List{"x"});
+
+    // Text that is not YAML, or not a map of keys, is an error of its own: such a note is the
+    // person's to fix, never to be replaced.
+    for (const char* block : {"title: [unclosed\n", "id: a\n\tindented: with a tab\n", "- a list\n- of items\n",
+                              "just words\n", "a: 1\na: [\n"}) {
+        try {
+            read(block);
+            ADD_FAILURE() << "no error for: " << block;
+        } catch (const InboxWriter::Error& error) {
+            EXPECT_EQ(error.code(), InboxWriter::Error::notYamlCode) << block;
+        }
+    }
 }
 
 TEST(InboxWriterRead, Body)
@@ -292,8 +331,8 @@ TEST(InboxWriterRead, Body)
     EXPECT_EQ(InboxWriter::bodyFromText("---\nid: a\n---"), "");
     EXPECT_EQ(InboxWriter::bodyFromText("---\nid: a\n---\r\n\v\f\xC2\x85\xE2\x80\xA8\xE2\x80\xA9\n  indented"), "  indented");
     EXPECT_EQ(InboxWriter::bodyFromText("just text\nno frontmatter"), "just text\nno frontmatter");
-    EXPECT_EQ(InboxWriter::bodyFromText("abc\n---x"), "x");
-    EXPECT_EQ(InboxWriter::bodyFromText("ab\n---x"), "ab\n---x") << "the delimiter counts from the fourth character";
+    EXPECT_EQ(InboxWriter::bodyFromText("---\nid: a\n---x\n---\nbody"), "body") << "a delimiter is a whole line";
+    EXPECT_EQ(InboxWriter::bodyFromText("abc\n---\nx"), "abc\n---\nx") << "the block opens on the first line";
     EXPECT_EQ(InboxWriter::bodyFromText(""), "");
 }
 
@@ -479,7 +518,7 @@ TEST(InboxWriterVault, KeysAndLinesThatTheProgramDoesNotKnowAreKeptInPlace)
         edited.insert(at + line.size(), added);
     };
     insertAfter("id: 240131-132530\n", "project: apollo\n# keep this\n");
-    insertAfter("  origin: voice_memo\n", "  device: \"Pixel 8\"\n    model: 8a\n");
+    insertAfter("  origin: voice_memo\n", "  device:\n    name: \"Pixel 8\"\n    model: 8a\n");
     insertAfter("target_skill: /transcript\n", "aliases:\n  - Apollo kickoff\n  - kickoff\n");
     // A key of the user's right after the source map stays after the whole map.
     insertAfter("  vd_job_status: queued\n", "owner: me\n");
@@ -495,9 +534,9 @@ TEST(InboxWriterVault, KeysAndLinesThatTheProgramDoesNotKnowAreKeptInPlace)
     f.writer.writeTranscript("240131-132530", "The transcript.", "DOC_1", "en", 61, "Kickoff", {"meeting"});
     auto done = test::readFile(f.note("240131-132530"));
     for (const char* kept : {"\nid: 240131-132530\nproject: apollo\n# keep this\ncreated: ",
-                             "\n  origin: voice_memo\n  device: \"Pixel 8\"\n    model: 8a\n  audio_path: ",
+                             "\n  origin: voice_memo\n  device:\n    name: \"Pixel 8\"\n    model: 8a\n  audio_path: ",
                              "\ntarget_skill: /transcript\naliases:\n  - Apollo kickoff\n  - kickoff\ntitle: Kickoff\n",
-                             "\n  external_id: DOC_1\n  vd_job_status: done\nowner: me\ntarget_skill: ",
+                             "\n  vd_job_status: done\n  audio_duration_sec: 61\n  external_id: DOC_1\nowner: me\ntarget_skill: ",
                              "\n---\n\nThe transcript.\n\nMy own words."}) {
         EXPECT_NE(done.find(kept), std::string::npos) << kept << "\nin\n" << done;
     }
@@ -507,25 +546,52 @@ TEST(InboxWriterVault, KeysAndLinesThatTheProgramDoesNotKnowAreKeptInPlace)
     EXPECT_EQ(back.targetSkill, "/transcript");
 }
 
-TEST(InboxWriterVault, TranscriptWithoutAReadableNoteStartsANewOne)
+// A missing note is written anew; a note that does not parse is the person's file and is
+// never replaced: every edit refuses it and leaves it byte for byte, and the transcript can
+// wait beside it.
+TEST(InboxWriterVault, ANoteThatDoesNotParseIsNeverReplaced)
 {
     VaultFixture f;
-    f.writer.ensureDirectories();
-    test::writeFile(f.note("broken"), "no frontmatter at all");
-    for (const char* id : {"missing", "broken"}) {
-        auto before = std::chrono::system_clock::now() - std::chrono::seconds(1);
-        f.writer.writeTranscript(id, "Words.", "KEY", std::nullopt, std::nullopt, "Title: proposed", {"t"});
-        auto fm = InboxWriter::readFrontmatter(f.note(id));
-        EXPECT_EQ(fm.id, id);
-        EXPECT_EQ(fm.audioPath, "_inbox/.audio/" + std::string(id) + ".m4a");
-        EXPECT_EQ(fm.title, "Title: proposed");
-        EXPECT_EQ(fm.tags, std::vector<std::string>{"t"});
-        EXPECT_EQ(fm.vdJobStatus, "done");
-        EXPECT_EQ(fm.status, "pending");
-        EXPECT_FALSE(fm.audioDurationSec.has_value());
-        EXPECT_GE(fm.created, before);
-        EXPECT_EQ(InboxWriter::readBody(f.note(id)), "Words.");
+    f.writer.writeTranscript("missing", "Words.", "KEY", std::nullopt, std::nullopt, "Title: proposed", {"t"});
+    auto fm = InboxWriter::readFrontmatter(f.note("missing"));
+    EXPECT_EQ(fm.id, "missing");
+    EXPECT_EQ(fm.audioPath, "_inbox/.audio/missing.m4a");
+    EXPECT_EQ(fm.title, "Title: proposed");
+    EXPECT_EQ(fm.tags, std::vector<std::string>{"t"});
+    EXPECT_EQ(fm.vdJobStatus, "done");
+    EXPECT_EQ(InboxWriter::readBody(f.note("missing")), "Words.");
+
+    const std::string typed = "My words, typed all morning.\n";
+    for (const std::string& broken :
+         {std::string("no frontmatter at all\n") + typed, "A line above\n---\nid: b\n---\n" + typed,
+          "---\nid: b\nsource:\n  vd_job_status: queued\n" + typed, std::string(),
+          "---\nid: b\ntitle: [unclosed\n---\n" + typed, "---\n- a list\n---\n" + typed}) {
+        test::writeFile(f.note("b"), broken);
+        auto refused = [&](auto edit) {
+            try {
+                edit();
+                ADD_FAILURE() << "no error for:\n" << broken;
+            } catch (const InboxWriter::Error& error) {
+                EXPECT_TRUE(error.code() == InboxWriter::Error::noFrontmatterCode ||
+                            error.code() == InboxWriter::Error::notYamlCode)
+                    << error.what();
+            }
+            EXPECT_EQ(test::readFile(f.note("b")), broken);
+        };
+        refused([&] { f.writer.writeTranscript("b", "Words.", "KEY", std::nullopt, 3, "T", {"t"}); });
+        refused([&] { f.writer.updateVDJobStatus("b", "processing"); });
+        refused([&] { f.writer.replaceTitle("b", "", "New"); });
     }
+    // A source map on one line cannot be edited key by key: it is refused, not rewritten.
+    const std::string flow = "---\nid: b\nsource: {vd_job_status: queued}\n---\n" + typed;
+    test::writeFile(f.note("b"), flow);
+    EXPECT_THROW(f.writer.updateVDJobStatus("b", "processing"), InboxWriter::Error);
+    EXPECT_EQ(test::readFile(f.note("b")), flow);
+
+    auto beside = f.writer.writeTranscriptBeside("b", "Words.");
+    EXPECT_EQ(beside, f.vault / "_inbox" / "b.transcript.md");
+    EXPECT_EQ(test::readFile(beside), "Words.\n");
+    EXPECT_THROW(InboxWriter::readFrontmatter(beside), InboxWriter::Error) << "never read as a note";
 }
 
 TEST(InboxWriterVault, JobStatusIsWrittenOnlyWhenItChanges)
