@@ -5,6 +5,7 @@
 #include "quillet_capture/capture/VoiceMemosKeeper.hpp"
 #include "quillet_capture/config/Keychain.hpp"
 #include "quillet_capture/config/Settings.hpp"
+#include "quillet_capture/pipeline/AfterTranscriptCommand.hpp"
 #include "quillet_capture/pipeline/CapturePipeline.hpp"
 #include "quillet_capture/pipeline/CaptureRecovery.hpp"
 #include "quillet_capture/pipeline/CaptureRetry.hpp"
@@ -21,10 +22,15 @@
 #include <cmath>
 #include <csignal>
 #include <cstdlib>
+#include <string>
+#include <utility>
 
 namespace quillet {
 
 namespace {
+
+// How long the after-transcript commands get to end on their own when the agent stops.
+constexpr std::chrono::milliseconds kCommandGrace{2000};
 
 // QUILLET_POLL_INTERVAL_SECONDS (0 < seconds <= 30) shortens the coordinator's poll interval
 // and first tick, so that tests of the whole agent need not wait 30 seconds per poll.
@@ -64,11 +70,16 @@ void applyTestRetryMinute()
 void cmdRun()
 {
     // First: a stop that arrives while the agent starts (reading settings, the token) is held
-    // until the event loop runs and ends the process cleanly, instead of killing it.
-    runtime::handleSignal(SIGTERM, [] {
-        rlog("[quillet] capture-cli: stopping (SIGTERM)");
-        runtime::exitProcess(0);
-    });
+    // until the event loop runs and ends the process cleanly, instead of killing it. Ctrl-C in
+    // the terminal of an agent started by hand is the same stop. The after-transcript commands
+    // are ended with the agent: nothing would enforce their time limit once it is gone.
+    for (auto [signo, name] : {std::pair{SIGTERM, "SIGTERM"}, std::pair{SIGINT, "SIGINT"}}) {
+        runtime::handleSignal(signo, [name = std::string(name)] {
+            rlog("[quillet] capture-cli: stopping (%@)", name);
+            AfterTranscriptCommand::stopAll(kCommandGrace);
+            runtime::exitProcess(0);
+        });
+    }
 
     // Before anything else: a second agent on the same state folder would capture, upload and
     // run the after-transcript command for every recording a second time.

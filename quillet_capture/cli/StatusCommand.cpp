@@ -149,6 +149,7 @@ std::string inboxSummary(const fs::path& inbox,
     int inProgress = 0;
     int other = 0;
     int pending = 0;
+    int needPairing = 0;
     for (; !error && it != fs::directory_iterator(); it.increment(error)) {
         const fs::path& entry = it->path();
         if (entry.extension() != ".md") {
@@ -166,6 +167,7 @@ std::string inboxSummary(const fs::path& inbox,
             continue;
         }
         const std::string& status = frontmatter.vdJobStatus ? *frontmatter.vdJobStatus : kSkipped;
+        needPairing += status == CapturePipeline::needsPairingStatus ? 1 : 0;
         if (status == "done") {
             ++transcribed;
         } else if (resumable.contains(status)) {
@@ -178,6 +180,10 @@ std::string inboxSummary(const fs::path& inbox,
                           " in progress, " + std::to_string(other) + " other";
     if (pending >= 1) {
         summary += " -- " + std::to_string(pending) + " can be sent with: quillet-capture retry";
+    }
+    if (needPairing >= 1) {
+        summary += " -- " + std::to_string(needPairing) +
+                   " wait because Veldane refused this device's token: run quillet-capture pair";
     }
     return summary;
 }

@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -16,6 +17,7 @@
 #include <set>
 #include <string_view>
 #include <thread>
+#include <vector>
 
 namespace quillet {
 
@@ -34,6 +36,27 @@ constexpr size_t kOutputTail = 2000;
 constexpr auto kTick = std::chrono::milliseconds(50);
 // A command that ignores the polite request to stop gets this long before it is killed.
 constexpr auto kKillGrace = std::chrono::seconds(5);
+
+// The process groups of the commands running in this process, whichever instance started
+// them, so that the agent can end them when it stops. A group is entered under the lock in
+// the same step as its spawn, so a stop can never miss a command being started.
+struct Groups {
+    std::mutex lock;
+    std::set<pid_t> running;
+    bool stopping = false;
+};
+
+Groups& groups()
+{
+    static auto* instance = new Groups; // never destroyed: command threads may outlive main
+    return *instance;
+}
+
+// True while any process of the group `group` exists.
+bool groupAlive(pid_t group)
+{
+    return ::kill(-group, 0) == 0 || errno == EPERM;
+}
 
 // White space and line breaks as Unicode knows them, in UTF-8, beyond the ASCII ones.
 constexpr std::array<std::string_view, 17> kWideSpaces = {
@@ -125,6 +148,12 @@ void run(const std::string& command, const std::string& id, const fs::path& fold
              folder.string() + ": " + std::strerror(fs::exists(folder, folderError) ? ENOTDIR : ENOENT));
         return;
     }
+    auto& all = groups();
+    std::unique_lock registry(all.lock);
+    if (all.stopping) {
+        rlog("[quillet] after-transcript: not started for %@: the agent is stopping", id);
+        return;
+    }
     try {
         Process::SpawnOptions options;
         options.environment = {
@@ -138,9 +167,12 @@ void run(const std::string& command, const std::string& id, const fs::path& fold
         options.group = Process::Group::own;
         child = Process::spawn(shellCommand.executable, shellCommand.arguments, options);
     } catch (const Process::SpawnError& error) {
+        registry.unlock();
         rlog("[quillet] after-transcript: could not start for %@: %@", id, error.what());
         return;
     }
+    all.running.insert(child.pid);
+    registry.unlock();
     const auto start = SteadyClock::now();
     rlog("[quillet] after-transcript: started for %@ (pid %d)", id, child.pid);
 
@@ -176,6 +208,10 @@ void run(const std::string& command, const std::string& id, const fs::path& fold
             killAt = SteadyClock::time_point::max();
         }
     }
+    {
+        std::lock_guard guard(all.lock);
+        all.running.erase(child.pid);
+    }
     // Whatever is already in the pipe belongs to the output; a background process that the
     // command left behind may hold the pipe open, so this does not wait for its end.
     if (pipeOpen) {
@@ -199,6 +235,41 @@ void run(const std::string& command, const std::string& id, const fs::path& fold
 }
 
 } // namespace
+
+int AfterTranscriptCommand::stopAll(std::chrono::milliseconds grace)
+{
+    auto& all = groups();
+    std::vector<pid_t> running;
+    {
+        std::lock_guard guard(all.lock);
+        all.stopping = true;
+        running.assign(all.running.begin(), all.running.end());
+    }
+    if (running.empty()) {
+        return 0;
+    }
+    rlog("[quillet] after-transcript: the agent stops; ending %d running command(s) (SIGTERM, SIGKILL after %d ms)",
+         static_cast<int>(running.size()), static_cast<int>(grace.count()));
+    // Signalled by group: the shell's children and theirs are ended with it. A group's id is
+    // not given to another process while any process of the group lives, so a group that ends
+    // meanwhile costs a signal that reaches nobody, never one that reaches a stranger.
+    for (pid_t group : running) {
+        ::kill(-group, SIGTERM);
+    }
+    const auto deadline = SteadyClock::now() + grace;
+    auto anyAlive = [&running] {
+        return std::any_of(running.begin(), running.end(), [](pid_t group) { return groupAlive(group); });
+    };
+    while (anyAlive() && SteadyClock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    for (pid_t group : running) {
+        if (groupAlive(group)) {
+            ::kill(-group, SIGKILL);
+        }
+    }
+    return static_cast<int>(running.size());
+}
 
 AfterTranscriptCommand& AfterTranscriptCommand::shared()
 {

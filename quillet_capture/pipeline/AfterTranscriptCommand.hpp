@@ -39,6 +39,13 @@ public:
     /// True while a command started for `id` has not finished. Any thread.
     bool isRunning(const std::string& id) const;
 
+    /// Ends every command running in this process (all instances), with all they started:
+    /// their process groups get SIGTERM, and SIGKILL when any of their processes is still
+    /// there after `grace`; logs one line when there was any. No command starts after this
+    /// call. Returns how many commands were running. Blocks up to `grace`; any thread (the
+    /// agent calls it when it stops).
+    static int stopAll(std::chrono::milliseconds grace);
+
 private:
     struct Running;
     std::shared_ptr<Running> running_;

@@ -1,6 +1,7 @@
 #include "quillet_capture/pipeline/CapturePipeline.hpp"
 
 #include "quillet_capture/capture/CaptureCoordinator.hpp"
+#include "quillet_capture/config/Keychain.hpp"
 #include "quillet_capture/config/Log.hpp"
 #include "quillet_capture/config/Settings.hpp"
 #include "quillet_capture/pipeline/AfterTranscriptCommand.hpp"
@@ -9,6 +10,7 @@
 #include "quillet_capture/pipeline/CaptureRecovery.hpp"
 #include "quillet_capture/pipeline/CaptureStateStore.hpp"
 #include "quillet_capture/runtime/Tasks.hpp"
+#include "quillet_capture/service/RefusedToken.hpp"
 #include "quillet_capture/util/Iso8601.hpp"
 
 #include <exception>
@@ -22,8 +24,8 @@ namespace fs = std::filesystem;
 
 const std::set<std::string>& CapturePipeline::resumableStates()
 {
-    static const std::set<std::string> states = {"queued", "pending", "processing",
-                                                 "completed", "upload_failed", "poll_timeout"};
+    static const std::set<std::string> states = {"queued",        "pending",      "processing",       "completed",
+                                                 "upload_failed", "poll_timeout", needsPairingStatus};
     return states;
 }
 
@@ -64,6 +66,7 @@ void CapturePipeline::setOnCaptureEvent(std::function<void(const CaptureEvent&)>
 
 void CapturePipeline::start()
 {
+    waitsForPair_ = true;
     recoverIntake();
     if (coordinator_ != nullptr) {
         coordinator_->setVault({
@@ -151,6 +154,25 @@ void CapturePipeline::setStatus(const std::string& id, const std::string& status
         // goes on, and the next write or the next resume puts the status right.
         rlog("[quillet] capture pipeline: cannot set %@ to %@: %@", id, status, error.what());
     }
+}
+
+asio::awaitable<void> CapturePipeline::waitForNewToken(std::string id)
+{
+    setStatus(id, needsPairingStatus);
+    const std::string baseURL = environment_.baseURL();
+    auto usable = [baseURL] {
+        auto authorization = Keychain::authorizationHeader();
+        return authorization && !RefusedToken::shared().isRefused(baseURL, *authorization);
+    };
+    // Nothing is sent while waiting: the client would not send the refused token anyway, and
+    // asking the store now and then costs next to nothing.
+    for (;;) {
+        co_await environment_.clock->wait(std::chrono::duration<double>(pairCheckSeconds));
+        if (co_await runtime::blocking(usable)) {
+            break;
+        }
+    }
+    rlog("[quillet] capture pipeline: %@ goes on with the new device token", id);
 }
 
 void CapturePipeline::recordKey(const std::string& id, const std::string& key)

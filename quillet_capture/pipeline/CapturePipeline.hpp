@@ -75,6 +75,11 @@ public:
     };
 
     static constexpr double pollTimeout = 21600;
+    /// The job status of a capture waiting for the person to pair again: the service refused
+    /// the device token (401).
+    static constexpr const char* needsPairingStatus = "needs_pairing";
+    /// Seconds between two looks, while a capture waits for a new pair, at the token store.
+    static constexpr double pairCheckSeconds = 10;
     static constexpr int maxNotFoundPolls = 10;
     static constexpr const char* recordingClassification = "meeting_recording";
     static constexpr const char* recordingOrigin = "quillet_recorder";
@@ -93,7 +98,9 @@ public:
     /// Hands over again the captures of the intake journal (a crash came between their
     /// hand-over and their note), subscribes to the coordinator, starts it, logs "started",
     /// resumes unfinished captures when uploads are on (but for those whose next attempt is
-    /// later), and from then on tries failed captures again when their time comes. Main thread.
+    /// later), and from then on tries failed captures again when their time comes. From then
+    /// on too, a capture whose device token the service refuses (401) waits as
+    /// `needsPairingStatus` for a new pair instead of failing. Main thread.
     void start();
 
     /// Tries again the failed captures whose attempt is due: hands over again those without a
@@ -183,6 +190,9 @@ private:
     asio::awaitable<std::optional<std::string>> resolvedCacheKey(const VeldaneClient::UploadResult& result,
                                                                  VeldaneClient& client, const std::string& id);
     asio::awaitable<void> pollUntilDone(VeldaneClient& client, std::string id, std::string cacheKey);
+    /// Marks `id` as waiting for a new pair and returns once the token store holds a token
+    /// that the service has not refused, looking every `pairCheckSeconds`.
+    asio::awaitable<void> waitForNewToken(std::string id);
     asio::awaitable<void> fetchTranscriptAndWrite(VeldaneClient& client, std::string id, std::string cacheKey);
     asio::awaitable<std::optional<std::string>> currentCacheKey(VeldaneClient& client, std::string id,
                                                                 std::string deadKey);
@@ -199,6 +209,9 @@ private:
     std::unique_ptr<runtime::Timer> recoveryTimer_;
 
     std::atomic<int> inFlight_{0};
+    // Set by `start`: in the agent a capture whose token the service refused waits for the
+    // next pair; a batch command (`retry`) has no one to wait for and counts it as failed.
+    std::atomic<bool> waitsForPair_{false};
     std::mutex idleLock_;
     std::condition_variable idle_;
 };

@@ -199,22 +199,35 @@ asio::awaitable<void> CapturePipeline::handle(FolderWatcher::NewCapture capture)
         co_return;
     }
 
-    // 8. Upload.
+    // 8. Upload; when the service refuses the device token, once more after the next pair.
     auto service = client();
     VeldaneClient::UploadResult result;
-    try {
-        auto audio = inbox.audioURL(id);
-        // Every argument is a named value: temporaries made inside a co_await expression are
-        // not safe with every compiler.
-        std::string contentSource = "voice_memo";
-        std::optional<std::string> language;
-        std::vector<std::string> tags;
-        std::map<std::string, std::string> metadata{{"quillet_id", id}};
-        result = co_await service.uploadAudio(std::move(audio), std::move(contentSource), std::move(language),
-                                              std::move(tags), std::move(metadata));
-    } catch (const std::exception& error) {
+    for (;;) {
+        std::string failure;
+        bool refused = false;
+        try {
+            auto audio = inbox.audioURL(id);
+            // Every argument is a named value: temporaries made inside a co_await expression are
+            // not safe with every compiler.
+            std::string contentSource = "voice_memo";
+            std::optional<std::string> language;
+            std::vector<std::string> tags;
+            std::map<std::string, std::string> metadata{{"quillet_id", id}};
+            result = co_await service.uploadAudio(std::move(audio), std::move(contentSource), std::move(language),
+                                                  std::move(tags), std::move(metadata));
+            break;
+        } catch (const VeldaneClient::ClientError& error) {
+            refused = error.isTokenRefusal() && waitsForPair_;
+            failure = error.what();
+        } catch (const std::exception& error) {
+            failure = error.what();
+        }
+        if (refused) {
+            co_await waitForNewToken(id);
+            continue;
+        }
         // 9.
-        rlog("[quillet] capture pipeline: upload failed for %@: %@", id, error.what());
+        rlog("[quillet] capture pipeline: upload failed for %@: %@", id, failure);
         setStatus(id, "upload_failed");
         send(CaptureEvent::Kind::failed, id, "upload_failed");
         noteFailure(id, "upload_failed");

@@ -40,16 +40,17 @@ bool isNotFound(const VeldaneClient::ClientError& error)
 }
 
 // The service declines to hand a transcript over when the account's plan does not cover it
-// (402) or the key's owner is not this device (401, 403); asking again will not help, so the
+// (402) or the key's owner is not this device (403); asking again will not help, so the
 // capture ends as "failed" for the retry batch. Everything else (network, 5xx, a garbled
-// answer) may pass, and the note keeps its status for the next resume.
+// answer, a token refused with 401, which a new pair mends) may pass, and the note keeps its
+// status for the next attempt.
 bool isRetrievalRefused(const VeldaneClient::ClientError& error)
 {
     using Kind = VeldaneClient::ClientError::Kind;
     if (error.kind() == Kind::planRequired || error.kind() == Kind::missingCredentials) {
         return true;
     }
-    return error.kind() == Kind::requestFailed && (error.status() == 401 || error.status() == 403);
+    return error.kind() == Kind::requestFailed && error.status() == 403;
 }
 
 int countWords(const std::string& text)
@@ -93,13 +94,14 @@ asio::awaitable<std::optional<std::string>> CapturePipeline::resolvedCacheKey(co
 asio::awaitable<void> CapturePipeline::pollUntilDone(VeldaneClient& client, std::string id, std::string cacheKey)
 {
     auto& clock = *environment_.clock;
-    const auto start = clock.now();
+    auto start = clock.now();
     int notFound = 0;
     bool sourceListConsulted = false;
     bool detailConsulted = false;
 
     for (;;) {
         bool finished = false;
+        bool refused = false;
         try {
             auto answer = co_await client.status(cacheKey);
             auto stage = answer.transcription();
@@ -132,11 +134,22 @@ asio::awaitable<void> CapturePipeline::pollUntilDone(VeldaneClient& client, std:
         } catch (const VeldaneClient::ClientError& error) {
             if (isNotFound(error)) {
                 ++notFound;
+            } else if (error.isTokenRefusal() && waitsForPair_) {
+                refused = true;
             } else {
                 rlog("[quillet] capture pipeline: status poll error for %@: %@", id, error.what());
             }
         } catch (const std::exception& error) {
             rlog("[quillet] capture pipeline: status poll error for %@: %@", id, error.what());
+        }
+
+        // Polling goes on once the person has paired again; the time waited for that does not
+        // count towards the polling time-out.
+        if (refused) {
+            auto waitFrom = clock.now();
+            co_await waitForNewToken(id);
+            start += clock.now() - waitFrom;
+            continue;
         }
 
         // The service has not known the key for a while: look for where the capture went.

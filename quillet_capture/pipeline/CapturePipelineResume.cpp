@@ -122,16 +122,31 @@ asio::awaitable<bool> CapturePipeline::uploadExisting(std::string id, std::optio
     }
     auto service = client();
     VeldaneClient::UploadResult result;
-    try {
-        std::string source = contentSource.value_or("voice_memo");
-        std::vector<std::string> tagList = tags.value_or(std::vector<std::string>{});
-        std::map<std::string, std::string> metadata =
-            sourceMetadata.value_or(std::map<std::string, std::string>{{"quillet_id", id}});
-        std::optional<std::string> language;
-        result = co_await service.uploadAudio(std::move(audio), std::move(source), std::move(language),
-                                              std::move(tagList), std::move(metadata));
-    } catch (const std::exception& failure) {
-        rlog("[quillet] capture retry: upload failed for %@: %@", id, failure.what());
+    // When the service refuses the device token, the upload is made again after the next pair.
+    for (;;) {
+        std::string failure;
+        bool refused = false;
+        try {
+            std::string source = contentSource.value_or("voice_memo");
+            std::vector<std::string> tagList = tags.value_or(std::vector<std::string>{});
+            std::map<std::string, std::string> metadata =
+                sourceMetadata.value_or(std::map<std::string, std::string>{{"quillet_id", id}});
+            std::optional<std::string> language;
+            auto file = audio;
+            result = co_await service.uploadAudio(std::move(file), std::move(source), std::move(language),
+                                                  std::move(tagList), std::move(metadata));
+            break;
+        } catch (const VeldaneClient::ClientError& error) {
+            refused = error.isTokenRefusal() && waitsForPair_;
+            failure = error.what();
+        } catch (const std::exception& error) {
+            failure = error.what();
+        }
+        if (refused) {
+            co_await waitForNewToken(id);
+            continue;
+        }
+        rlog("[quillet] capture retry: upload failed for %@: %@", id, failure);
         setStatus(id, "upload_failed");
         send(CaptureEvent::Kind::failed, id, "upload_failed");
         noteFailure(id, "upload_failed");

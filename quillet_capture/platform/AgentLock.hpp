@@ -11,7 +11,7 @@ namespace quillet {
 /// (the after-transcript command) never keeps it.
 class AgentLock {
 public:
-    /// Takes the lock without waiting. Where the lock file cannot be made or the volume has no
+    /// Takes the lock without waiting (but for the holder's id, see `holder`). Where the lock file cannot be made or the volume has no
     /// locks, the lock counts as taken: a lock that cannot exist must not stop the agent.
     static AgentLock take();
 
@@ -22,8 +22,9 @@ public:
 
     /// False when another process holds the lock.
     bool taken() const { return !holder_; }
-    /// The process id of the holder when another process holds the lock (0 when it could not
-    /// be read).
+    /// The process id of the holder when another process holds the lock. A holder that has
+    /// only just taken it is given up to 2 seconds to write its id; 0 when none could be read
+    /// by then.
     std::optional<long> holder() const { return holder_; }
 
     /// The lock file.

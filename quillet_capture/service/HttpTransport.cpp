@@ -67,7 +67,9 @@ HandlePool& pool()
 
 struct Exchange {
     const Request* request = nullptr;
+    CURL* handle = nullptr;
     Response response;
+    bool sized = false;
     bool tooLarge = false;
     std::exception_ptr streamError;
 };
@@ -79,6 +81,17 @@ size_t onBody(char* data, size_t size, size_t count, void* context)
     if (exchange->response.body.size() + length > exchange->request->maxResponseBytes) {
         exchange->tooLarge = true;
         return 0; // makes libcurl stop with CURLE_WRITE_ERROR
+    }
+    if (!exchange->sized) {
+        // The announced length, within the limit, is the body's room from the start, so that
+        // the body is not copied each time it outgrows its buffer.
+        exchange->sized = true;
+        curl_off_t announced = -1;
+        if (curl_easy_getinfo(exchange->handle, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &announced) == CURLE_OK &&
+            announced > 0) {
+            exchange->response.body.reserve(
+                std::min(static_cast<std::size_t>(announced), exchange->request->maxResponseBytes));
+        }
     }
     exchange->response.body.append(data, length);
     return length;
@@ -116,6 +129,15 @@ struct HeaderList {
 
 } // namespace
 
+std::string describeLimit(std::size_t bytes)
+{
+    constexpr std::size_t kMiB = std::size_t{1} << 20;
+    if (bytes >= kMiB && bytes % kMiB == 0) {
+        return std::to_string(bytes / kMiB) + " MiB";
+    }
+    return std::to_string(bytes) + " bytes";
+}
+
 bool TransportError::timedOut() const
 {
     return curlCode_ == CURLE_OPERATION_TIMEDOUT;
@@ -132,6 +154,7 @@ Response perform(const Request& request)
 
     Exchange exchange;
     exchange.request = &request;
+    exchange.handle = handle;
     char errorText[CURL_ERROR_SIZE] = {};
     HeaderList headers;
     for (const auto& header : request.headers) {
@@ -153,6 +176,9 @@ Response perform(const Request& request)
 #endif
     curl_easy_setopt(handle, CURLOPT_ACCEPT_ENCODING, "");
     curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, errorText);
+    // An announced length over the limit stops the exchange before the body is read; an
+    // answer without one (chunked, compressed) is stopped by onBody once it passes the limit.
+    curl_easy_setopt(handle, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(request.maxResponseBytes));
     curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, onBody);
     curl_easy_setopt(handle, CURLOPT_WRITEDATA, &exchange);
     curl_easy_setopt(handle, CURLOPT_HTTPHEADER, headers.list);
@@ -180,9 +206,10 @@ Response perform(const Request& request)
     if (exchange.streamError) {
         std::rethrow_exception(exchange.streamError);
     }
-    if (exchange.tooLarge) {
-        throw TransportError(CURLE_FILESIZE_EXCEEDED, "The answer is larger than " +
-                                                          std::to_string(request.maxResponseBytes) + " bytes.");
+    if (exchange.tooLarge || result == CURLE_FILESIZE_EXCEEDED) {
+        throw TransportError(CURLE_FILESIZE_EXCEEDED, "The service's answer is larger than the " +
+                                                          describeLimit(request.maxResponseBytes) +
+                                                          " allowed for it; it was not read further.");
     }
     if (result != CURLE_OK) {
         std::string description = errorText[0] != '\0' ? errorText : curl_easy_strerror(result);

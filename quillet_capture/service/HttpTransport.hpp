@@ -15,6 +15,13 @@ namespace quillet {
 /// HTTP and HTTPS only. Callers that are coroutines run `perform` through runtime::blocking.
 namespace HttpTransport {
 
+/// The most an answer may hold that the program only reads a few fields of (a job status, a
+/// task, a pairing step, an upload's answer): such answers are a few hundred bytes.
+inline constexpr std::size_t kInspectedAnswerLimit = std::size_t{1} << 20;
+
+/// `bytes` as people read a limit: "1 MiB", "4 MiB", or "1500 bytes" when not whole MiB.
+std::string describeLimit(std::size_t bytes);
+
 struct Header {
     std::string name;
     std::string value;
@@ -41,7 +48,9 @@ struct Request {
     std::string body;                  // the POST body when `stream` is null
     BodyStream* stream = nullptr;      // the POST body, streamed; must outlive perform()
     std::chrono::duration<double> timeout{60};  // the whole exchange
-    std::size_t maxResponseBytes = 64u << 20;   // a longer answer fails as a transport error
+    // A longer answer fails as a transport error, as soon as its length is announced or
+    // received: the rest is never read.
+    std::size_t maxResponseBytes = kInspectedAnswerLimit;
 };
 
 struct Response {
@@ -51,7 +60,8 @@ struct Response {
 };
 
 /// A failure below HTTP: no connection, time-out, TLS, a connection closed mid-answer, an
-/// answer longer than allowed. `what()` is libcurl's description of it.
+/// answer longer than allowed. `what()` is libcurl's description of it, or for a long answer
+/// "The service's answer is larger than the <limit> allowed for it; it was not read further.".
 class TransportError : public std::runtime_error {
 public:
     TransportError(int curlCode, const std::string& description)

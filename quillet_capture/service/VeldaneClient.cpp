@@ -3,10 +3,12 @@
 #include "quillet_capture/config/Settings.hpp"
 
 #include "quillet_capture/config/Keychain.hpp"
+#include "quillet_capture/config/Log.hpp"
 #include "quillet_capture/platform/Paths.hpp"
 #include "quillet_capture/runtime/Tasks.hpp"
 #include "quillet_capture/service/JsonDecoding.hpp"
 #include "quillet_capture/service/MultipartBody.hpp"
+#include "quillet_capture/service/RefusedToken.hpp"
 #include "quillet_capture/util/AtomicFile.hpp"
 #include "quillet_capture/util/Utf8.hpp"
 #include "quillet_capture/util/Uuid.hpp"
@@ -88,6 +90,21 @@ std::vector<Header> clientHeaders(const std::string& authorization)
         {"X-Client-Version", VeldaneClient::clientVersion()},
         {"X-Client-Platform", VeldaneClient::clientPlatform},
     };
+}
+
+// Remembers a token that the service refused, telling the person once per token.
+void noteRefusal(const std::string& baseURL, const HttpTransport::Response& answer, const std::string& authorization)
+{
+    if (answer.status == 401 && RefusedToken::shared().refuse(baseURL, authorization)) {
+        rlog(RefusedToken::pairAgainMessage);
+    }
+}
+
+void requireUnrefused(const std::string& baseURL, const std::string& authorization)
+{
+    if (RefusedToken::shared().isRefused(baseURL, authorization)) {
+        throw VeldaneClient::ClientError::tokenRefused();
+    }
 }
 
 asio::awaitable<std::string> requireAuthorization()
@@ -266,6 +283,14 @@ VeldaneClient::ClientError VeldaneClient::ClientError::missingCredentials()
     return error;
 }
 
+VeldaneClient::ClientError VeldaneClient::ClientError::tokenRefused()
+{
+    ClientError error(Kind::tokenRefused);
+    error.status_ = 401;
+    error.describe();
+    return error;
+}
+
 void VeldaneClient::ClientError::describe()
 {
     switch (kind_) {
@@ -291,6 +316,9 @@ void VeldaneClient::ClientError::describe()
         break;
     case Kind::missingCredentials:
         description_ = "Not connected to Veldane (Settings > Captures > Connect to Veldane\u2026)";
+        break;
+    case Kind::tokenRefused:
+        description_ = "Veldane refused this device's token (401) -- run `quillet-capture pair` to connect again";
         break;
     }
 }
@@ -364,33 +392,35 @@ void VeldaneClient::checkOK(const HttpTransport::Response& answer)
     throw ClientError::requestFailed(status, textOrBinary(answer.body));
 }
 
-HttpTransport::Request VeldaneClient::getRequest(std::string url) const
+HttpTransport::Request VeldaneClient::getRequest(std::string url, std::size_t limit) const
 {
     HttpTransport::Request request;
     request.method = "GET";
     request.url = std::move(url);
     request.timeout = std::chrono::duration<double>(timeouts_.request);
-    request.maxResponseBytes = timeouts_.maxResponseBytes;
+    request.maxResponseBytes = limit;
     return request;
 }
 
-std::string VeldaneClient::sendGet(HttpTransport::Request request)
+std::string VeldaneClient::sendGet(HttpTransport::Request request) const
 {
     auto authorization = Keychain::authorizationHeader();
     if (!authorization) {
         throw ClientError::missingCredentials();
     }
+    requireUnrefused(baseURL_, *authorization);
     request.headers = clientHeaders(*authorization);
     auto answer = HttpTransport::perform(request);
+    noteRefusal(baseURL_, answer, *authorization);
     checkOK(answer);
     return std::move(answer.body);
 }
 
-asio::awaitable<std::string> VeldaneClient::get(std::string url) const
+asio::awaitable<std::string> VeldaneClient::get(std::string url, std::size_t limit) const
 {
     // The token is read and the request sent in one trip to the blocking pool: each trip
     // costs two thread wake-ups, which add up over a listing of two hundred pages.
-    auto send = [request = getRequest(std::move(url))]() mutable { return sendGet(std::move(request)); };
+    auto send = [this, request = getRequest(std::move(url), limit)]() mutable { return sendGet(std::move(request)); };
     co_return co_await runtime::blocking(std::move(send));
 }
 
@@ -408,11 +438,15 @@ asio::awaitable<VeldaneClient::UploadResult> VeldaneClient::uploadAudio(std::fil
     MultipartBody::Fields fields{std::move(contentSource), std::move(language), std::move(tags),
                                  std::move(sourceMetadata)};
 
+    requireUnrefused(baseURL_, authorization);
+
     auto& gate = uploadGate();
     co_await gate.acquire();
     // Released on every way out of this frame, as a task of its own.
     std::unique_ptr<UploadGate, void (*)(UploadGate*)> hold(&gate, [](UploadGate* g) { g->releaseLater(); });
 
+    // The token may have been refused while this upload waited for the gate.
+    requireUnrefused(baseURL_, authorization);
     // The body is prepared only now, holding the gate, so that waiting uploads keep no file
     // open and no body in memory.
     MultipartBody body(boundary, fields, fileURL);
@@ -426,6 +460,7 @@ asio::awaitable<VeldaneClient::UploadResult> VeldaneClient::uploadAudio(std::fil
     request.maxResponseBytes = timeouts_.maxResponseBytes;
 
     auto answer = co_await compatData(std::move(request));
+    noteRefusal(baseURL_, answer, authorization);
     checkOK(answer);
     try {
         co_return decodeUploadResult(answer.body);
@@ -437,7 +472,7 @@ asio::awaitable<VeldaneClient::UploadResult> VeldaneClient::uploadAudio(std::fil
 
 asio::awaitable<VeldaneClient::PipelineStatus> VeldaneClient::status(std::string cacheKey)
 {
-    auto body = co_await get(endpoint("sources/" + cacheKey + "/status"));
+    auto body = co_await get(endpoint("sources/" + cacheKey + "/status"), timeouts_.maxResponseBytes);
     try {
         co_return decodePipelineStatus(body);
     } catch (const DecodeError& error) {
@@ -447,7 +482,7 @@ asio::awaitable<VeldaneClient::PipelineStatus> VeldaneClient::status(std::string
 
 asio::awaitable<VeldaneClient::SourceDetail> VeldaneClient::source(std::string cacheKey)
 {
-    auto body = co_await get(endpoint("sources/" + cacheKey));
+    auto body = co_await get(endpoint("sources/" + cacheKey), timeouts_.maxSourceBytes);
     try {
         co_return decodeSourceDetail(body);
     } catch (const DecodeError& error) {
@@ -468,7 +503,7 @@ asio::awaitable<std::optional<std::string>> VeldaneClient::cacheKey(std::string 
     while (clock_->now() < deadline) {
         std::optional<std::string> key;
         try {
-            key = decodeTaskKey(co_await get(url));
+            key = decodeTaskKey(co_await get(url, timeouts_.maxResponseBytes));
         } catch (...) {
             // Every failure (token, transport, HTTP, body) only means: ask again later.
         }
@@ -518,7 +553,7 @@ std::vector<SourceMetadata> VeldaneClient::listPages(bool deleted) const
         if (!url) {
             throw ClientError::malformedResponse("list: could not build URL");
         }
-        auto body = sendGet(getRequest(std::move(*url)));
+        auto body = sendGet(getRequest(std::move(*url), timeouts_.maxListingPageBytes));
         SourceListResponse page;
         try {
             page = SourceListResponse::decode(body);
@@ -552,7 +587,7 @@ asio::awaitable<std::optional<std::string>> VeldaneClient::currentKey(std::strin
         }
         SourceListResponse page;
         try {
-            page = SourceListResponse::decode(co_await get(*url));
+            page = SourceListResponse::decode(co_await get(*url, timeouts_.maxListingPageBytes));
         } catch (...) {
             co_return std::nullopt;
         }

@@ -22,11 +22,17 @@ namespace quillet {
 /// "https://api.veldane.com/api/v1" when the settings hold none. Read afresh at every call.
 std::string configuredBaseURL();
 
-/// How long requests of a VeldaneClient may take, and how long an answer may be.
+/// How long requests of a VeldaneClient may take, and how long an answer may be. A longer
+/// answer fails as HttpTransport::TransportError naming the limit, without the rest being read.
 struct VeldaneTimeouts {
     double request = 60;   // seconds, every GET
     double upload = 900;   // seconds, the upload
-    std::size_t maxResponseBytes = 64u << 20;
+    /// The answers only inspected: a status, a task, an upload's answer (a few hundred bytes).
+    std::size_t maxResponseBytes = HttpTransport::kInspectedAnswerLimit;
+    /// A page of the listing: a hundred sources with titles and summaries, about 35 KB.
+    std::size_t maxListingPageBytes = std::size_t{4} << 20;
+    /// A source with its transcript, which goes into the note whole.
+    std::size_t maxSourceBytes = std::size_t{64} << 20;
 };
 
 /// The HTTP client of the Veldane API. A client holds only its base URL, its clock and its
@@ -36,7 +42,9 @@ struct VeldaneTimeouts {
 /// client from any executor; uploads are serialised process-wide by uploadGate().
 ///
 /// Transport failures (no connection, time-out, TLS, a closed connection) are thrown as
-/// HttpTransport::TransportError; HTTP and decoding failures as ClientError.
+/// HttpTransport::TransportError; HTTP and decoding failures as ClientError. A token that the
+/// service refused (401) is remembered in RefusedToken and not sent again: later operations
+/// fail with tokenRefused before anything is sent, until the store holds another token.
 class VeldaneClient {
 public:
     /// Sent as X-Client-Type.
@@ -52,7 +60,14 @@ public:
     /// The errors of the client; what() is the exact description users see.
     class ClientError : public std::exception {
     public:
-        enum class Kind { requestFailed, planRequired, malformedResponse, audioFileNotReadable, missingCredentials };
+        enum class Kind {
+            requestFailed,
+            planRequired,
+            malformedResponse,
+            audioFileNotReadable,
+            missingCredentials,
+            tokenRefused
+        };
 
         /// Any HTTP status outside 200...299 except 402; `body` as text, "<binary>" when not UTF-8.
         static ClientError requestFailed(long status, std::string body);
@@ -64,6 +79,16 @@ public:
         static ClientError audioFileNotReadable(const std::filesystem::path& file);
         /// No usable device token.
         static ClientError missingCredentials();
+        /// Nothing sent: the service already refused (401) the device token that the store
+        /// holds (see RefusedToken).
+        static ClientError tokenRefused();
+
+        /// True when the service refused the device token: an HTTP 401, or tokenRefused.
+        /// Asking again with the same token cannot help; a new `pair` can.
+        bool isTokenRefusal() const
+        {
+            return kind_ == Kind::tokenRefused || (kind_ == Kind::requestFailed && status_ == 401);
+        }
 
         Kind kind() const { return kind_; }
         long status() const { return status_; }
@@ -221,12 +246,13 @@ public:
 
 private:
     // The authenticated GET of every read operation: missingCredentials before anything is
-    // sent, then the common headers, the request time-out, and checkOK.
-    asio::awaitable<std::string> get(std::string url) const;
+    // sent, then the common headers, the request time-out, an answer of at most `limit` bytes,
+    // and checkOK.
+    asio::awaitable<std::string> get(std::string url, std::size_t limit) const;
     // The request of get(), sent on the calling thread.
-    static std::string sendGet(HttpTransport::Request request);
-    // The request of get() for `url`, without the time-out and size limits' defaults.
-    HttpTransport::Request getRequest(std::string url) const;
+    std::string sendGet(HttpTransport::Request request) const;
+    // The request of get() for `url`, with the time-out and an answer of at most `limit` bytes.
+    HttpTransport::Request getRequest(std::string url, std::size_t limit) const;
     // base + path with the listing's query items, or absent when no URL can be formed.
     std::optional<std::string> listingURL(bool includeDeleted, const std::optional<std::string>& before) const;
     // Every page of the listing, fetched on the calling thread (listAllSources' work).

@@ -425,7 +425,7 @@ void CaptureAgentHarness::kill()
     pid_ = -1;
 }
 
-int CaptureAgentHarness::stop()
+int CaptureAgentHarness::stop(int signo)
 {
     if (pid_ <= 0) {
         return -1;
@@ -436,12 +436,12 @@ int CaptureAgentHarness::stop()
     while (runsLogged() <= runsBefore_ && std::chrono::steady_clock::now() < armed) {
         sleepFor(0.02);
     }
-    ::kill(pid_, SIGTERM);
+    ::kill(pid_, signo);
     int status = 0;
     auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
     while (::waitpid(pid_, &status, WNOHANG) != pid_) {
         if (std::chrono::steady_clock::now() > deadline) {
-            ADD_FAILURE() << "the agent did not stop on SIGTERM";
+            ADD_FAILURE() << "the agent did not stop on signal " << signo;
             kill();
             return -1;
         }

@@ -8,6 +8,7 @@
 #include "tests/support/Scratch.hpp"
 
 #include <atomic>
+#include <csignal>
 #include <filesystem>
 #include <functional>
 #include <map>
@@ -134,8 +135,9 @@ public:
     int pid() const { return pid_; }
     /// SIGKILL, and waits for the end.
     void kill();
-    /// SIGTERM, and waits for the end (killed after 20 s). Returns the exit status.
-    int stop();
+    /// SIGTERM (or `signo`: SIGINT is Ctrl-C), and waits for the end (killed after 20 s).
+    /// Returns the exit status.
+    int stop(int signo = SIGTERM);
     /// Everything the agents wrote to standard output and error.
     std::string agentOutput() const;
 

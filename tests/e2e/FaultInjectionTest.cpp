@@ -15,7 +15,9 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <atomic>
 #include <memory>
+#include <optional>
 #include <random>
 
 namespace quillet {
@@ -352,6 +354,120 @@ TEST(FaultInjection, StallsPastTheTimeOutsLeaveCapturesThatAreTakenUpAgain)
     EXPECT_EQ(note.vdJobStatus, "done");
     EXPECT_EQ(InboxWriter::readBody(vault / "_inbox" / (id + ".md")), "Stalled, then said.");
     EXPECT_EQ(test::readFile(vault / "_inbox/.audio" / (id + ".m4a")), "audio");
+}
+
+} // namespace
+} // namespace quillet
+
+namespace quillet {
+namespace {
+
+// The agent's resident high-water mark in KiB, from /proc (absent where there is none).
+std::optional<long> peakResidentKiB(int pid)
+{
+    for (const auto& line : test::readLines("/proc/" + std::to_string(pid) + "/status")) {
+        if (line.starts_with("VmHWM:")) {
+            return std::stol(line.substr(6));
+        }
+    }
+    return std::nullopt;
+}
+
+// A service that answers every status poll with 50 MB (broken, or hostile) costs the agent no
+// more than the 1 MiB an answer it only inspects may hold: each answer is cut off as it
+// arrives, with a line that names the limit, and four captures polling such answers keep the
+// agent far below 64 MiB. When the service mends, the captures finish as usual.
+TEST(FaultInjection, HostileAnswersCostTheAgentNoMoreThanTheirLimit)
+{
+    // Before the agent, so that they outlive its service.
+    const std::string hostile =
+        R"({"status":{"transcription":{"status":")" + std::string(50u << 20, 'p') + R"("}}})";
+    std::atomic<int> served{0};
+    std::atomic<bool> hostileOn{true};
+    CaptureAgentHarness agent(31);
+    agent.setPollInterval(1);
+    agent.setPace({.processingPolls = 0});
+    agent.setFault([&](const Request& request) -> std::optional<Answer> {
+        if (hostileOn && request.method == "GET" && request.endpoint.ends_with("/status")) {
+            ++served;
+            return Answer::json(hostile);
+        }
+        return std::nullopt;
+    });
+    ASSERT_TRUE(agent.startAndWait());
+    for (int index = 0; index < 4; ++index) {
+        agent.drop(index);
+    }
+    // Three hostile answers for each capture, on average: polls come every 5 seconds.
+    ASSERT_TRUE(test::eventually([&] { return served >= 12; }, 90)) << agent.agentOutput();
+    if (auto peak = peakResidentKiB(agent.pid())) {
+        EXPECT_LT(*peak, 64 * 1024) << "peak resident KiB with four captures polling 50 MB answers";
+    }
+    EXPECT_GE(test::countLogLines("The service's answer is larger than the 1 MiB allowed for it; it was not "
+                                  "read further."),
+              4);
+
+    hostileOn = false;
+    ASSERT_TRUE(agent.waitUntilAllDone(60)) << agent.agentOutput();
+    EXPECT_EQ(agent.stop(), 0);
+    agent.expectConsistent(true);
+}
+
+// A revoked device token: the service answers 401 to everything sent with it. The agent sends a
+// handful of requests with it, not one per poll of each capture for hours; it tells the person
+// once to pair again; every capture, polling or uploading, waits as "needs_pairing", which
+// `status` shows; and once `pair` has stored a new token they all go on by themselves and
+// finish.
+TEST(FaultInjection, ARevokedTokenHoldsEveryCaptureUntilThePersonPairsAgain)
+{
+    // Before the agent, so that they outlive its service.
+    std::atomic<bool> revoked{false};
+    std::atomic<int> refused{0};
+    CaptureAgentHarness agent(32);
+    agent.setPollInterval(1);
+    agent.setPace({.processingPolls = 1000});
+    const std::string oldToken = *Keychain::deviceToken();
+    agent.setFault([&revoked, &refused, oldToken](const Request& request) -> std::optional<Answer> {
+        if (revoked && request.header("Authorization") == "Bearer " + oldToken) {
+            ++refused;
+            return Answer::json(R"({"detail":"Invalid or revoked token"})", 401);
+        }
+        return std::nullopt;
+    });
+    ASSERT_TRUE(agent.startAndWait());
+    for (int index = 0; index < 3; ++index) {
+        agent.drop(index);
+    }
+    auto allAre = [&](const std::string& word) {
+        auto statuses = agent.statuses();
+        return statuses.size() == agent.recordings().size() &&
+               std::all_of(statuses.begin(), statuses.end(), [&](const auto& entry) { return entry.second == word; });
+    };
+    ASSERT_TRUE(test::eventually([&] { return allAre("processing"); }, 60)) << agent.agentOutput();
+
+    // Revoked while three captures poll; a fourth recording arrives and must be uploaded.
+    revoked = true;
+    agent.drop(3);
+    ASSERT_TRUE(test::eventually([&] { return allAre("needs_pairing"); }, 60)) << agent.agentOutput();
+    const int afterWaiting = refused.load();
+    EXPECT_LE(afterWaiting, 6) << "requests sent with the refused token";
+    // Waiting sends nothing: two looks at the token store pass without a request.
+    pause(21);
+    EXPECT_EQ(refused.load(), afterWaiting);
+    EXPECT_EQ(test::countLogLines("run `quillet-capture pair` to connect again"), 1);
+    auto status = test::runProcess(test::programPath(), {"status"}, {{"QUILLET_TOKEN_STORE", "file"}});
+    EXPECT_NE(status.output.find("4 wait because Veldane refused this device's token: run quillet-capture pair"),
+              std::string::npos)
+        << status.output;
+
+    // `pair` stores a new token: every capture goes on and finishes.
+    agent.setPace({.processingPolls = 0});
+    ASSERT_TRUE(Keychain::setDeviceToken(std::string("tok_paired_again_0123456789abcdef")));
+    ASSERT_TRUE(agent.waitUntilAllDone(60)) << agent.agentOutput();
+    EXPECT_EQ(test::countLogLines("goes on with the new device token"), 4);
+    EXPECT_LE(refused.load(), 6);
+    EXPECT_EQ(agent.stop(), 0);
+    agent.expectConsistent(true);
 }
 
 } // namespace

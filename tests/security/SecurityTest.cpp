@@ -321,7 +321,7 @@ TEST(Security, AnswersCannotRedirectTheTokenOrFloodTheClient)
     VeldaneClient local("file://" + home.path().string());
     EXPECT_TRUE(test::awaitError<HttpTransport::TransportError>(local.status("k"))) << "only http and https";
 
-    EXPECT_EQ(VeldaneTimeouts{}.maxResponseBytes, 64u << 20);
+    EXPECT_EQ(VeldaneTimeouts{}.maxResponseBytes, 1u << 20);
     auto zeros = home.path() / "zeros";
     test::writeFile(zeros, std::string(16u << 20, '0'));
     auto packed = test::runProcess("/bin/sh", {"-c", "gzip -c '" + zeros.string() + "'"});
@@ -331,7 +331,7 @@ TEST(Security, AnswersCannotRedirectTheTokenOrFloodTheClient)
     bomb.headers = {{"Content-Encoding", "gzip"}};
     service.route("GET", "sources/k", [bomb](const test::FakeVeldane::Request&) { return bomb; });
     VeldaneTimeouts limits;
-    limits.maxResponseBytes = 1u << 20;
+    limits.maxSourceBytes = 1u << 20;
     VeldaneClient careful(service.baseURL(), runtime::systemClock(), limits);
     auto error = test::awaitError<HttpTransport::TransportError>(careful.source("k"));
     ASSERT_TRUE(error);

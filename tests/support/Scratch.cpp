@@ -1,6 +1,7 @@
 #include "tests/support/Scratch.hpp"
 
 #include "quillet_capture/platform/Paths.hpp"
+#include "quillet_capture/service/RefusedToken.hpp"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -62,6 +63,8 @@ ScratchHome::ScratchHome()
     if (Paths::current() == Platform::macOS) {
         setenv("QUILLET_TOKEN_STORE", "file", 1);
     }
+    // A fresh user has had no token refused, whatever earlier tests in this process played.
+    RefusedToken::shared().forget();
 }
 
 ScratchHome::~ScratchHome()
