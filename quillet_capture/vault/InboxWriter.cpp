@@ -596,14 +596,39 @@ YAML::Node parseBlock(std::string_view block)
     return root;
 }
 
-std::string dateValue(const std::optional<InboxWriter::TimePoint>& time)
+// The keys that come before `key` ("title", "source.vd_job_status") in its map where the
+// program writes a note.
+NoteText::Keys predecessors(std::string_view key)
 {
-    return time ? Iso8601::format(*time) : std::string();
+    static const NoteText::Keys kTop = {"id",           "created",       "classification", "status",      "confidence",
+                                        "source",       "target_skill",  "target_folder",  "title",       "tags",
+                                        "processed_at", "processed_by",  "output_file",    "archived_to"};
+    static const NoteText::Keys kSource = {"type",           "origin",        "audio_path",     "audio_duration_sec",
+                                           "ingestion_tool", "external_id",   "vd_job_status",  "uploaded_at",
+                                           "app",            "microphone",    "channel_layout", "voice_memos_id",
+                                           "voice_memos_folder"};
+    bool inSource = key.starts_with("source.");
+    auto name = inSource ? key.substr(7) : key;
+    const auto& order = inSource ? kSource : kTop;
+    return NoteText::Keys(order.begin(), std::find(order.begin(), order.end(), name));
 }
 
 // Writes into `note` the values of `after` that differ from `before`, each in its own place.
 void applyChanges(NoteText& note, const Frontmatter& before, const Frontmatter& after)
 {
+    // A key the note lacks goes where the program writes it in a new note.
+    auto put = [&](std::string_view key, const std::string& yaml) { note.set(key, yaml, predecessors(key)); };
+    auto date = [&](std::string_view key, const std::optional<InboxWriter::TimePoint>& was,
+                    const std::optional<InboxWriter::TimePoint>& now) {
+        if (was == now) {
+            return;
+        }
+        if (now) {
+            put(key, Iso8601::format(*now));
+        } else {
+            note.remove(key);
+        }
+    };
     auto text = [&](std::string_view key, const std::optional<std::string>& was, const std::optional<std::string>& now,
                     bool quoted) {
         if (was == now) {
@@ -612,16 +637,14 @@ void applyChanges(NoteText& note, const Frontmatter& before, const Frontmatter& 
         if (!now) {
             note.remove(key);
         } else {
-            note.set(key, quoted ? quotedValue(*now) : plainValue(*now));
+            put(key, quoted ? quotedValue(*now) : plainValue(*now));
         }
     };
     auto plain = [&](std::string_view key, const std::string& was, const std::string& now) {
         text(key, was, now, false);
     };
     plain("id", before.id, after.id);
-    if (before.created != after.created) {
-        note.set("created", Iso8601::format(after.created));
-    }
+    date("created", before.created, after.created);
     plain("classification", before.classification, after.classification);
     plain("status", before.status, after.status);
     plain("confidence", before.confidence, after.confidence);
@@ -630,7 +653,7 @@ void applyChanges(NoteText& note, const Frontmatter& before, const Frontmatter& 
     plain("source.audio_path", before.audioPath, after.audioPath);
     if (before.audioDurationSec != after.audioDurationSec) {
         if (after.audioDurationSec) {
-            note.set("source.audio_duration_sec", std::to_string(*after.audioDurationSec));
+            put("source.audio_duration_sec", std::to_string(*after.audioDurationSec));
         } else {
             note.remove("source.audio_duration_sec");
         }
@@ -638,9 +661,7 @@ void applyChanges(NoteText& note, const Frontmatter& before, const Frontmatter& 
     plain("source.ingestion_tool", before.ingestionTool, after.ingestionTool);
     text("source.external_id", before.externalId, after.externalId, true);
     text("source.vd_job_status", before.vdJobStatus, after.vdJobStatus, false);
-    if (before.uploadedAt != after.uploadedAt) {
-        text("source.uploaded_at", dateValue(before.uploadedAt), after.uploadedAt ? std::optional(dateValue(after.uploadedAt)) : std::nullopt, false);
-    }
+    date("source.uploaded_at", before.uploadedAt, after.uploadedAt);
     text("source.app", before.recorderSource, after.recorderSource, true);
     text("source.microphone", before.recorderMicrophone, after.recorderMicrophone, true);
     text("source.channel_layout", before.recorderChannelLayout, after.recorderChannelLayout, true);
@@ -659,19 +680,17 @@ void applyChanges(NoteText& note, const Frontmatter& before, const Frontmatter& 
         if (after.tags.empty()) {
             note.remove("tags");
         } else if (appended) {
-            note.appendToList("tags", std::vector<std::string>(all.begin() + static_cast<std::ptrdiff_t>(before.tags.size()), all.end()), all);
+            note.appendToList("tags", std::vector<std::string>(all.begin() + static_cast<std::ptrdiff_t>(before.tags.size()), all.end()), all, predecessors("tags"));
         } else {
             std::string list = "[";
             for (const auto& item : all) {
                 list += list.size() > 1 ? ", " : "";
                 list += item;
             }
-            note.set("tags", list + "]");
+            put("tags", list + "]");
         }
     }
-    if (before.processedAt != after.processedAt) {
-        text("processed_at", dateValue(before.processedAt), after.processedAt ? std::optional(dateValue(after.processedAt)) : std::nullopt, false);
-    }
+    date("processed_at", before.processedAt, after.processedAt);
     text("processed_by", before.processedBy, after.processedBy, false);
     text("output_file", before.outputFile, after.outputFile, true);
     text("archived_to", before.archivedTo, after.archivedTo, true);

@@ -269,14 +269,17 @@ void NoteText::insertAtEndOfBlock(const std::string& lines)
     relayout();
 }
 
-void NoteText::set(std::string_view key, std::string_view yaml)
+void NoteText::set(std::string_view key, std::string_view yaml, const Keys& after)
 {
     auto lines = blockLines();
     if (key.starts_with("source.")) {
         auto child = key.substr(7);
         auto source = findTopLevel("source", lines);
         if (!source) {
-            insertAtEndOfBlock("source:" + eol_ + "  " + std::string(child) + ": " + std::string(yaml) + eol_);
+            // The map is made where the program writes it: `after` names its children, so
+            // the place of the map itself is after the top-level keys that come before it.
+            static const Keys kBeforeSource = {"id", "created", "classification", "status", "confidence"};
+            insertAfter(lines, kBeforeSource, "source:" + eol_ + "  " + std::string(child) + ": " + std::string(yaml) + eol_);
             return;
         }
         auto sourceLine = lineText(std::string_view(text_).substr(source->begin, text_.find('\n', source->begin) - source->begin));
@@ -289,17 +292,35 @@ void NoteText::set(std::string_view key, std::string_view yaml)
         std::string line = indent + std::string(child) + ": " + std::string(yaml) + eol_;
         if (span) {
             replace(*span, line);
-        } else {
-            replace(Span{source->end, source->end}, line);
+            return;
         }
+        std::size_t at = source->end;
+        for (auto it = after.rbegin(); it != after.rend(); ++it) {
+            if (auto before = findInSource(*source, *it, indent)) {
+                at = before->end;
+                break;
+            }
+        }
+        replace(Span{at, at}, line);
         return;
     }
     std::string line = std::string(key) + ": " + std::string(yaml) + eol_;
     if (auto span = findTopLevel(key, lines)) {
         replace(*span, line);
     } else {
-        insertAtEndOfBlock(line);
+        insertAfter(lines, after, line);
     }
+}
+
+void NoteText::insertAfter(const std::vector<Line>& lines, const Keys& after, const std::string& text)
+{
+    for (auto it = after.rbegin(); it != after.rend(); ++it) {
+        if (auto before = findTopLevel(*it, lines)) {
+            replace(Span{before->end, before->end}, text);
+            return;
+        }
+    }
+    insertAtEndOfBlock(text);
 }
 
 void NoteText::remove(std::string_view key)
@@ -319,7 +340,7 @@ void NoteText::remove(std::string_view key)
 }
 
 void NoteText::appendToList(std::string_view key, const std::vector<std::string>& items,
-                            const std::vector<std::string>& all)
+                            const std::vector<std::string>& all, const Keys& after)
 {
     if (items.empty()) {
         return;
@@ -327,7 +348,7 @@ void NoteText::appendToList(std::string_view key, const std::vector<std::string>
     auto lines = blockLines();
     auto span = findTopLevel(key, lines);
     if (!span) {
-        set(key, "[" + joined(all) + "]");
+        set(key, "[" + joined(all) + "]", after);
         return;
     }
     auto lineEnd = text_.find('\n', span->begin);

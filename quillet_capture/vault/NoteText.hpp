@@ -38,17 +38,20 @@ public:
     const std::string& lineEnding() const { return eol_; }
 
     /// Gives `key` the value `yaml` (one line, already YAML), replacing the key's line and
-    /// the lines nested below it; a key that is missing is added at the end of its map
-    /// (the `source` map is made when it is missing). Throws `Unparseable` with
-    /// `Problem::flowSource` for a key of a `source` map written on one line.
-    void set(std::string_view key, std::string_view yaml);
+    /// the lines nested below it. A key that is missing is added after the last of the keys
+    /// of its map named in `after` that the note has (the keys that come before it where the
+    /// program writes notes), else at the end of its map; the `source` map is made when it is
+    /// missing. Throws `Unparseable` with `Problem::flowSource` for a key of a `source` map
+    /// written on one line.
+    using Keys = std::vector<std::string_view>;
+    void set(std::string_view key, std::string_view yaml, const Keys& after = {});
     /// Removes `key` and the lines nested below it; nothing when it is missing.
     void remove(std::string_view key);
     /// Adds `items` (each already YAML) to the list `key`: after the last item of a block list,
     /// before the "]" of a list on one line; a key that is missing, empty or anything else gets
     /// the list `all` (already YAML) on one line.
     void appendToList(std::string_view key, const std::vector<std::string>& items,
-                      const std::vector<std::string>& all);
+                      const std::vector<std::string>& all, const Keys& after = {});
     /// Replaces the body with `body`, after one empty line below the frontmatter.
     void setBody(std::string_view body);
 
@@ -84,6 +87,8 @@ private:
     /// The children of the `source` entry: their indent, and the span of `key` among them.
     std::optional<Span> findInSource(const Span& source, std::string_view key, std::string& indent) const;
     void insertAtEndOfBlock(const std::string& lines);
+    /// Inserts `text` after the last key of `after` at the top of the block, else at its end.
+    void insertAfter(const std::vector<Line>& lines, const Keys& after, const std::string& text);
     void replace(const Span& span, const std::string& with);
     void relayout();
 

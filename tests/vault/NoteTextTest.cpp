@@ -71,13 +71,13 @@ TEST(NoteText, OnlyTheProgramsKeysChangeEveryOtherByteStays)
     EXPECT_EQ(test::readFile(f.note("240131-132530")), expected);
 
     // The transcript: status and key in their lines, the tags it lacks after the last item,
-    // the duration at the end of the source map, the title kept (the person has one), the
+    // the duration after the keys that come before it, the title kept (the person has one), the
     // transcript above the person's words.
     f.writer.writeTranscript("240131-132530", "The transcript.", "DOC_2", std::nullopt, 61, "A proposed title",
                              {"important-project", "voice-memo"});
     expected.replace(expected.find("vd_job_status: completed"), 24, "vd_job_status: done");
     expected.replace(expected.find("external_id: 'DOC_1'"), 20, "external_id: DOC_2");
-    expected.insert(expected.find("rating: 5"), "    audio_duration_sec: 61\n");
+    expected.insert(expected.find("    # a comment in the map"), "    audio_duration_sec: 61\n");
     expected.insert(expected.find("\n\nsource:") + 1, "  - voice-memo\n");
     expected.replace(expected.find("Words I typed."), 14, "The transcript.\n\nWords I typed.");
     expected.pop_back();  // the person's text is kept trimmed below the transcript
@@ -119,7 +119,7 @@ TEST(NoteText, ListsOnOneLineMissingKeysAndCrlfLineEnds)
     // No source map at all, an empty list: both are made.
     f.write("c", "---\nid: c\ntags: []\n---\n");
     f.writer.writeTranscript("c", "T.", "K", std::nullopt, std::nullopt, std::nullopt, {"x"});
-    EXPECT_EQ(test::readFile(f.note("c")), "---\nid: c\ntags: [x]\nsource:\n  external_id: K\n  vd_job_status: done\n---\n\nT.");
+    EXPECT_EQ(test::readFile(f.note("c")), "---\nid: c\nsource:\n  external_id: K\n  vd_job_status: done\ntags: [x]\n---\n\nT.");
     EXPECT_EQ(InboxWriter::readFrontmatter(f.note("c")).vdJobStatus, "done");
 
     // A single tag written as text becomes a list with it.
