@@ -205,7 +205,8 @@ asio::awaitable<void> CapturePipeline::fetchTranscriptAndWrite(VeldaneClient& cl
         *detail.result.duration < 1e12) {
         duration = static_cast<std::int64_t>(std::llround(*detail.result.duration));
     }
-    auto inbox = writer();
+    co_await vaultPresent(id);
+    auto inbox = writer(id);
     try {
         inbox.writeTranscript(id, text, cacheKey, detail.result.language, duration, detail.result.llm_title, {});
     } catch (const std::exception& error) {
@@ -219,6 +220,7 @@ asio::awaitable<void> CapturePipeline::fetchTranscriptAndWrite(VeldaneClient& cl
     if (environment_.recovery != nullptr) {
         environment_.recovery->forget(id);
     }
+    forgetVault(id);
     if (environment_.transcriptWritten) {
         environment_.transcriptWritten(id, inbox.noteURL(id));
     }
@@ -240,7 +242,7 @@ asio::awaitable<std::optional<std::string>> CapturePipeline::currentCacheKey(Vel
     rlog("[quillet] capture pipeline: %@ not in the source list; uploading again to learn its key", id);
     auto profile = uploadProfile(id);
     try {
-        auto audio = writer().audioURL(id);
+        auto audio = writer(id).audioURL(id);
         std::optional<std::string> language;
         auto result = co_await client.uploadAudio(std::move(audio), std::move(profile.contentSource),
                                                   std::move(language), std::move(profile.tags),
