@@ -60,7 +60,7 @@ bool AgentSettings::followFile()
              next->afterTranscriptCommand().value_or("nothing"));
     }
     try {
-        writeFileAtomically(acknowledgementFile(), change->signature.text() + "\n");
+        writeFileAtomically(acknowledgementFile(), change->signature.text() + "\n", 0600);
     } catch (const std::exception& error) {
         rlog("[quillet] capture-cli: cannot write %@: %@", acknowledgementFile().string(), error.what());
     }
