@@ -60,6 +60,8 @@ bool AgentSettings::followFile()
              next->afterTranscriptCommand().value_or("nothing"));
     }
     try {
+        std::error_code ignored;
+        std::filesystem::create_directories(acknowledgementFile().parent_path(), ignored);
         writeFileAtomically(acknowledgementFile(), change->signature.text() + "\n", 0600);
     } catch (const std::exception& error) {
         rlog("[quillet] capture-cli: cannot write %@: %@", acknowledgementFile().string(), error.what());
