@@ -158,8 +158,10 @@ asio::awaitable<void> CapturePipeline::vaultPresent(std::string id)
     const auto inbox = writer(id).inboxDirectory();
     bool waited = false;
     for (;;) {
+        // Only a vault that is not there waits; one that is there but cannot be written fails
+        // the write, and the capture is tried again later.
         std::error_code error;
-        if (fs::is_directory(inbox, error)) {
+        if (fs::exists(fs::symlink_status(inbox, error))) {
             break;
         }
         if (!waited) {
@@ -214,7 +216,7 @@ void CapturePipeline::send(CaptureEvent::Kind kind, const std::string& id, const
 void CapturePipeline::setStatus(const std::string& id, const std::string& status)
 {
     auto inbox = writer(id);
-    if (std::error_code error; !fs::is_directory(inbox.inboxDirectory(), error)) {
+    if (std::error_code error; !fs::exists(fs::symlink_status(inbox.inboxDirectory(), error))) {
         // The vault was moved away: the status waits with the capture (`vaultPresent`).
         return;
     }

@@ -177,9 +177,10 @@ private:
     /// Records that the capture `id` began in `vault` / that it is finished.
     void keepVault(const std::string& id, const std::filesystem::path& vault);
     void forgetVault(const std::string& id);
-    /// Returns once the inbox of the vault of `id` is there. While it is not (the vault was
-    /// moved away or its volume is not mounted) it waits, said in one log line, and looks
-    /// again every `vaultWaitInterval`: a note is never written into a vault made anew.
+    /// Returns once something is at the path of the inbox of the vault of `id`. While nothing
+    /// is (the vault was moved away or its volume is not mounted) it waits, said in one log
+    /// line, and looks again every `vaultWaitInterval`: a note is never written into a vault
+    /// made anew. An inbox that is there but cannot be written is left to the write to fail.
     asio::awaitable<void> vaultPresent(std::string id);
     static constexpr std::chrono::seconds vaultWaitInterval{5};
     VeldaneClient client() const;
