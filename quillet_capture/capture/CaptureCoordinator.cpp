@@ -1,7 +1,7 @@
 #include "quillet_capture/capture/CaptureCoordinator.hpp"
 
+#include "quillet_capture/config/AgentSettings.hpp"
 #include "quillet_capture/config/Log.hpp"
-#include "quillet_capture/config/Settings.hpp"
 #include "quillet_capture/pipeline/CaptureIdentities.hpp"
 #include "quillet_capture/pipeline/CaptureIntake.hpp"
 #include "quillet_capture/pipeline/CaptureStateStore.hpp"
@@ -54,7 +54,7 @@ CaptureCoordinator& CaptureCoordinator::shared()
 {
     // Never destroyed: its queue may be running while the process ends.
     static auto* coordinator = new CaptureCoordinator(
-        [] { return Settings::shared().enabledWatchedFolders(); }, CaptureStateStore::shared(),
+        [] { return AgentSettings::shared().current()->enabledWatchedFolders(); }, CaptureStateStore::shared(),
         Reports{
             [](const CaptureAccess::State& state) { CaptureStatus::shared().updateAccess(state); },
             [](int count) { CaptureStatus::shared().poll(count); },
@@ -100,6 +100,14 @@ void CaptureCoordinator::setVault(FolderWatcher::Vault vault)
     queue_.sync([&] { vault_ = std::move(vault); });
 }
 
+void CaptureCoordinator::followSettings(std::filesystem::path folder, std::function<bool()> check)
+{
+    queue_.sync([&] {
+        settingsFolder_ = std::move(folder);
+        settingsCheck_ = std::move(check);
+    });
+}
+
 void CaptureCoordinator::start()
 {
     queue_.async([this, alive = std::weak_ptr(alive_)] {
@@ -142,6 +150,65 @@ void CaptureCoordinator::stopTimer()
     }
     early_.reset();
     events_.reset();
+    settingsSoon_.reset();
+    settingsEvents_.reset();
+}
+
+void CaptureCoordinator::requestSettingsCheck()
+{
+    if (!timer_ || settingsSoon_) {
+        return;
+    }
+    settingsSoon_ = runtime::Timer::once(queue_.executor(), eventDelay, [this, alive = std::weak_ptr(alive_)] {
+        if (alive.lock()) {
+            settingsSoon_.reset();
+            checkSettings();
+        }
+    });
+}
+
+void CaptureCoordinator::checkSettings()
+{
+    if (settingsCheck_ && settingsCheck_()) {
+        refreshFolders();
+    }
+    if (timer_ && settingsCheck_ && !settingsFolder_.empty()) {
+        // Events only wake the check; the one at every tick stays the truth.
+        if (!settingsEvents_) {
+            settingsEvents_ = std::make_unique<FolderEvents>(queue_.executor(), [this] { requestSettingsCheck(); });
+        }
+        settingsEvents_->watch({settingsFolder_});
+    }
+}
+
+void CaptureCoordinator::refreshFolders()
+{
+    auto folders = folders_();
+    std::vector<WatchedFolder> current;
+    for (const auto& watcher : watchers_) {
+        current.push_back(watcher.folder());
+    }
+    if (folders == current) {
+        return;
+    }
+    watchers_.clear();
+    for (auto& folder : folders) {
+        watchers_.emplace_back(std::move(folder), store_, true, clock_, probes_, intake_, vault_, std::filesystem::path(),
+                               identities_);
+    }
+    // A folder watched for the first time has its recordings from before now indexed, never
+    // captured; for the others this costs one look at the store.
+    for (auto& watcher : watchers_) {
+        watcher.runInitialIndex();
+    }
+    if (watchers_.empty()) {
+        rlog("[quillet] capture: no folders enabled; nothing is watched until the settings enable one");
+    } else {
+        rlog("[quillet] capture: watched folders now %@", joined(watchers_));
+    }
+    if (timer_) {
+        watchFolders();
+    }
 }
 
 void CaptureCoordinator::requestTick()
@@ -213,6 +280,8 @@ void CaptureCoordinator::tick()
     // This tick answers every change before it, whatever brought it.
     early_.reset();
     ++ticks_;
+    // Before the polls: a recording found by this tick goes where the settings now say.
+    checkSettings();
     int total = 0;
     for (auto& watcher : watchers_) {
         const auto& folder = watcher.folder();

@@ -63,6 +63,12 @@ public:
     /// `FolderWatcher::poll`). Set it before `start`.
     void setVault(FolderWatcher::Vault vault);
 
+    /// Has the coordinator follow the settings: `check` runs on the queue before every tick's
+    /// polls and soon (`eventDelay`) after a change among the entries of `folder`; when it
+    /// returns true, the watched folders are taken from the folder source again and watchers
+    /// are started and stopped to match. Set it before `start`.
+    void followSettings(std::filesystem::path folder, std::function<bool()> check);
+
     /// Each returns at once; the work runs on the queue.
     void start();
     void stop();
@@ -92,6 +98,12 @@ private:
     /// Watches the enabled folders for changes again: those that appeared or were replaced
     /// since the last tick, and no others.
     void watchFolders();
+    /// Runs the settings check now; on a change, makes the watchers match the folder source.
+    void checkSettings();
+    /// Asks for a settings check `eventDelay` from now, unless one is asked for already.
+    void requestSettingsCheck();
+    /// Watchers for the folders the source gives now, when they are not the ones there are.
+    void refreshFolders();
 
     // The queue goes last, so that the timer and watchers are gone before its thread stops.
     runtime::SerialQueue queue_;
@@ -114,6 +126,11 @@ private:
     std::map<std::string, CaptureAccess::State> lastStates_;
     std::function<void(const FolderWatcher::NewCapture&)> onNewCapture_;
     FolderWatcher::Vault vault_;
+    std::filesystem::path settingsFolder_;
+    std::function<bool()> settingsCheck_;
+    std::unique_ptr<FolderEvents> settingsEvents_;
+    /// The settings check asked for by a change of the settings folder, until it runs.
+    std::unique_ptr<runtime::Timer> settingsSoon_;
     std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
 };
 

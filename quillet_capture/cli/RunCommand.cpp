@@ -3,6 +3,7 @@
 #include "quillet_capture/config/Log.hpp"
 #include "quillet_capture/capture/CaptureCoordinator.hpp"
 #include "quillet_capture/capture/VoiceMemosKeeper.hpp"
+#include "quillet_capture/config/AgentSettings.hpp"
 #include "quillet_capture/config/Keychain.hpp"
 #include "quillet_capture/config/Settings.hpp"
 #include "quillet_capture/pipeline/AfterTranscriptCommand.hpp"
@@ -133,6 +134,10 @@ void cmdRun()
     }
     VoiceMemosKeeper::shared().apply(settings.keepVoiceMemosRunning());
     CaptureStatus::shared().start();
+    // From here on a new version of the settings file is taken while the agent runs: new
+    // captures go where it says, those under way finish in the vault of their note.
+    CaptureCoordinator::shared().followSettings(Settings::fileURL().parent_path(),
+                                                [] { return AgentSettings::shared().followFile(); });
     CapturePipeline::shared().start();
 
     runtime::runMainLoop();

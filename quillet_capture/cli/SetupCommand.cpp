@@ -1,9 +1,13 @@
 #include "quillet_capture/cli/Commands.hpp"
 #include "quillet_capture/cli/Console.hpp"
+#include "quillet_capture/capture/CaptureCoordinator.hpp"
 #include "quillet_capture/capture/FirstWatched.hpp"
 #include "quillet_capture/pipeline/CaptureRetry.hpp"
+#include "quillet_capture/config/AgentSettings.hpp"
 #include "quillet_capture/config/Settings.hpp"
 #include "quillet_capture/config/WatchedFolder.hpp"
+#include "quillet_capture/platform/AgentLock.hpp"
+#include "quillet_capture/platform/FileSignature.hpp"
 #include "quillet_capture/platform/Paths.hpp"
 #include "quillet_capture/util/AtomicFile.hpp"
 #include "quillet_capture/util/Iso8601.hpp"
@@ -11,6 +15,8 @@
 #include <algorithm>
 #include <chrono>
 #include <filesystem>
+#include <string>
+#include <thread>
 
 namespace quillet {
 
@@ -86,6 +92,38 @@ std::string onOff(bool on)
     return on ? "on" : "off";
 }
 
+// A running agent takes a new settings file soon after it is saved; the person is told
+// whether it has, or a capture could go to a vault they no longer expect.
+void tellRunningAgent()
+{
+    std::error_code error;
+    if (!fs::exists(AgentLock::file(), error)) {
+        return;  // no agent ever ran on this state folder
+    }
+    auto lock = AgentLock::take();
+    if (lock.taken()) {
+        return;  // none runs: the next one reads the file when it starts
+    }
+    const long pid = lock.holder().value_or(0);
+    const std::string agent =
+        pid > 0 ? "The running agent (pid " + std::to_string(pid) + ")" : std::string("The running agent");
+    const auto saved = FileSignature::of(Settings::fileURL()).text();
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(3);
+    for (;;) {
+        if (AgentSettings::acknowledged() == saved) {
+            out(agent + " now uses these settings.");
+            return;
+        }
+        if (std::chrono::steady_clock::now() >= deadline) {
+            break;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    out(agent + " has not taken these settings yet; it will at its next look at the settings file (within " +
+        std::to_string(static_cast<int>(CaptureCoordinator::pollInterval)) +
+        " seconds), or restart it to be sure.");
+}
+
 } // namespace
 
 void cmdSetup(const std::vector<std::string>& arguments)
@@ -144,6 +182,7 @@ void cmdSetup(const std::vector<std::string>& arguments)
     out("  upload to Veldane: " + onOff(upload));
     out("  keep Voice Memos running: " + onOff(keepVoiceMemos));
     out("  after a transcript: " + changed.afterTranscriptCommand.value_or("off"));
+    tellRunningAgent();
     out();
     out(std::string("Next: quillet-capture pair") + (upload ? "" : "  (only needed for upload)"));
 }

@@ -56,6 +56,11 @@ Settings::Settings()
     load();
 }
 
+Settings::Settings(AppSettings record)
+    : settings(std::move(record))
+{
+}
+
 fs::path Settings::fileURL()
 {
     return Paths::settingsFile();

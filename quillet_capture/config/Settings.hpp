@@ -17,13 +17,17 @@ namespace quillet {
 /// The settings store: the one settings file shared with the menu-bar app, and the values
 /// the rest of the program derives from it.
 ///
-/// It has no lock. Commands change and save it on the main thread; while the agent runs it
-/// is only read (from the main thread and the capture queues). The file is never watched: a
-/// running agent keeps what it read until `reload()`.
+/// It has no lock. Commands change and save it on the main thread; while the agent runs the
+/// shared store is only read, and the agent follows later versions of the file through
+/// `AgentSettings`, whose snapshots are stores of their own over one record each.
 class Settings {
 public:
     /// The process-wide store, made on first use from the defaults and the file.
     static Settings& shared();
+
+    /// A store over `record`, not read from the file: its derived values are those of that
+    /// record. Never changed once made, so any thread may read it.
+    explicit Settings(AppSettings record);
 
     /// The current record. Changing it does not save it.
     AppSettings settings = AppSettings::defaults();

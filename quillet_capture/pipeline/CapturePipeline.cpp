@@ -1,14 +1,15 @@
 #include "quillet_capture/pipeline/CapturePipeline.hpp"
 
 #include "quillet_capture/capture/CaptureCoordinator.hpp"
+#include "quillet_capture/config/AgentSettings.hpp"
 #include "quillet_capture/config/Keychain.hpp"
 #include "quillet_capture/config/Log.hpp"
-#include "quillet_capture/config/Settings.hpp"
 #include "quillet_capture/pipeline/AfterTranscriptCommand.hpp"
 #include "quillet_capture/pipeline/CaptureIdentities.hpp"
 #include "quillet_capture/pipeline/CaptureIntake.hpp"
 #include "quillet_capture/pipeline/CaptureRecovery.hpp"
 #include "quillet_capture/pipeline/CaptureStateStore.hpp"
+#include "quillet_capture/pipeline/CaptureVaults.hpp"
 #include "quillet_capture/runtime/Tasks.hpp"
 #include "quillet_capture/service/RefusedToken.hpp"
 #include "quillet_capture/util/Iso8601.hpp"
@@ -33,14 +34,16 @@ CapturePipeline& CapturePipeline::shared()
 {
     static auto* pipeline = new CapturePipeline(
         Environment{
-            [] { return Settings::shared().vaultURL(); },
-            [] { return Settings::shared().captureVeldaneEnabled(); },
-            [] { return Settings::shared().watchedFolders(); },
-            [] { return Settings::shared().veldaneBaseURL(); },
+            [] { return AgentSettings::shared().current()->vaultURL(); },
+            [] { return AgentSettings::shared().current()->captureVeldaneEnabled(); },
+            [] { return AgentSettings::shared().current()->watchedFolders(); },
+            [] { return AgentSettings::shared().current()->veldaneBaseURL(); },
             [](const std::string& id, const fs::path& note) {
+                // The note's vault, "<vault>/_inbox/<id>.md": after a change of vault it is
+                // not the one the settings name.
                 AfterTranscriptCommand::shared().transcriptWritten(
-                    id, note, Settings::shared().afterTranscriptCommand().value_or(""),
-                    Settings::shared().vaultURL());
+                    id, note, AgentSettings::shared().current()->afterTranscriptCommand().value_or(""),
+                    note.parent_path().parent_path());
             },
             &runtime::systemClock(),
             {},
@@ -48,6 +51,7 @@ CapturePipeline& CapturePipeline::shared()
             &CaptureStateStore::shared(),
             &CaptureRecovery::shared(),
             &CaptureIdentities::shared(),
+            &CaptureVaults::shared(),
         },
         &CaptureCoordinator::shared());
     return *pipeline;
@@ -75,7 +79,7 @@ void CapturePipeline::start()
                     std::error_code error;
                     return file.empty() ? fs::exists(writer().noteURL(id), error) : holdsCaptureOf(id, file);
                 },
-            .copyOf = [this](const std::string& id) { return writer().audioURL(id); },
+            .copyOf = [this](const std::string& id) { return writer(id).audioURL(id); },
             .retitle = [this](const std::string& id, const std::string& from,
                               const std::string& to) { return retitle(id, from, to); },
         });
@@ -107,6 +111,73 @@ void CapturePipeline::stop()
 InboxWriter CapturePipeline::writer() const
 {
     return InboxWriter(environment_.vaultRoot());
+}
+
+InboxWriter CapturePipeline::writer(const std::string& id) const
+{
+    return InboxWriter(vaultOf(id));
+}
+
+fs::path CapturePipeline::vaultOf(const std::string& id) const
+{
+    {
+        std::lock_guard guard(vaultsLock_);
+        if (auto kept = vaults_.find(id); kept != vaults_.end()) {
+            return kept->second;
+        }
+    }
+    if (environment_.vaults != nullptr) {
+        if (auto kept = environment_.vaults->find(id)) {
+            return *kept;
+        }
+    }
+    return environment_.vaultRoot();
+}
+
+void CapturePipeline::keepVault(const std::string& id, const fs::path& vault)
+{
+    {
+        std::lock_guard guard(vaultsLock_);
+        vaults_.insert_or_assign(id, vault);
+    }
+    if (environment_.vaults != nullptr) {
+        environment_.vaults->record(id, vault);
+    }
+}
+
+void CapturePipeline::forgetVault(const std::string& id)
+{
+    {
+        std::lock_guard guard(vaultsLock_);
+        vaults_.erase(id);
+    }
+    if (environment_.vaults != nullptr) {
+        environment_.vaults->forget(id);
+    }
+}
+
+asio::awaitable<void> CapturePipeline::vaultPresent(std::string id)
+{
+    const auto inbox = writer(id).inboxDirectory();
+    bool waited = false;
+    for (;;) {
+        // Only a vault that is not there waits; one that is there but cannot be written fails
+        // the write, and the capture is tried again later.
+        std::error_code error;
+        if (fs::exists(fs::symlink_status(inbox, error))) {
+            break;
+        }
+        if (!waited) {
+            rlog("[quillet] capture pipeline: the vault of %@ is gone (%@); its capture waits until the vault is back "
+                 "there",
+                 id, inbox.parent_path().string());
+            waited = true;
+        }
+        co_await environment_.clock->wait(vaultWaitInterval);
+    }
+    if (waited) {
+        rlog("[quillet] capture pipeline: the vault of %@ is back; its capture goes on", id);
+    }
 }
 
 VeldaneClient CapturePipeline::client() const
@@ -147,8 +218,13 @@ void CapturePipeline::send(CaptureEvent::Kind kind, const std::string& id, const
 
 void CapturePipeline::setStatus(const std::string& id, const std::string& status)
 {
+    auto inbox = writer(id);
+    if (std::error_code error; !fs::exists(fs::symlink_status(inbox.inboxDirectory(), error))) {
+        // The vault was moved away: the status waits with the capture (`vaultPresent`).
+        return;
+    }
     try {
-        writer().updateVDJobStatus(id, status);
+        inbox.updateVDJobStatus(id, status);
     } catch (const std::exception& error) {
         // The note may have been deleted or the vault made read-only meanwhile; the capture
         // goes on, and the next write or the next resume puts the status right.
@@ -178,7 +254,7 @@ asio::awaitable<void> CapturePipeline::waitForNewToken(std::string id)
 void CapturePipeline::recordKey(const std::string& id, const std::string& key)
 {
     try {
-        writer().editNote(id, [&](InboxWriter::Frontmatter& frontmatter, std::string&) {
+        writer(id).editNote(id, [&](InboxWriter::Frontmatter& frontmatter, std::string&) {
             frontmatter.externalId = key;
             frontmatter.uploadedAt = environment_.clock->now();
             frontmatter.vdJobStatus = "queued";

@@ -28,6 +28,7 @@ class CaptureIdentities;
 class CaptureIntake;
 class CaptureRecovery;
 class CaptureStateStore;
+class CaptureVaults;
 
 /// Carries each new recording from the watched folder to a transcribed note: settles its id,
 /// claims it, copies the audio into the vault, writes the stub note, uploads the audio, follows
@@ -65,6 +66,9 @@ public:
         /// Which capture each Voice Memos recording became; none: a recovered capture's
         /// identity is not recorded again.
         CaptureIdentities* identities = nullptr;
+        /// The vault of each unfinished capture, across runs; none: kept for this pipeline's
+        /// life only.
+        CaptureVaults* vaults = nullptr;
     };
 
     /// The upload profile of a capture sent again.
@@ -157,6 +161,12 @@ public:
     /// True while `id` is being handled.
     bool isClaimed(const std::string& id) const;
 
+    /// The vault that holds the note of the capture `id`: the one its capture began in, for an
+    /// unfinished capture this pipeline (or, with `Environment::vaults`, an earlier run) began,
+    /// else the vault in effect now. A capture finishes where its note is, whatever vault the
+    /// settings name meanwhile. Any thread.
+    std::filesystem::path vaultOf(const std::string& id) const;
+
     /// The number of capture tasks under way (handle, resume, retry polling).
     int tasksInFlight() const { return inFlight_.load(); }
 
@@ -167,7 +177,19 @@ private:
     class Claim;
     class TaskCount;
 
+    /// The writer of the vault in effect now, where new captures go.
     InboxWriter writer() const;
+    /// The writer of the vault of the capture `id` (`vaultOf`).
+    InboxWriter writer(const std::string& id) const;
+    /// Records that the capture `id` began in `vault` / that it is finished.
+    void keepVault(const std::string& id, const std::filesystem::path& vault);
+    void forgetVault(const std::string& id);
+    /// Returns once something is at the path of the inbox of the vault of `id`. While nothing
+    /// is (the vault was moved away or its volume is not mounted) it waits, said in one log
+    /// line, and looks again every `vaultWaitInterval`: a note is never written into a vault
+    /// made anew. An inbox that is there but cannot be written is left to the write to fail.
+    asio::awaitable<void> vaultPresent(std::string id);
+    static constexpr std::chrono::seconds vaultWaitInterval{5};
     VeldaneClient client() const;
     bool claim(const std::string& id);
     void release(const std::string& id);
@@ -203,6 +225,9 @@ private:
 
     mutable std::mutex claimLock_;
     std::set<std::string> claimed_;
+
+    mutable std::mutex vaultsLock_;
+    std::map<std::string, std::filesystem::path> vaults_;
 
     std::mutex recoveryLock_;
     bool recoveryArmed_ = false;

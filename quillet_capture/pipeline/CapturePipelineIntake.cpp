@@ -82,7 +82,8 @@ bool CapturePipeline::holdsCaptureOf(const std::string& canonicalId, const fs::p
 asio::awaitable<void> CapturePipeline::handle(FolderWatcher::NewCapture capture)
 {
     TaskCount counting(*this);
-    auto inbox = writer();
+    // A recording that grew goes to its note, which may be in the vault of before a change.
+    auto inbox = capture.grown ? writer(capture.canonicalId) : writer();
     std::string id = capture.canonicalId;
     if (capture.grown) {
         // A recording that grew keeps its id and its note; what is under way for it (its
@@ -127,6 +128,10 @@ asio::awaitable<void> CapturePipeline::handle(FolderWatcher::NewCapture capture)
         }
     }
     Claim claimed(*this, id);
+    keepVault(id, inbox.vaultRoot());
+    if (capture.grown) {
+        co_await vaultPresent(id);
+    }
 
     // 4. The copy is the slow part; it runs on the blocking pool.
     std::optional<std::string> copyError;
@@ -195,6 +200,8 @@ asio::awaitable<void> CapturePipeline::handle(FolderWatcher::NewCapture capture)
 
     // 7. Without uploads the capture waits in the vault for a later retry.
     if (!uploadsOn) {
+        // What waits for a retry is looked for in the vault the settings name then.
+        forgetVault(id);
         rlog("[quillet] capture pipeline: VD upload disabled; %@ remains pending in vault", id);
         co_return;
     }
@@ -258,7 +265,7 @@ asio::awaitable<void> CapturePipeline::handle(FolderWatcher::NewCapture capture)
 
 asio::awaitable<CapturePipeline::Reopened> CapturePipeline::reopenNote(std::string id, bool uploadsOn)
 {
-    auto inbox = writer();
+    auto inbox = writer(id);
     const auto note = inbox.noteURL(id);
     std::error_code missing;
     if (!fs::exists(fs::symlink_status(note, missing))) {

@@ -218,7 +218,8 @@ asio::awaitable<void> CapturePipeline::fetchTranscriptAndWrite(VeldaneClient& cl
         *detail.result.duration < 1e12) {
         duration = static_cast<std::int64_t>(std::llround(*detail.result.duration));
     }
-    auto inbox = writer();
+    co_await vaultPresent(id);
+    auto inbox = writer(id);
     // An editor's save leaves the note empty or half-written for a moment: it is read again a
     // few times before it counts as a note the person must fix.
     std::optional<std::string> unparseable;
@@ -265,6 +266,7 @@ asio::awaitable<void> CapturePipeline::fetchTranscriptAndWrite(VeldaneClient& cl
     if (environment_.recovery != nullptr) {
         environment_.recovery->forget(id);
     }
+    forgetVault(id);
     if (environment_.transcriptWritten) {
         environment_.transcriptWritten(id, inbox.noteURL(id));
     }
@@ -286,7 +288,7 @@ asio::awaitable<std::optional<std::string>> CapturePipeline::currentCacheKey(Vel
     rlog("[quillet] capture pipeline: %@ not in the source list; uploading again to learn its key", id);
     auto profile = uploadProfile(id);
     try {
-        auto audio = writer().audioURL(id);
+        auto audio = writer(id).audioURL(id);
         std::optional<std::string> language;
         auto result = co_await client.uploadAudio(std::move(audio), std::move(profile.contentSource),
                                                   std::move(language), std::move(profile.tags),

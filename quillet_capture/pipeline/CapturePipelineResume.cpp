@@ -4,6 +4,7 @@
 #include "quillet_capture/pipeline/CaptureIntake.hpp"
 #include "quillet_capture/pipeline/CapturePipelineDetail.hpp"
 #include "quillet_capture/pipeline/CaptureRecovery.hpp"
+#include "quillet_capture/pipeline/CaptureVaults.hpp"
 #include "quillet_capture/runtime/Tasks.hpp"
 #include "quillet_capture/util/Iso8601.hpp"
 
@@ -56,12 +57,12 @@ asio::awaitable<void> CapturePipeline::recoverDue()
 {
     TaskCount counting(*this);
     auto due = environment_.recovery->takeDue(environment_.clock->now());
-    auto inbox = writer();
     bool inJournal = false;
     for (const auto& id : due) {
         if (isClaimed(id)) {
             continue;  // under way: its end says what follows
         }
+        auto inbox = writer(id);
         // A copy or stub that failed left the capture in the intake journal: a new one
         // without a note, or one that grew with the note of what it was.
         std::error_code error;
@@ -87,6 +88,7 @@ asio::awaitable<void> CapturePipeline::recoverDue()
         const auto& key = frontmatter.externalId;
         if (key && !key->empty() && status != "upload_failed" && status != "failed") {
             if (claim(id)) {
+                keepVault(id, inbox.vaultRoot());
                 spawnPolling(id, *key);
             }
             continue;
@@ -113,7 +115,9 @@ asio::awaitable<bool> CapturePipeline::uploadExisting(std::string id, std::optio
         co_return false;
     }
     std::optional<Claim> claimed(std::in_place, *this, id);
-    auto inbox = writer();
+    auto inbox = writer(id);
+    // Pinned: a change of vault while it is under way leaves it in the vault of its note.
+    keepVault(id, inbox.vaultRoot());
     auto audio = inbox.audioURL(id);
     std::error_code error;
     if (!fs::is_regular_file(audio, error)) {
@@ -178,6 +182,7 @@ asio::awaitable<void> CapturePipeline::resumeUnfinished()
     struct Unfinished {
         std::string id;
         InboxWriter::Frontmatter frontmatter;
+        fs::path vault;
     };
     std::vector<Unfinished> unfinished;
     std::error_code error;
@@ -193,9 +198,41 @@ asio::awaitable<void> CapturePipeline::resumeUnfinished()
             if (frontmatter.vdJobStatus && resumableStates().contains(*frontmatter.vdJobStatus) &&
                 !(environment_.recovery != nullptr &&
                   environment_.recovery->isWaiting(note.stem().string(), environment_.clock->now()))) {
-                unfinished.push_back({note.stem().string(), std::move(frontmatter)});
+                unfinished.push_back({note.stem().string(), std::move(frontmatter), inbox.vaultRoot()});
             }
         } catch (const std::exception&) {
+        }
+    }
+    // Captures begun in a vault the settings named before: they finish in their note there.
+    if (environment_.vaults != nullptr) {
+        for (const auto& entry : environment_.vaults->all()) {
+            // Not a structured binding: Apple clang 15 cannot capture one in a lambda.
+            const std::string& id = entry.first;
+            const fs::path& vault = entry.second;
+            if (vault == inbox.vaultRoot() ||
+                std::any_of(unfinished.begin(), unfinished.end(), [&](const auto& u) { return u.id == id; })) {
+                continue;
+            }
+            const InboxWriter elsewhere(vault);
+            std::error_code missing;
+            if (!fs::is_directory(elsewhere.inboxDirectory(), missing)) {
+                continue;  // moved away or not mounted: kept for a start that finds it
+            }
+            std::optional<InboxWriter::Frontmatter> frontmatter;
+            try {
+                frontmatter = InboxWriter::readFrontmatter(elsewhere.noteURL(id));
+            } catch (const std::exception&) {
+            }
+            if (!frontmatter || !frontmatter->vdJobStatus || !resumableStates().contains(*frontmatter->vdJobStatus)) {
+                // Finished, or its note is gone: nothing left to do there.
+                if (!fs::exists(elsewhere.noteURL(id), missing) || frontmatter) {
+                    environment_.vaults->forget(id);
+                }
+                continue;
+            }
+            if (!(environment_.recovery != nullptr && environment_.recovery->isWaiting(id, environment_.clock->now()))) {
+                unfinished.push_back({id, std::move(*frontmatter), vault});
+            }
         }
     }
     rlog("[quillet] capture pipeline: resuming %d unfinished capture(s)", static_cast<int>(unfinished.size()));
@@ -206,9 +243,11 @@ asio::awaitable<void> CapturePipeline::resumeUnfinished()
                 continue;
             }
             rlog("[quillet] capture pipeline: %@ resumed (polling %@)", capture.id, *key);
+            keepVault(capture.id, capture.vault);
             spawnPolling(capture.id, *key);
         } else {
             rlog("[quillet] capture pipeline: %@ resumed (uploading again)", capture.id);
+            keepVault(capture.id, capture.vault);
             auto profile = uploadProfile(capture.id);
             std::optional<std::string> source = std::move(profile.contentSource);
             std::optional<std::vector<std::string>> tags = std::move(profile.tags);
@@ -222,7 +261,7 @@ CapturePipeline::UploadProfile CapturePipeline::uploadProfile(const std::string&
 {
     std::optional<InboxWriter::Frontmatter> note;
     try {
-        note = InboxWriter::readFrontmatter(writer().noteURL(id));
+        note = InboxWriter::readFrontmatter(writer(id).noteURL(id));
     } catch (const std::exception&) {
     }
     if (note && note->classification == recordingClassification) {

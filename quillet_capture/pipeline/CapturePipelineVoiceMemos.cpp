@@ -28,7 +28,7 @@ void CapturePipeline::describe(InboxWriter::Frontmatter& frontmatter, const Libr
 
 bool CapturePipeline::retitle(const std::string& id, const std::string& from, const std::string& to)
 {
-    auto inbox = writer();
+    auto inbox = writer(id);
     const auto note = inbox.noteURL(id);
     std::error_code error;
     if (!std::filesystem::exists(note, error)) {

@@ -1,6 +1,6 @@
 #include "quillet_capture/pipeline/CaptureStatus.hpp"
 
-#include "quillet_capture/config/Settings.hpp"
+#include "quillet_capture/config/AgentSettings.hpp"
 #include "quillet_capture/platform/FileTimes.hpp"
 #include "quillet_capture/runtime/MainLoop.hpp"
 #include "quillet_capture/vault/InboxWriter.hpp"
@@ -29,7 +29,7 @@ CaptureStatus::TimePoint startOfLocalDay(CaptureStatus::TimePoint now)
 
 CaptureStatus& CaptureStatus::shared()
 {
-    static auto* status = new CaptureStatus([] { return Settings::shared().inboxURL(); },
+    static auto* status = new CaptureStatus([] { return AgentSettings::shared().current()->inboxURL(); },
                                             [](std::function<void()> change) { runtime::onMain(std::move(change)); });
     return *status;
 }

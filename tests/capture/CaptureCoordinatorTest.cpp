@@ -168,3 +168,63 @@ TEST_F(CoordinatorFixture, AChangeInAWatchedFolderBringsTheTickForward)
 
 } // namespace
 } // namespace quillet
+
+namespace quillet {
+namespace {
+
+// A change of the settings while the agent runs: the check runs before every tick's polls and
+// soon after a change in the settings folder (not only at the 30-second tick), and when it
+// reports new settings the watchers follow the folders they name, a new folder's earlier
+// recordings indexed, never captured.
+TEST_F(CoordinatorFixture, ItFollowsTheSettingsWhileItRuns)
+{
+    const fs::path settingsFolder = home.path() / "config";
+    const fs::path other = home.path() / "Other";
+    fs::create_directories(settingsFolder);
+    fs::create_directories(folderPath);
+    fs::create_directories(other);
+    test::writeFile(other / "before.m4a", "audio");
+    timespec old[2] = {{1'600'000'000, 0}, {1'600'000'000, 0}};
+    ASSERT_EQ(utimensat(AT_FDCWD, (other / "before.m4a").c_str(), old, 0), 0);
+    folders.push_back(WatchedFolder::generic(folderPath.string(), std::string("Synced")));
+
+    std::atomic<int> checks{0};
+    bool changed = false;  // read and written on the queue or with the queue idle
+    make();
+    coordinator->followSettings(settingsFolder, [&] {
+        ++checks;
+        return std::exchange(changed, false);
+    });
+    coordinator->start();
+    tick();
+    EXPECT_EQ(checks, 1);
+
+    // Another version, as setup saves it: a rename into the settings folder.
+    coordinator->queue().sync([&] {
+        folders = {WatchedFolder::generic(other.string(), std::string("Other"))};
+        changed = true;
+    });
+    test::writeFile(settingsFolder / ".settings.json.tmp", "{}");
+    fs::rename(settingsFolder / ".settings.json.tmp", settingsFolder / "settings.json");
+    ASSERT_TRUE(test::eventually([&] { return checks >= 2; })) << "the change brought the check forward";
+    coordinator->queue().drain();
+    EXPECT_EQ(test::countLogLines("[quillet] capture: watched folders now Other"), 1);
+    EXPECT_EQ(coordinator->queue().sync([&] { return coordinator->eventFolders(); }), std::vector<fs::path>{other});
+
+    test::writeFile(folderPath / "left.m4a", "audio");
+    test::writeFile(other / "new.m4a", "audio");
+    // The folder's own event may bring a tick too; the reports are read on the queue.
+    EXPECT_EQ(coordinator->queue().sync([&] {
+        coordinator->tick();
+        return pollReports.back();
+    }),
+              1)
+        << "only the new recording of the folder now watched";
+
+    // An unchanged check leaves the watchers as they are.
+    tick();
+    EXPECT_EQ(test::countLogLines("[quillet] capture: watched folders now"), 1);
+}
+
+} // namespace
+} // namespace quillet

@@ -7,6 +7,7 @@
 
 #include "quillet_capture/config/Keychain.hpp"
 #include "quillet_capture/pipeline/CaptureStatus.hpp"
+#include "quillet_capture/pipeline/CaptureVaults.hpp"
 #include "quillet_capture/platform/FileTimes.hpp"
 #include "quillet_capture/runtime/Tasks.hpp"
 #include "quillet_capture/util/Iso8601.hpp"
@@ -729,6 +730,64 @@ TEST(PipelineStatics, RecordingMetadataAndOrigins)
     EXPECT_TRUE(CapturePipeline::isRecordingOrigin(std::string("pellam_recorder")));
     EXPECT_FALSE(CapturePipeline::isRecordingOrigin(std::string("voice_memo")));
     EXPECT_FALSE(CapturePipeline::isRecordingOrigin(std::nullopt));
+}
+
+// After a change of vault, a capture begun in the vault named before finishes in its note
+// there, in a later run too; a capture no run kept a vault for (an older agent's) is in the
+// vault named now; a kept vault that is not there is left alone, never made again.
+TEST_F(PipelineWithUploads, EachCaptureFinishesInTheVaultOfItsNote)
+{
+    serveEverything();
+    const fs::path other = home.path() / "Other";
+    const fs::path gone = home.path() / "Moved away";
+    InboxWriter(other).ensureDirectories();
+    CaptureVaults vaults(home.path() / "capture-vaults.json");
+    fs::path current = other;
+    CapturePipeline::Environment environment{
+        [&] {
+            std::lock_guard guard(lock);
+            return current;
+        },
+        [] { return true; },
+        [this] { return folders; },
+        [this] { return baseURL; },
+        [this](const std::string& id, const fs::path&) {
+            std::lock_guard guard(lock);
+            transcripts.push_back(id);
+        },
+        &clock,
+    };
+    environment.vaults = &vaults;
+
+    // Begun in the first vault by an earlier run, which kept its vault.
+    earlierCapture("240101-080000", "queued", "ck_240101-080000");
+    earlierCapture("240101-080001", "upload_failed", std::nullopt);
+    vaults.record("240101-080000", vault);
+    vaults.record("240101-080001", vault);
+    // An older agent's capture in the vault named now, and one whose vault was moved away.
+    auto older = InboxWriter::Frontmatter::forCapture("240101-080002", clock.now());
+    older.vdJobStatus = "queued";
+    InboxWriter(other).writeMarkdown(older, "");
+    test::writeFile(InboxWriter(other).audioURL("240101-080002"), "audio of 240101-080002");
+    vaults.record("240101-080003", gone);
+
+    {
+        CapturePipeline restarted(environment, nullptr);
+        await(restarted.resumeUnfinished());
+        ASSERT_TRUE(restarted.waitUntilIdle(std::chrono::seconds(20)));
+        EXPECT_EQ(restarted.vaultOf("240101-080003"), gone);
+    }
+    for (const char* id : {"240101-080000", "240101-080001"}) {
+        EXPECT_EQ(frontmatter(id).vdJobStatus, "done") << id;
+        EXPECT_NE(test::readFile(note(id)).find(std::string("transcript of ck_") + id), std::string::npos);
+        EXPECT_FALSE(fs::exists(InboxWriter(other).noteURL(id))) << "a fresh note in the vault named now";
+        EXPECT_EQ(vaults.find(id), std::nullopt) << "a finished capture keeps no vault";
+    }
+    EXPECT_EQ(InboxWriter::readFrontmatter(InboxWriter(other).noteURL("240101-080002")).vdJobStatus, "done");
+    EXPECT_EQ(vaults.find("240101-080003"), gone) << "kept for a start that finds the vault";
+    EXPECT_FALSE(fs::exists(gone));
+    EXPECT_EQ(CaptureVaults(home.path() / "capture-vaults.json").all(),
+              (std::map<std::string, fs::path>{{"240101-080003", gone}}));
 }
 
 } // namespace
