@@ -490,8 +490,8 @@ std::vector<FolderWatcher::NewCapture> FolderWatcher::poll(const CaptureAccess::
         if (seen && seen->file.empty() && !seen->judged.empty()) {
             // Skipped for its length as it was then: a file that changed since (grew, had its
             // header finished, was rewritten) is judged again, as a new file.
-            auto now = fileIdentity(root / name);
-            if (!now || *now == seen->judged) {
+            auto current = fileIdentity(root / name);
+            if (!current || *current == seen->judged) {
                 continue;
             }
             seen.reset();

@@ -8,9 +8,6 @@
 
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
-#include <sys/stat.h>
-
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -28,14 +25,12 @@ using test::CaptureAgentHarness;
 // puts its modification time back, as `touch -r` after an edit does.
 void rewriteInPlace(const fs::path& file, const std::string& bytes)
 {
-    struct stat before {};
-    ASSERT_EQ(::stat(file.c_str(), &before), 0);
+    const auto modified = fs::last_write_time(file);
     {
         std::fstream out(file, std::ios::in | std::ios::out | std::ios::binary);
         out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
     }
-    timespec times[2] = {before.st_atim, before.st_mtim};
-    ASSERT_EQ(utimensat(AT_FDCWD, file.c_str(), times, 0), 0);
+    fs::last_write_time(file, modified);
 }
 
 // The contents of the audio copies in the vault.
