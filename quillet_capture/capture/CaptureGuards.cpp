@@ -1,5 +1,6 @@
 #include "quillet_capture/capture/CaptureGuards.hpp"
 
+#include "quillet_capture/capture/WaveLength.hpp"
 #include "quillet_capture/platform/AudioDuration.hpp"
 
 #include <sys/stat.h>
@@ -74,6 +75,8 @@ std::optional<double> readDouble(std::string_view text)
     return value;
 }
 
+constexpr std::string_view kTooShort = "audio too short";
+
 std::string formatted(const char* format, double first, double second)
 {
     char text[128];
@@ -82,6 +85,11 @@ std::string formatted(const char* format, double first, double second)
 }
 
 } // namespace
+
+bool skipsForLength(const Verdict& verdict)
+{
+    return verdict.kind == Verdict::Kind::skip && verdict.reason.starts_with(kTooShort);
+}
 
 std::optional<std::int64_t> defaultSize(const std::filesystem::path& file)
 {
@@ -140,7 +148,13 @@ bool defaultFileExists(const std::filesystem::path& file)
 
 std::optional<double> defaultDuration(const std::filesystem::path& file)
 {
-    return AudioDuration::read(file);
+    auto measured = AudioDuration::read(file);
+    // Recorders that write a WAV file's sizes only when they stop leave 0 (or a placeholder)
+    // in its header while the samples are there: the readers believe the header.
+    if (auto wave = WaveLength::read(file); wave && (!measured || *wave > *measured)) {
+        return wave;
+    }
+    return measured;
 }
 
 std::optional<double> parseDuration(std::string_view afinfoOutput)
@@ -293,7 +307,8 @@ std::vector<Verdict> evaluateAll(const std::vector<std::filesystem::path>& files
         // service rejects than a recording that is never captured.
         if (verdict.kind == Verdict::Kind::proceed) {
             if (auto duration = probes.duration(files[index]); duration && *duration < minDuration) {
-                verdict = Verdict::skip(formatted("audio too short (%.2fs < %.2fs)", *duration, minDuration));
+                verdict = Verdict::skip(std::string(kTooShort) +
+                                        formatted(" (%.2fs < %.2fs)", *duration, minDuration));
             }
         }
         verdicts.push_back(std::move(verdict));

@@ -46,6 +46,10 @@ struct Verdict {
     bool operator==(const Verdict&) const = default;
 };
 
+/// True when `verdict` skips a file for its audio's length (too short, or no samples at all):
+/// a verdict on the file as it is now, which a file that changes may no longer earn.
+bool skipsForLength(const Verdict& verdict);
+
 /// The file's size in bytes (following a symbolic link); absent when it cannot be read.
 std::optional<std::int64_t> defaultSize(const std::filesystem::path& file);
 
@@ -61,7 +65,8 @@ std::optional<TimePoint> statusChanged(const std::filesystem::path& file);
 bool defaultFileExists(const std::filesystem::path& file);
 
 /// The audio duration in seconds: `/usr/bin/afinfo -b` on macOS, TagLib's audio properties on
-/// Linux. Absent when the file cannot be read as audio. Blocks; any thread.
+/// Linux; for a WAVE file, the length of the samples it holds when that is longer than its
+/// header says (`WaveLength`). Absent when the file cannot be read as audio. Blocks; any thread.
 std::optional<double> defaultDuration(const std::filesystem::path& file);
 
 /// Reads a duration out of the text that `afinfo -b` prints: the number before " sec" on the

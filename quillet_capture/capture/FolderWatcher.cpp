@@ -375,11 +375,42 @@ std::optional<std::string> FolderWatcher::fileIdentity(const fs::path& file)
     if (::stat(file.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) {
         return std::nullopt;
     }
-    auto modified = CaptureGuards::defaultModified(file);
-    auto nanoseconds = modified ? std::chrono::duration_cast<std::chrono::nanoseconds>(modified->time_since_epoch())
-                                : std::chrono::nanoseconds(0);
-    return std::to_string(info.st_size) + ":" + std::to_string(nanoseconds.count()) + ":" +
-           std::to_string(static_cast<unsigned long long>(info.st_ino));
+    auto inNanoseconds = [](std::optional<TimePoint> time) {
+        return time ? std::chrono::duration_cast<std::chrono::nanoseconds>(time->time_since_epoch()).count() : 0;
+    };
+    // The status change time is the one no tool can set back: bytes rewritten in place and the
+    // modification time put back still move it.
+    return std::to_string(info.st_size) + ":" + std::to_string(inNanoseconds(CaptureGuards::defaultModified(file))) +
+           ":" + std::to_string(static_cast<unsigned long long>(info.st_ino)) + ":" +
+           std::to_string(inNanoseconds(CaptureGuards::statusChanged(file))) + ":" +
+           std::to_string(static_cast<unsigned long long>(info.st_dev));
+}
+
+std::vector<std::string> FolderWatcher::identityFields(std::string_view identity)
+{
+    std::vector<std::string> fields;
+    std::size_t start = 0;
+    while (start <= identity.size()) {
+        auto colon = identity.find(':', start);
+        if (colon == std::string_view::npos) {
+            colon = identity.size();
+        }
+        fields.emplace_back(identity.substr(start, colon - start));
+        start = colon + 1;
+    }
+    return fields;
+}
+
+bool FolderWatcher::sameFile(const std::string& now, const std::string& kept)
+{
+    if (now == kept) {
+        return true;
+    }
+    // Kept before the status change time was: what it kept still has to match.
+    auto keptFields = identityFields(kept);
+    auto nowFields = identityFields(now);
+    return keptFields.size() == 3 && nowFields.size() >= 3 &&
+           std::equal(keptFields.begin(), keptFields.end(), nowFields.begin());
 }
 
 std::optional<std::string> FolderWatcher::folderStamp(const fs::path& folder)
@@ -397,7 +428,7 @@ bool FolderWatcher::changedSinceCapture(const fs::path& file, const std::string&
                                         const CaptureStateStore::State::SeenEntry& seen)
 {
     auto now = fileIdentity(file);
-    if (!now || *now == seen.file) {
+    if (!now || sameFile(*now, seen.file)) {
         changing_.erase(name);
         return false;
     }
@@ -456,6 +487,15 @@ std::vector<FolderWatcher::NewCapture> FolderWatcher::poll(const CaptureAccess::
     std::vector<CaptureStateStore::SeenFile> aliases;
     for (const auto& name : listed.names) {
         auto seen = store_.seenEntry(name, folder_.id);
+        if (seen && seen->file.empty() && !seen->judged.empty()) {
+            // Skipped for its length as it was then: a file that changed since (grew, had its
+            // header finished, was rewritten) is judged again, as a new file.
+            auto current = fileIdentity(root / name);
+            if (!current || *current == seen->judged) {
+                continue;
+            }
+            seen.reset();
+        }
         if (seen && (seen->file.empty() ||
                      !(everyFile || now - seen->firstSeen < kWatchedAfterCapture || changing_.contains(name)) ||
                      !changedSinceCapture(root / name, name, *seen))) {
@@ -586,8 +626,21 @@ std::vector<FolderWatcher::NewCapture> FolderWatcher::poll(const CaptureAccess::
         }
         if (verdict.kind == CaptureGuards::Verdict::Kind::skip) {
             rlog("[quillet] capture: [%@] skipping %@ (%@)", folder_.displayName, name, verdict.reason);
-            seen.push_back({name, "", ""});
+            // Too short as it is now; kept as it is, to be judged again once it changes.
+            seen.push_back({name, "", "",
+                            CaptureGuards::skipsForLength(verdict) ? fileIdentity(file).value_or("") : ""});
             continue;
+        }
+        if (!captured && recording == nullptr && editOf.empty()) {
+            // A new name for a recording captured before (renamed in the folder), or the same
+            // bytes again under another name: one capture, one note.
+            if (auto earlier = earlierCapture(file, name)) {
+                const auto& [other, id, how] = *earlier;
+                rlog("[quillet] capture: [%@] %@ is %@ (captured as %@); not capturing it twice", folder_.displayName,
+                     name, how == Earlier::renamed ? other + " renamed" : "a copy of " + other, id);
+                seen.push_back({name, id, fileIdentity(file).value_or("")});
+                continue;
+            }
         }
         // A captured file that changed: the same recording grown (its copy in the vault is
         // where it begins: a sync or recorder that was still writing), the same bytes (only
@@ -671,6 +724,82 @@ std::vector<FolderWatcher::NewCapture> FolderWatcher::poll(const CaptureAccess::
     return captures;
 }
 
+std::optional<FolderWatcher::EarlierCapture> FolderWatcher::earlierCapture(const fs::path& file,
+                                                                          const std::string& name) const
+{
+    auto identity = fileIdentity(file);
+    if (!identity) {
+        return std::nullopt;
+    }
+    const auto fields = identityFields(*identity);
+    // Only captures of exactly this size can hold its bytes: a file of any other size costs
+    // this one look through the folder's entries, and no read.
+    auto captures = store_.entriesWhere(folder_.id, [&](std::string_view other, const auto& entry) {
+        return !entry.canonicalId.empty() && !entry.file.empty() && other != name &&
+               entry.file.starts_with(fields[0] + ":");
+    });
+    for (const auto& [other, entry] : captures) {
+        // The same file under a new name: its inode (on the same device, when that is kept)
+        // and modification time, which a rename keeps.
+        auto kept = identityFields(entry.file);
+        if (kept.size() >= 3 && kept[1] == fields[1] && kept[2] == fields[2] &&
+            (kept.size() < 5 || kept[4] == fields[4])) {
+            return EarlierCapture{other, entry.canonicalId, Earlier::renamed};
+        }
+    }
+    for (const auto& [other, entry] : captures) {
+        // The same bytes: compared with the capture's copy in the vault, or with the file it
+        // was captured from when that is still as it was then.
+        if (vault_.copyOf && compareWithCopy(file, vault_.copyOf(entry.canonicalId)) == Change::same) {
+            return EarlierCapture{other, entry.canonicalId, Earlier::copied};
+        }
+        const fs::path original = folder_.url() / other;
+        auto now = fileIdentity(original);
+        if (now && sameFile(*now, entry.file) && compareWithCopy(file, original) == Change::same) {
+            return EarlierCapture{other, entry.canonicalId, Earlier::copied};
+        }
+    }
+    return std::nullopt;
+}
+
+bool FolderWatcher::takeWaveSizes(const char* file, char* copy, std::size_t size)
+{
+    auto isWave = [](const char* bytes) {
+        return (std::memcmp(bytes, "RIFF", 4) == 0 || std::memcmp(bytes, "RF64", 4) == 0) &&
+               std::memcmp(bytes + 8, "WAVE", 4) == 0;
+    };
+    if (size < 12 || !isWave(file) || !isWave(copy)) {
+        return false;
+    }
+    bool differed = false;
+    auto take = [&](std::size_t from, std::size_t count) {
+        count = std::min(count, size - from);
+        differed |= std::memcmp(copy + from, file + from, count) != 0;
+        std::memcpy(copy + from, file + from, count);
+    };
+    take(4, 4);
+    // The copy's chunks up to its data: the sizes that a recorder writes when it stops are the
+    // RIFF chunk's, the data chunk's and, in RF64, those in "ds64".
+    for (std::size_t offset = 12; offset + 8 <= size;) {
+        std::uint32_t length = 0;
+        for (int i = 3; i >= 0; --i) {
+            length = length << 8 | static_cast<unsigned char>(copy[offset + 4 + static_cast<std::size_t>(i)]);
+        }
+        if (std::memcmp(copy + offset, "data", 4) == 0) {
+            take(offset + 4, 4);
+            break;
+        }
+        if (std::memcmp(copy + offset, "ds64", 4) == 0) {
+            take(offset + 8, std::min<std::size_t>(length, 24));
+        }
+        if (length == 0xFFFFFFFF) {
+            break;
+        }
+        offset += 8 + std::size_t{length} + (length & 1);
+    }
+    return differed;
+}
+
 FolderWatcher::Change FolderWatcher::compareWithCopy(const fs::path& file, const fs::path& copy)
 {
     // Read side by side until the copy ends: the file begins with it (grown), is it (same),
@@ -705,17 +834,25 @@ FolderWatcher::Change FolderWatcher::compareWithCopy(const fs::path& file, const
     std::vector<char> ours(kChunk);
     std::vector<char> theirs(kChunk);
     auto change = Change::another;
-    for (;;) {
+    bool sizesWritten = false;
+    for (bool first = true;; first = false) {
         ssize_t inCopy = readFull(copyFd, ours.data(), kChunk);
         ssize_t inFile = readFull(fileFd, theirs.data(), kChunk);
-        if (inCopy < 0 || inFile < 0 || inFile < inCopy ||
-            std::memcmp(ours.data(), theirs.data(), static_cast<std::size_t>(inCopy)) != 0) {
+        if (inCopy < 0 || inFile < 0 || inFile < inCopy) {
+            break;
+        }
+        if (first) {
+            sizesWritten = takeWaveSizes(theirs.data(), ours.data(), static_cast<std::size_t>(inCopy));
+        }
+        if (std::memcmp(ours.data(), theirs.data(), static_cast<std::size_t>(inCopy)) != 0) {
             break;
         }
         if (inCopy < static_cast<ssize_t>(kChunk)) {
             // The copy has ended: the file goes on (grown) or ends here too (the same bytes).
+            // A WAV file whose recorder has written its sizes since is the recording finished:
+            // grown, so that its copy gets them too.
             char more = 0;
-            change = inFile > inCopy || readFull(fileFd, &more, 1) == 1 ? Change::grown : Change::same;
+            change = inFile > inCopy || readFull(fileFd, &more, 1) == 1 || sizesWritten ? Change::grown : Change::same;
             break;
         }
     }

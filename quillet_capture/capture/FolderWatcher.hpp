@@ -111,9 +111,26 @@ public:
 private:
     /// The extensions to take: the folder's own, or the default audio set.
     std::set<std::string> extensions() const;
-    /// What tells `file` from another file under its name: "size:modification time in
-    /// ns:inode"; nothing when it is not a regular file.
+    /// What tells `file` from another file under its name, and a file changed in place: "size:
+    /// modification time in ns:inode:status change time in ns:device"; nothing when it is not
+    /// a regular file.
     static std::optional<std::string> fileIdentity(const std::filesystem::path& file);
+    /// The fields of an identity, in order.
+    static std::vector<std::string> identityFields(std::string_view identity);
+    /// True when the identity `now` is the file that `kept` was (an identity kept before the
+    /// status change time was, "size:modification time:inode", matches on those).
+    static bool sameFile(const std::string& now, const std::string& kept);
+    /// How a new name relates to a capture of this folder made under another name.
+    enum class Earlier { renamed, copied };
+    struct EarlierCapture {
+        std::string name;
+        std::string canonicalId;
+        Earlier how;
+    };
+    /// The earlier capture that the new file `name` is: the same file renamed (same inode,
+    /// device, size and modification time), or the same bytes (compared only with captures
+    /// of its size); nothing when none.
+    std::optional<EarlierCapture> earlierCapture(const std::filesystem::path& file, const std::string& name) const;
     /// What changes when entries of `folder` are created, deleted or renamed.
     static std::optional<std::string> folderStamp(const std::filesystem::path& folder);
     /// True when the captured file `name` (its entry `seen`) is now another file, or has
@@ -123,6 +140,11 @@ private:
     /// How a captured file that changed relates to its copy in the vault.
     enum class Change { another, grown, same };
     static Change compareWithCopy(const std::filesystem::path& file, const std::filesystem::path& copy);
+    /// When the first `size` bytes of a file and of its copy both begin a WAVE file: puts the
+    /// file's RIFF, "ds64" and data sizes into `copy` (where the copy has them), so that a
+    /// recording whose sizes were written after its capture still begins with its copy. True
+    /// when a size differed.
+    static bool takeWaveSizes(const char* file, char* copy, std::size_t size);
     /// Why `file` is no recording to take ("a symbolic link", "not a regular file"), or
     /// nothing when it is a regular file or cannot be looked at.
     static std::optional<std::string> notARecording(const std::filesystem::path& file);

@@ -285,10 +285,11 @@ struct EntryPieces {
         beforeId = "\": {" + keyIndent + "\"canonicalId\": \"";
         beforeFile = "\"," + keyIndent + "\"file\": \"";
         beforeTime = "\"," + keyIndent + "\"firstSeen\": \"";
+        beforeJudged = "\"," + keyIndent + "\"judged\": \"";
         closing = "\"" + entryIndent + "}";
     }
 
-    std::string beforeName, beforeId, beforeFile, beforeTime, closing;
+    std::string beforeName, beforeId, beforeFile, beforeTime, beforeJudged, closing;
 };
 
 // The sets of "seenByFolder" sit two levels deep, "voiceMemosSeen" one.
@@ -317,6 +318,10 @@ bool appendEntry(std::string& out, std::string_view name, const State::SeenEntry
     }
     out += pieces.beforeTime;
     out += dates.of(entry.firstSeen);
+    if (!entry.judged.empty()) {
+        out += pieces.beforeJudged;
+        appendStringBody(out, entry.judged);
+    }
     out += pieces.closing;
     return utf8;
 }
@@ -403,9 +408,12 @@ std::optional<State::FolderSet> decodeFolderSet(const json& value)
             return std::nullopt;
         }
         auto file = entry.find("file");
+        auto judged = entry.find("judged");
         set.emplace_hint(set.end(), name,
                          State::SeenEntry{*time, id->get<std::string>(),
-                                          file != entry.end() && file->is_string() ? file->get<std::string>() : ""});
+                                          file != entry.end() && file->is_string() ? file->get<std::string>() : "",
+                                          judged != entry.end() && judged->is_string() ? judged->get<std::string>()
+                                                                                         : ""});
     }
     return set;
 }

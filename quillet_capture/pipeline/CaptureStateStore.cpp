@@ -186,7 +186,7 @@ void CaptureStateStore::markSeen(std::vector<SeenFile> files, std::string_view f
     auto& set = state_.seenByFolder[std::string(folderId)];
     for (auto& file : files) {
         auto stored = storedName(file.name);
-        set.insert_or_assign(stored, State::SeenEntry{firstSeen, std::move(file.canonicalId), std::move(file.file)});
+        set.insert_or_assign(stored, State::SeenEntry{firstSeen, std::move(file.canonicalId), std::move(file.file), std::move(file.judged)});
         encoded_.entrySet(state_, folderId, stored);
     }
     persistLocked();
@@ -257,6 +257,23 @@ bool CaptureStateStore::holdsCanonicalId(std::string_view canonicalId) const
         }
     }
     return false;
+}
+
+std::vector<std::pair<std::string, CaptureStateStore::State::SeenEntry>> CaptureStateStore::entriesWhere(
+    std::string_view folderId, const std::function<bool(std::string_view, const State::SeenEntry&)>& match) const
+{
+    std::vector<std::pair<std::string, State::SeenEntry>> found;
+    std::lock_guard guard(queue_);
+    auto folder = state_.seenByFolder.find(folderId);
+    if (folder == state_.seenByFolder.end()) {
+        return found;
+    }
+    for (const auto& [name, entry] : folder->second) {
+        if (match(name, entry)) {
+            found.emplace_back(name, entry);
+        }
+    }
+    return found;
 }
 
 std::size_t CaptureStateStore::seenCount() const

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -34,9 +35,16 @@ public:
         struct SeenEntry {
             TimePoint firstSeen;
             std::string canonicalId;  // "" when the file was not captured under an id
-            /// The captured file as it was then ("size:modification time in ns:inode"), so
-            /// that another file under the same name is told apart; "" when not kept.
+            /// The captured file as it was then ("size:modification time in ns:inode:status
+            /// change time in ns:device"; entries kept before the last two were have only the
+            /// first three), so that another file under the same name, or the same file
+            /// changed, is told apart; "" when not kept.
             std::string file = {};
+            /// A file skipped as no audio worth capturing (too short, no samples), as it was
+            /// when judged, in the form of `file`. Its verdict is not final: when the file no
+            /// longer matches it, it is judged again. "" for every other entry (and for files
+            /// skipped before this was kept).
+            std::string judged = {};
 
             bool operator==(const SeenEntry&) const = default;
         };
@@ -93,6 +101,8 @@ public:
         std::string name;
         std::string canonicalId;
         std::string file;
+        /// See `State::SeenEntry::judged`.
+        std::string judged = {};
     };
 
     static constexpr std::int64_t currentVersion = 2;
@@ -154,6 +164,12 @@ public:
     /// The number of entries in all folders' sets.
     std::size_t seenCount() const;
 
+    /// The entries of folder `folderId` for which `match(name, entry)` is true, with their
+    /// names, in name order. `match` runs under the store's lock: it must not call the store.
+    std::vector<std::pair<std::string, State::SeenEntry>>
+    entriesWhere(std::string_view folderId,
+                 const std::function<bool(std::string_view name, const State::SeenEntry&)>& match) const;
+
     /// True when an entry of any folder's set carries `canonicalId` (never for "").
     bool holdsCanonicalId(std::string_view canonicalId) const;
 
@@ -172,7 +188,7 @@ public:
     /// Reads a state file's text. Absent when it is not JSON or not a `State`: the root must
     /// be an object; "version" (an integer), "seenByFolder" and "voiceMemosSeen" may be missing
     /// or null; every entry needs a text "canonicalId" and a "firstSeen" date, and may have a
-    /// text "file". Unknown keys are ignored. Never throws except for memory.
+    /// text "file" and a text "judged". Unknown keys are ignored. Never throws except for memory.
     static std::optional<State> decode(std::string_view text);
 
 private:

@@ -2,6 +2,7 @@
 
 #include "tests/support/FakeClock.hpp"
 #include "tests/support/Scratch.hpp"
+#include "tests/support/WavBytes.hpp"
 
 #include <gtest/gtest.h>
 
@@ -366,6 +367,18 @@ TEST(DefaultProbes, EvaluateRealRecordingsWithoutSleeping)
     auto longWav = dir.path() / "long.wav";
     test::writeWav(longWav, 8000, 10000);
     EXPECT_EQ(evaluate(longWav, now, {}, clock), Verdict::proceed());
+
+    // A recorder that writes the sizes only when it stops: its header still says 0 (or the
+    // placeholder) with 3 s of samples behind it. Judged by the samples, never skipped.
+    for (std::uint32_t declared : {0u, 0xFFFFFFFFu, 2u}) {
+        auto unfinished = dir.path() / ("unfinished " + std::to_string(declared) + ".wav");
+        test::writeFile(unfinished, test::wavBytes(8000, 24000, declared));
+        EXPECT_EQ(defaultDuration(unfinished), 3.0) << declared;
+        EXPECT_EQ(evaluate(unfinished, now, {}, clock), Verdict::proceed()) << declared;
+    }
+    EXPECT_FALSE(skipsForLength(evaluate(longWav, now, {}, clock)));
+    EXPECT_TRUE(skipsForLength(evaluate(shortWav, now, {}, clock)));
+    EXPECT_FALSE(skipsForLength(Verdict::skip("20240131 142530.m4a is the canonical twin")));
 
     auto m4a = dir.path() / "20240131 142530.m4a";
     auto qta = dir.path() / "20240131 142530.qta";

@@ -8,6 +8,7 @@
 #include "tests/support/FakeClock.hpp"
 #include "tests/support/LogLines.hpp"
 #include "tests/support/Scratch.hpp"
+#include "tests/support/WavBytes.hpp"
 
 #include <gtest/gtest.h>
 
@@ -18,6 +19,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <ctime>
+#include <thread>
 
 namespace quillet {
 namespace {
@@ -161,7 +163,7 @@ TEST_F(WatcherFixture, CandidatesSkipHiddenAndForeignFilesAndKeepUpperCaseExtens
     EXPECT_FALSE(w.candidateFiles().has_value());
 }
 
-TEST_F(WatcherFixture, UnparseableAndTooShortFilesAreSeenForGoodAndEmptyOnesAreDeferred)
+TEST_F(WatcherFixture, UnparseableFilesAreSeenForGoodTooShortOnesSkippedAndEmptyOnesDeferred)
 {
     auto duration = std::make_shared<double>(12.0);
     probes.duration = [duration](const fs::path&) { return std::optional<double>(*duration); };
@@ -185,12 +187,15 @@ TEST_F(WatcherFixture, UnparseableAndTooShortFilesAreSeenForGoodAndEmptyOnesAreD
     EXPECT_EQ(w.poll().size(), 1u);
     EXPECT_TRUE(w.poll().empty());
 
-    // Too short: seen, without an id.
+    // Too short: seen, without an id, and kept as it was judged (see the test below).
     *duration = 0.2;
     add("20240131 150000.m4a");
     EXPECT_TRUE(w.poll().empty());
     EXPECT_TRUE(store.hasSeen("20240131 150000.m4a", "voice-memos-test"));
     EXPECT_EQ(store.state().seenByFolder.at("voice-memos-test").at("20240131 150000.m4a").canonicalId, "");
+    EXPECT_TRUE(w.poll().empty());
+    EXPECT_EQ(test::countLogLines("skipping 20240131 150000.m4a (audio too short (0.20s < 0.50s))"), 1)
+        << "judged once while it stays the same";
 }
 
 TEST_F(WatcherFixture, GenericFolderTakesTheModificationTimeAndItsOwnExtensions)
@@ -306,6 +311,198 @@ TEST_F(WatcherFixture, AChangedFileIsTheSameRecordingGrownTouchedOrAnotherRecord
     ASSERT_EQ(unproven.size(), 1u);
     EXPECT_FALSE(unproven[0].grown);
     EXPECT_EQ(unproven[0].canonicalId, "240131-142530_3");
+}
+
+// Writes `bytes` over the start of `file` in place (same inode), keeping its modification time.
+void rewriteInPlace(const fs::path& file, const std::string& bytes)
+{
+    const auto modified = fs::last_write_time(file);
+    // The status change time moves in ticks of a few milliseconds: a rewrite in the tick of
+    // the look before it would leave no trace a person could make happen.
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    {
+        std::fstream out(file, std::ios::in | std::ios::out | std::ios::binary);
+        out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    }
+    fs::last_write_time(file, modified);
+}
+
+// Skipped as too short is a verdict on the file as it was: one that grows, has its header
+// finished, or is rewritten in place with the same size and its modification time put back
+// is judged again (and captured when it then passes), also after a restart; one that stays
+// the same is judged once.
+TEST_F(WatcherFixture, ATooShortFileIsJudgedAgainWhenItChangesAlsoAfterARestart)
+{
+    // Audio that starts with "L" is long enough; anything else is 0.1 s.
+    probes.duration = [](const fs::path& file) {
+        return std::optional<double>(test::readFile(file).starts_with("L") ? 12.0 : 0.1);
+    };
+    auto folder = WatchedFolder::generic(folderPath.string(), std::string("Synced"));
+    folder.id = "synced";
+    {
+        auto w = watcher(folder);
+        w.runInitialIndex();
+        add("grows.m4a", "short");
+        add("rewritten.m4a", "short take");
+        add("stays.m4a", "short for good");
+        EXPECT_TRUE(w.poll().empty());
+        for (const auto* name : {"grows.m4a", "rewritten.m4a", "stays.m4a"}) {
+            auto entry = store.seenEntry(name, "synced");
+            ASSERT_TRUE(entry) << name;
+            EXPECT_EQ(entry->canonicalId, "") << name;
+            EXPECT_NE(entry->judged, "") << name;
+        }
+        EXPECT_TRUE(w.poll().empty());
+        EXPECT_EQ(test::countLogLines("skipping stays.m4a (audio too short (0.10s < 0.50s))"), 1);
+
+        // Grown (the recorder went on): captured.
+        std::this_thread::sleep_for(std::chrono::milliseconds(30));
+        std::ofstream(folderPath / "grows.m4a", std::ios::app) << " and then much more";
+        test::writeFile(folderPath / "grows.m4a", "L" + test::readFile(folderPath / "grows.m4a"));
+        auto grown = w.poll();
+        ASSERT_EQ(grown.size(), 1u);
+        EXPECT_EQ(grown[0].sourceURL, folderPath / "grows.m4a");
+        EXPECT_EQ(store.seenEntry("grows.m4a", "synced")->canonicalId, grown[0].canonicalId);
+        EXPECT_TRUE(w.poll().empty());
+    }
+
+    // A restart: what stayed the same is not judged again; a file rewritten in place with the
+    // same size and its modification time put back, while the agent was stopped, is.
+    CaptureStateStore reopened(home.path() / "state.json", home.path() / "legacy.json", clock);
+    FolderWatcher w(folder, reopened, true, clock, probes);
+    EXPECT_EQ(w.runInitialIndex(), 0);
+    EXPECT_TRUE(w.poll().empty());
+    rewriteInPlace(folderPath / "rewritten.m4a", "Long take!");
+    auto rewritten = w.poll();
+    ASSERT_EQ(rewritten.size(), 1u);
+    EXPECT_EQ(rewritten[0].sourceURL, folderPath / "rewritten.m4a");
+    EXPECT_TRUE(w.poll().empty());
+    EXPECT_EQ(test::countLogLines("skipping stays.m4a"), 1);
+    EXPECT_EQ(test::countLogLines("new file -- rewritten.m4a -> "), 1);
+
+    // One rewritten and still too short is skipped again, as it is now.
+    rewriteInPlace(folderPath / "stays.m4a", "still too short");
+    EXPECT_TRUE(w.poll().empty());
+    EXPECT_TRUE(w.poll().empty());
+    EXPECT_EQ(test::countLogLines("skipping stays.m4a"), 2);
+}
+
+// A captured file rewritten in place with other bytes of the same size and its modification
+// time put back is noticed (its status change time moved): another recording, captured under
+// an id of its own, as other bytes under a used name always are.
+TEST_F(WatcherFixture, ACapturedFileRewrittenWithItsTimePutBackIsAnotherRecording)
+{
+    const fs::path vault = home.path() / "vault";
+    fs::create_directories(vault);
+    auto folder = WatchedFolder::generic(folderPath.string(), std::string("Synced"));
+    folder.id = "synced";
+    FolderWatcher w(folder, store, true, clock, probes, nullptr,
+                    {.holds = [&](const std::string& id, const fs::path&) { return fs::exists(vault / id); },
+                     .copyOf = [&](const std::string& id) { return vault / id; },
+                     .retitle = {}});
+    w.runInitialIndex();
+    add("memo.m4a", "the first recording");
+    auto first = w.poll();
+    ASSERT_EQ(first.size(), 1u);
+    fs::copy_file(folderPath / "memo.m4a", vault / first[0].canonicalId);
+
+    rewriteInPlace(folderPath / "memo.m4a", "THE OTHER recording");
+    EXPECT_TRUE(w.poll().empty()) << "changed: looked at again once it has stayed the same for a poll";
+    auto other = w.poll();
+    ASSERT_EQ(other.size(), 1u);
+    EXPECT_FALSE(other[0].grown);
+    EXPECT_EQ(other[0].canonicalId, first[0].canonicalId + "_2");
+    EXPECT_TRUE(w.poll().empty());
+}
+
+// A WAV file captured while its header still said 0 (a recorder paused, that writes the sizes
+// when it stops) is the same recording once its sizes are written: grown (its copy replaced
+// under its id), whether it went on or its sizes were all that changed.
+TEST_F(WatcherFixture, AWavFileWhoseSizesAreWrittenAfterItsCaptureIsTheSameRecordingGrown)
+{
+    const fs::path vault = home.path() / "vault";
+    fs::create_directories(vault);
+    auto folder = WatchedFolder::generic(folderPath.string(), std::string("Synced"));
+    folder.id = "synced";
+    FolderWatcher w(folder, store, true, clock, probes, nullptr,
+                    {.holds = [&](const std::string& id, const fs::path&) { return fs::exists(vault / id); },
+                     .copyOf = [&](const std::string& id) { return vault / id; },
+                     .retitle = {}});
+    w.runInitialIndex();
+    add("went on.wav", test::wavBytes(8000, 16000, 0));
+    add("stopped.wav", test::wavBytes(8000, 16000, 0));
+    auto first = w.poll();
+    ASSERT_EQ(first.size(), 2u);
+    for (const auto& capture : first) {
+        fs::copy_file(capture.sourceURL, vault / capture.canonicalId);
+    }
+    rewriteInPlace(folderPath / "went on.wav", test::wavBytes(8000, 24000));
+    rewriteInPlace(folderPath / "stopped.wav", test::wavBytes(8000, 16000));
+    EXPECT_TRUE(w.poll().empty());
+    auto finished = w.poll();
+    ASSERT_EQ(finished.size(), 2u);
+    for (std::size_t i = 0; i < 2; ++i) {
+        EXPECT_TRUE(finished[i].grown) << finished[i].sourceURL;
+        EXPECT_EQ(finished[i].canonicalId, first[i].canonicalId);
+    }
+
+    // Other samples behind the header: another recording, as ever.
+    fs::copy_file(folderPath / "stopped.wav", vault / first[1].canonicalId, fs::copy_options::overwrite_existing);
+    auto other = test::wavBytes(8000, 16000);
+    other.back() = 'x';
+    rewriteInPlace(folderPath / "stopped.wav", other);
+    EXPECT_TRUE(w.poll().empty());
+    auto another = w.poll();
+    ASSERT_EQ(another.size(), 1u);
+    EXPECT_FALSE(another[0].grown);
+}
+
+// In a folder that is not Voice Memos, a captured file renamed (same inode, size and time) is
+// the same recording, and its bytes under another name (a copy "memo (1).m4a") too: marked
+// seen under the first capture's id with one line in the log, never captured again. A file
+// of the same size with other bytes is a recording of its own.
+TEST_F(WatcherFixture, ARenamedOrCopiedRecordingIsNotCapturedTwice)
+{
+    const fs::path vault = home.path() / "vault";
+    fs::create_directories(vault);
+    auto folder = WatchedFolder::generic(folderPath.string(), std::string("Synced"));
+    folder.id = "synced";
+    FolderWatcher w(folder, store, true, clock, probes, nullptr,
+                    {.holds = [&](const std::string& id, const fs::path&) { return fs::exists(vault / id); },
+                     .copyOf = [&](const std::string& id) { return vault / id; },
+                     .retitle = {}});
+    w.runInitialIndex();
+    add("memo.m4a", "recording number one");
+    auto first = w.poll();
+    ASSERT_EQ(first.size(), 1u);
+    const auto id = first[0].canonicalId;
+    fs::copy_file(folderPath / "memo.m4a", vault / id);
+
+    fs::rename(folderPath / "memo.m4a", folderPath / "meeting.m4a");
+    EXPECT_TRUE(w.poll().empty());
+    EXPECT_EQ(store.seenEntry("meeting.m4a", "synced")->canonicalId, id);
+    EXPECT_EQ(test::countLogLines("[quillet] capture: [Synced] meeting.m4a is memo.m4a renamed (captured as " + id +
+                                  "); not capturing it twice"),
+              1);
+
+    fs::copy_file(folderPath / "meeting.m4a", folderPath / "meeting (1).m4a");
+    EXPECT_TRUE(w.poll().empty());
+    EXPECT_EQ(store.seenEntry("meeting (1).m4a", "synced")->canonicalId, id);
+    EXPECT_EQ(test::countLogLines("meeting (1).m4a is a copy of "), 1);
+
+    // Without its copy in the vault, the file it was captured from still tells.
+    fs::remove(vault / id);
+    fs::copy_file(folderPath / "meeting.m4a", folderPath / "meeting (2).m4a");
+    EXPECT_TRUE(w.poll().empty());
+    EXPECT_EQ(store.seenEntry("meeting (2).m4a", "synced")->canonicalId, id);
+
+    add("other.m4a", "recording number two");  // the same size, other bytes
+    auto second = w.poll();
+    ASSERT_EQ(second.size(), 1u);
+    EXPECT_NE(second[0].canonicalId, id);
+    EXPECT_TRUE(w.poll().empty());
+    EXPECT_TRUE(w.poll().empty());
+    EXPECT_EQ(test::countLogLines("not capturing it twice"), 3);
 }
 
 } // namespace

@@ -227,11 +227,12 @@ CaptureAgentHarness::Answer CaptureAgentHarness::answer(const Request& request)
 
 CaptureAgentHarness::Answer CaptureAgentHarness::upload(const Request& request, const Pace& pace)
 {
-    // The audio copy is sent under the capture's id.
+    // The audio copy is sent under the capture's id, with its extension (".m4a", ".wav").
     const std::string marker = "filename=\"";
     auto start = request.body.find(marker);
-    auto end = start == std::string::npos ? start : request.body.find(".m4a\"", start);
-    if (end == std::string::npos) {
+    auto quote = start == std::string::npos ? start : request.body.find('"', start + marker.size());
+    auto end = quote == std::string::npos ? quote : request.body.rfind('.', quote);
+    if (end == std::string::npos || end < start + marker.size()) {
         return Answer::json(R"({"error":"no file"})", 400);
     }
     std::string id = request.body.substr(start + marker.size(), end - start - marker.size());

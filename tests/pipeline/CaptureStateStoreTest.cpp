@@ -213,6 +213,8 @@ TEST(CaptureStateStoreFile, TextIsWhatTheJsonLibraryWouldPrintAndReadsBack)
     set["unicode \xC3\xA5\xE2\x80\xA8\xF0\x9F\x8E\x99"] = {at("2038-01-19T03:14:08Z"), "\xE6\x97\xA5"};
     // What the captured file was, kept to tell another file under its name apart.
     set["captured.m4a"] = {at("2024-03-01T08:00:00Z"), "240301-080000", "592044:1709280000123456789:4242"};
+    // What a file skipped as too short was when judged, to judge it again once it changes.
+    set["short.wav"] = {at("2024-03-01T08:00:01Z"), "", "", "4844:1709280000123456789:4243:1709280001000000000:2049"};
     state.voiceMemosSeen["old.m4a"] = {at("1970-01-01T00:00:00Z"), "z"};
 
     auto text = CaptureStateStore::encode(state);
@@ -275,7 +277,8 @@ TEST(CaptureStateStoreFile, TextKeptInStepChangeByChangeEqualsAFreshEncoding)
         case 2:
             state.seenByFolder[folder][name] = {TimePoint(std::chrono::seconds(1'700'000'000 + random() % 1000)),
                                                 std::to_string(random() % 3),
-                                                random() % 2 ? "" : std::to_string(random() % 1000) + ":1:2"};
+                                                random() % 2 ? "" : std::to_string(random() % 1000) + ":1:2",
+                                                random() % 3 ? "" : std::to_string(random() % 1000) + ":1:2:3:4"};
             encoded.entrySet(state, folder, name);
             break;
         case 3:
@@ -316,6 +319,11 @@ TEST(CaptureStateStoreFile, DecodingAcceptsTheOptionalKeysAndRejectsWrongShapes)
                                                         "canonicalId": "x", "more": true}}}})");
     ASSERT_TRUE(entry.has_value());
     EXPECT_EQ(entry->seenByFolder.at("f").at("n"), (Entry{at("2024-05-01T09:30:00Z"), "x"}));
+    // Files written before skipped files were kept as judged load as they were, and "judged" loads.
+    auto judged = decode(R"({"seenByFolder": {"f": {"n": {"firstSeen": "2024-05-01T09:30:00Z", "canonicalId": "",
+                                                         "judged": "12:3:4:5:6"}}}})");
+    ASSERT_TRUE(judged.has_value());
+    EXPECT_EQ(judged->seenByFolder.at("f").at("n"), (Entry{at("2024-05-01T09:30:00Z"), "", "", "12:3:4:5:6"}));
 
     for (const char* bad : {
              "", "   ", "null", "[]", "\"state\"", "{", "{\"version\": 2,", "\xff\xfe{}",
