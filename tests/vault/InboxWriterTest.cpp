@@ -535,7 +535,7 @@ TEST(InboxWriterVault, KeysAndLinesThatTheProgramDoesNotKnowAreKeptInPlace)
     auto done = test::readFile(f.note("240131-132530"));
     for (const char* kept : {"\nid: 240131-132530\nproject: apollo\n# keep this\ncreated: ",
                              "\n  origin: voice_memo\n  device:\n    name: \"Pixel 8\"\n    model: 8a\n  audio_path: ",
-                             "\ntarget_skill: /transcript\naliases:\n  - Apollo kickoff\n  - kickoff\ntitle: Kickoff\n",
+                             "\ntarget_skill: /transcript\ntitle: Kickoff\ntags: [meeting]\naliases:\n  - Apollo kickoff\n  - kickoff\n---",
                              "\n  external_id: DOC_1\n  vd_job_status: done\nowner: me\ntarget_skill: ",
                              "\n---\n\nThe transcript.\n\nMy own words."}) {
         EXPECT_NE(done.find(kept), std::string::npos) << kept << "\nin\n" << done;
