@@ -487,25 +487,23 @@ using Frontmatter = InboxWriter::Frontmatter;
     throw InboxWriter::Error(code, problem.description);
 }
 
-// A scalar's text, or nothing for a null, a missing key or a value that is not a scalar.
-std::optional<std::string> scalarOf(const YAML::Node& map, const char* key)
+// A scalar's text, or nothing for a null or a value that is not a scalar.
+std::optional<std::string> scalarOf(const YAML::Node& node)
 {
-    const YAML::Node& constMap = map;
-    YAML::Node node = constMap[key];
-    if (!node.IsDefined() || !node.IsScalar()) {
+    if (!node.IsScalar()) {
         return std::nullopt;
     }
     return node.Scalar();
 }
 
-void readInto(std::string& field, const YAML::Node& map, const char* key)
+void readInto(std::string& field, const YAML::Node& node)
 {
-    if (auto value = scalarOf(map, key)) {
+    if (auto value = scalarOf(node)) {
         field = *value;
     }
 }
 
-// What a person may write as tags: a list, or one text with commas between the tags.
+// What people may write as tags: a list, or one text with commas between the tags.
 std::vector<std::string> tagsOf(const YAML::Node& node)
 {
     std::vector<std::string> tags;
@@ -534,51 +532,96 @@ std::vector<std::string> tagsOf(const YAML::Node& node)
     return tags;
 }
 
+// Each map is walked once: a look-up by key in yaml-cpp walks the whole map and converts
+// every key, which made reading a note many times slower than reading its file.
+void readSource(Frontmatter& fm, const YAML::Node& source)
+{
+    for (const auto& entry : source) {
+        if (!entry.first.IsScalar()) {
+            continue;
+        }
+        const std::string& key = entry.first.Scalar();
+        const YAML::Node& value = entry.second;
+        if (key == "type") {
+            readInto(fm.sourceType, value);
+        } else if (key == "origin") {
+            readInto(fm.sourceOrigin, value);
+        } else if (key == "audio_path") {
+            readInto(fm.audioPath, value);
+        } else if (key == "audio_duration_sec") {
+            auto duration = scalarOf(value);
+            fm.audioDurationSec = duration ? parseInteger(*duration) : std::nullopt;
+        } else if (key == "ingestion_tool") {
+            readInto(fm.ingestionTool, value);
+        } else if (key == "external_id") {
+            fm.externalId = scalarOf(value);
+        } else if (key == "vd_job_status") {
+            fm.vdJobStatus = scalarOf(value);
+        } else if (key == "uploaded_at") {
+            auto uploaded = scalarOf(value);
+            fm.uploadedAt = uploaded ? parseDate(*uploaded) : std::nullopt;
+        } else if (key == "app") {
+            fm.recorderSource = scalarOf(value);
+        } else if (key == "microphone") {
+            fm.recorderMicrophone = scalarOf(value);
+        } else if (key == "channel_layout") {
+            fm.recorderChannelLayout = scalarOf(value);
+        } else if (key == "voice_memos_id") {
+            fm.voiceMemosId = scalarOf(value);
+        } else if (key == "voice_memos_folder") {
+            fm.voiceMemosFolder = scalarOf(value);
+        }
+    }
+}
+
 Frontmatter frontmatterOf(const YAML::Node& root, InboxWriter::TimePoint now)
 {
     Frontmatter fm;
     fm.created = now;
-    readInto(fm.id, root, "id");
-    if (auto created = scalarOf(root, "created"); created && parseDate(*created)) {
-        fm.created = *parseDate(*created);
+    if (!root.IsMap()) {
+        return fm;
     }
-    readInto(fm.classification, root, "classification");
-    readInto(fm.status, root, "status");
-    readInto(fm.confidence, root, "confidence");
-    const YAML::Node& constRoot = root;
-    if (YAML::Node source = constRoot["source"]; source.IsDefined() && source.IsMap()) {
-        readInto(fm.sourceType, source, "type");
-        readInto(fm.sourceOrigin, source, "origin");
-        readInto(fm.audioPath, source, "audio_path");
-        if (auto duration = scalarOf(source, "audio_duration_sec")) {
-            fm.audioDurationSec = parseInteger(*duration);
+    for (const auto& entry : root) {
+        if (!entry.first.IsScalar()) {
+            continue;
         }
-        readInto(fm.ingestionTool, source, "ingestion_tool");
-        fm.externalId = scalarOf(source, "external_id");
-        fm.vdJobStatus = scalarOf(source, "vd_job_status");
-        if (auto uploaded = scalarOf(source, "uploaded_at")) {
-            fm.uploadedAt = parseDate(*uploaded);
+        const std::string& key = entry.first.Scalar();
+        const YAML::Node& value = entry.second;
+        if (key == "id") {
+            readInto(fm.id, value);
+        } else if (key == "created") {
+            if (auto created = scalarOf(value); created && parseDate(*created)) {
+                fm.created = *parseDate(*created);
+            }
+        } else if (key == "classification") {
+            readInto(fm.classification, value);
+        } else if (key == "status") {
+            readInto(fm.status, value);
+        } else if (key == "confidence") {
+            readInto(fm.confidence, value);
+        } else if (key == "source") {
+            if (value.IsMap()) {
+                readSource(fm, value);
+            }
+        } else if (key == "target_skill") {
+            fm.targetSkill = scalarOf(value);
+        } else if (key == "target_folder") {
+            fm.targetFolder = scalarOf(value);
+        } else if (key == "title") {
+            fm.title = scalarOf(value);
+        } else if (key == "tags") {
+            fm.tags = tagsOf(value);
+        } else if (key == "processed_at") {
+            auto processed = scalarOf(value);
+            fm.processedAt = processed ? parseDate(*processed) : std::nullopt;
+        } else if (key == "processed_by") {
+            fm.processedBy = scalarOf(value);
+        } else if (key == "output_file") {
+            fm.outputFile = scalarOf(value);
+        } else if (key == "archived_to") {
+            fm.archivedTo = scalarOf(value);
         }
-        fm.recorderSource = scalarOf(source, "app");
-        fm.recorderMicrophone = scalarOf(source, "microphone");
-        fm.recorderChannelLayout = scalarOf(source, "channel_layout");
-        fm.voiceMemosId = scalarOf(source, "voice_memos_id");
-        fm.voiceMemosFolder = scalarOf(source, "voice_memos_folder");
     }
-    if (YAML::Node skill = constRoot["target_skill"]; skill.IsDefined()) {
-        fm.targetSkill = scalarOf(root, "target_skill");
-    }
-    fm.targetFolder = scalarOf(root, "target_folder");
-    fm.title = scalarOf(root, "title");
-    if (YAML::Node tags = constRoot["tags"]; tags.IsDefined()) {
-        fm.tags = tagsOf(tags);
-    }
-    if (auto processed = scalarOf(root, "processed_at")) {
-        fm.processedAt = parseDate(*processed);
-    }
-    fm.processedBy = scalarOf(root, "processed_by");
-    fm.outputFile = scalarOf(root, "output_file");
-    fm.archivedTo = scalarOf(root, "archived_to");
     return fm;
 }
 
