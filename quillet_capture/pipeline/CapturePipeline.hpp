@@ -215,6 +215,17 @@ private:
     /// Marks `id` as waiting for a new pair and returns once the token store holds a token
     /// that the service has not refused, looking every `pairCheckSeconds`.
     asio::awaitable<void> waitForNewToken(std::string id);
+    /// Uploads `audio`, the copy of `id`; when the service refuses the device token (and this
+    /// pipeline waits for a pair), waits for a new token and uploads again. The service's
+    /// answer, or the failure's text.
+    struct Upload {
+        std::optional<VeldaneClient::UploadResult> result;
+        std::string failure;
+    };
+    asio::awaitable<Upload> uploadUntilRefusedForGood(VeldaneClient& service, std::string id,
+                                                      std::filesystem::path audio, std::string contentSource,
+                                                      std::vector<std::string> tags,
+                                                      std::map<std::string, std::string> metadata);
     asio::awaitable<void> fetchTranscriptAndWrite(VeldaneClient& client, std::string id, std::string cacheKey);
     asio::awaitable<std::optional<std::string>> currentCacheKey(VeldaneClient& client, std::string id,
                                                                 std::string deadKey);

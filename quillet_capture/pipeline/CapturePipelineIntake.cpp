@@ -208,38 +208,23 @@ asio::awaitable<void> CapturePipeline::handle(FolderWatcher::NewCapture capture)
 
     // 8. Upload; when the service refuses the device token, once more after the next pair.
     auto service = client();
-    VeldaneClient::UploadResult result;
-    for (;;) {
-        std::string failure;
-        bool refused = false;
-        try {
-            auto audio = inbox.audioURL(id);
-            // Every argument is a named value: temporaries made inside a co_await expression are
-            // not safe with every compiler.
-            std::string contentSource = "voice_memo";
-            std::optional<std::string> language;
-            std::vector<std::string> tags;
-            std::map<std::string, std::string> metadata{{"quillet_id", id}};
-            result = co_await service.uploadAudio(std::move(audio), std::move(contentSource), std::move(language),
-                                                  std::move(tags), std::move(metadata));
-            break;
-        } catch (const VeldaneClient::ClientError& error) {
-            refused = error.isTokenRefusal() && waitsForPair_;
-            failure = error.what();
-        } catch (const std::exception& error) {
-            failure = error.what();
-        }
-        if (refused) {
-            co_await waitForNewToken(id);
-            continue;
-        }
+    // Every argument is a named value: temporaries made inside a co_await expression are not
+    // safe with every compiler.
+    auto audio = inbox.audioURL(id);
+    std::string contentSource = "voice_memo";
+    std::vector<std::string> tags;
+    std::map<std::string, std::string> metadata{{"quillet_id", id}};
+    auto upload = co_await uploadUntilRefusedForGood(service, id, std::move(audio), std::move(contentSource),
+                                                     std::move(tags), std::move(metadata));
+    if (!upload.result) {
         // 9.
-        rlog("[quillet] capture pipeline: upload failed for %@: %@", id, failure);
+        rlog("[quillet] capture pipeline: upload failed for %@: %@", id, upload.failure);
         setStatus(id, "upload_failed");
         send(CaptureEvent::Kind::failed, id, "upload_failed");
         noteFailure(id, "upload_failed");
         co_return;
     }
+    const auto& result = *upload.result;
     send(CaptureEvent::Kind::sent, id);
 
     // 10.
@@ -261,6 +246,35 @@ asio::awaitable<void> CapturePipeline::handle(FolderWatcher::NewCapture capture)
 
     // 13. The claim is held until polling ends.
     co_await pollUntilDone(service, id, *key);
+}
+
+asio::awaitable<CapturePipeline::Upload> CapturePipeline::uploadUntilRefusedForGood(
+    VeldaneClient& service, std::string id, std::filesystem::path audio, std::string contentSource,
+    std::vector<std::string> tags, std::map<std::string, std::string> metadata)
+{
+    for (;;) {
+        Upload upload;
+        bool refused = false;
+        try {
+            auto file = audio;
+            auto source = contentSource;
+            auto tagList = tags;
+            auto fields = metadata;
+            std::optional<std::string> language;
+            upload.result = co_await service.uploadAudio(std::move(file), std::move(source), std::move(language),
+                                                         std::move(tagList), std::move(fields));
+            co_return upload;
+        } catch (const VeldaneClient::ClientError& error) {
+            refused = error.isTokenRefusal() && waitsForPair_;
+            upload.failure = error.what();
+        } catch (const std::exception& error) {
+            upload.failure = error.what();
+        }
+        if (!refused) {
+            co_return upload;
+        }
+        co_await waitForNewToken(id);
+    }
 }
 
 asio::awaitable<CapturePipeline::Reopened> CapturePipeline::reopenNote(std::string id, bool uploadsOn)

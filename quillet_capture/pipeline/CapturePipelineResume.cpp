@@ -125,37 +125,20 @@ asio::awaitable<bool> CapturePipeline::uploadExisting(std::string id, std::optio
         co_return false;
     }
     auto service = client();
-    VeldaneClient::UploadResult result;
-    // When the service refuses the device token, the upload is made again after the next pair.
-    for (;;) {
-        std::string failure;
-        bool refused = false;
-        try {
-            std::string source = contentSource.value_or("voice_memo");
-            std::vector<std::string> tagList = tags.value_or(std::vector<std::string>{});
-            std::map<std::string, std::string> metadata =
-                sourceMetadata.value_or(std::map<std::string, std::string>{{"quillet_id", id}});
-            std::optional<std::string> language;
-            auto file = audio;
-            result = co_await service.uploadAudio(std::move(file), std::move(source), std::move(language),
-                                                  std::move(tagList), std::move(metadata));
-            break;
-        } catch (const VeldaneClient::ClientError& error) {
-            refused = error.isTokenRefusal() && waitsForPair_;
-            failure = error.what();
-        } catch (const std::exception& error) {
-            failure = error.what();
-        }
-        if (refused) {
-            co_await waitForNewToken(id);
-            continue;
-        }
-        rlog("[quillet] capture retry: upload failed for %@: %@", id, failure);
+    std::string source = contentSource.value_or("voice_memo");
+    std::vector<std::string> tagList = tags.value_or(std::vector<std::string>{});
+    std::map<std::string, std::string> metadata =
+        sourceMetadata.value_or(std::map<std::string, std::string>{{"quillet_id", id}});
+    auto upload = co_await uploadUntilRefusedForGood(service, id, std::move(audio), std::move(source),
+                                                     std::move(tagList), std::move(metadata));
+    if (!upload.result) {
+        rlog("[quillet] capture retry: upload failed for %@: %@", id, upload.failure);
         setStatus(id, "upload_failed");
         send(CaptureEvent::Kind::failed, id, "upload_failed");
         noteFailure(id, "upload_failed");
         co_return false;
     }
+    const auto& result = *upload.result;
     send(CaptureEvent::Kind::sent, id);
     auto key = co_await resolvedCacheKey(result, service, id);
     if (!key) {
