@@ -30,17 +30,6 @@ std::string reason(int error)
     return std::system_category().message(error);
 }
 
-// macOS's fsync leaves the data in the drive's cache; F_FULLFSYNC is what reaches the disk.
-int flushToDisk(int fd)
-{
-#if defined(F_FULLFSYNC)
-    if (::fcntl(fd, F_FULLFSYNC) == 0) {
-        return 0;
-    }
-#endif
-    return ::fsync(fd);
-}
-
 void flushFolder(const fs::path& folder)
 {
     int fd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);

@@ -13,6 +13,7 @@
 #include "quillet_capture/runtime/Tasks.hpp"
 #include "quillet_capture/service/RefusedToken.hpp"
 #include "quillet_capture/util/Iso8601.hpp"
+#include "quillet_capture/vault/NoteLedger.hpp"
 
 #include <exception>
 #include <filesystem>
@@ -259,6 +260,7 @@ void CapturePipeline::recordKey(const std::string& id, const std::string& key)
             frontmatter.uploadedAt = environment_.clock->now();
             frontmatter.vdJobStatus = "queued";
         });
+        NoteLedger(writer(id).vaultRoot()).keyRecorded(id, key);
     } catch (const std::exception& error) {
         rlog("[quillet] capture pipeline: cannot record cache_key for %@: %@", id, error.what());
     }

@@ -9,6 +9,7 @@
 #include "quillet_capture/pipeline/CaptureStateStore.hpp"
 #include "quillet_capture/platform/FileTimes.hpp"
 #include "quillet_capture/runtime/Tasks.hpp"
+#include "quillet_capture/vault/NoteLedger.hpp"
 
 #include <exception>
 #include <filesystem>
@@ -132,13 +133,28 @@ asio::awaitable<void> CapturePipeline::handle(FolderWatcher::NewCapture capture)
     if (capture.grown) {
         co_await vaultPresent(id);
     }
+    // A note the person removed from the inbox is never made again, whatever offers its
+    // recording once more (a grown or edited file, an import, a journal entry of before).
+    const NoteLedger ledger(inbox.vaultRoot());
+    if (ledger.removedByPerson(id)) {
+        rlog("[quillet] capture pipeline: the note of %@ was removed from the inbox; its recording %@ is left alone",
+             id, capture.sourceURL.filename().string());
+        forgetIntake(capture);
+        forgetVault(id);
+        if (environment_.recovery != nullptr) {
+            environment_.recovery->forget(id);
+        }
+        co_return;
+    }
 
-    // 4. The copy is the slow part; it runs on the blocking pool.
+    // 4. The copy is the slow part; it runs on the blocking pool. Its digest is taken from the
+    // bytes as they are copied.
     std::optional<std::string> copyError;
-    auto copy = [&inbox, source = capture.sourceURL, id, grown = capture.grown, &copyError] {
+    InboxWriter::AudioCopy copied;
+    auto copy = [&inbox, source = capture.sourceURL, id, grown = capture.grown, &copyError, &copied] {
         try {
             inbox.ensureDirectories();
-            grown ? inbox.replaceAudio(source, id) : inbox.copyAudio(source, id);
+            copied = grown ? inbox.replaceAudio(source, id) : inbox.copyAudio(source, id);
         } catch (const std::exception& error) {
             copyError = error.what();
         }
@@ -149,6 +165,7 @@ asio::awaitable<void> CapturePipeline::handle(FolderWatcher::NewCapture capture)
         noteFailure(id, "copy_failed");
         co_return;
     }
+    ledger.copyWritten(id, copied.sha256, copied.size, environment_.clock->now());
 
     // 5. The stub's description.
     const bool uploadsOn = environment_.uploadsEnabled();
@@ -193,6 +210,10 @@ asio::awaitable<void> CapturePipeline::handle(FolderWatcher::NewCapture capture)
             noteFailure(id, "copy_failed");
             co_return;
         }
+        ledger.noteMade(id,
+                        {capture.folderId, capture.sourceURL.filename().string(),
+                         capture.recording ? capture.recording->uniqueId : std::string()},
+                        created, environment_.clock->now());
     }
     // The note now carries the capture; a failed copy or stub leaves the journal entry for
     // the next start.

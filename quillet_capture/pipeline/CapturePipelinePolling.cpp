@@ -4,6 +4,7 @@
 #include "quillet_capture/pipeline/CapturePipelineDetail.hpp"
 #include "quillet_capture/pipeline/CaptureRecovery.hpp"
 #include "quillet_capture/runtime/Tasks.hpp"
+#include "quillet_capture/vault/NoteLedger.hpp"
 
 #include <chrono>
 #include <cmath>
@@ -220,6 +221,15 @@ asio::awaitable<void> CapturePipeline::fetchTranscriptAndWrite(VeldaneClient& cl
     }
     co_await vaultPresent(id);
     auto inbox = writer(id);
+    if (NoteLedger(inbox.vaultRoot()).removedByPerson(id)) {
+        rlog("[quillet] capture pipeline: the note of %@ was removed from the inbox; its transcript is not written "
+             "(bring the note back with: quillet-capture retry --restore %@)",
+             id, id);
+        if (environment_.recovery != nullptr) {
+            environment_.recovery->forget(id);
+        }
+        co_return;
+    }
     // An editor's save leaves the note empty or half-written for a moment: it is read again a
     // few times before it counts as a note the person must fix.
     std::optional<std::string> unparseable;

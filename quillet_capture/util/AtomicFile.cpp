@@ -20,17 +20,6 @@ constexpr std::string_view kTempMarker = ".quillet-tmp-";
     throw std::system_error(errno, std::generic_category(), what);
 }
 
-// macOS's fsync leaves the data in the drive's cache; F_FULLFSYNC is what reaches the disk.
-int flushToDisk(int fd)
-{
-#if defined(F_FULLFSYNC)
-    if (::fcntl(fd, F_FULLFSYNC) == 0) {
-        return 0;
-    }
-#endif
-    return ::fsync(fd);
-}
-
 std::string randomSuffix()
 {
     static thread_local std::mt19937_64 generator{std::random_device{}()};
@@ -274,6 +263,17 @@ int removeAtomicWriteLeftovers(const std::filesystem::path& folder)
         ::close(fd);
     }
     return removed;
+}
+
+int flushToDisk(int fd)
+{
+    // macOS's fsync leaves the data in the drive's cache; F_FULLFSYNC is what reaches the disk.
+#if defined(F_FULLFSYNC)
+    if (::fcntl(fd, F_FULLFSYNC) == 0) {
+        return 0;
+    }
+#endif
+    return ::fsync(fd);
 }
 
 } // namespace quillet

@@ -78,4 +78,8 @@ TemporaryFile createTemporaryFile(const std::filesystem::path& file, mode_t mode
 /// Returns how many were removed; a folder that cannot be listed gives 0. Any thread.
 int removeAtomicWriteLeftovers(const std::filesystem::path& folder);
 
+/// Flushes what was written to `fd` to the disk itself (F_FULLFSYNC where the system has it,
+/// else fsync). Returns 0, or -1 with errno set.
+int flushToDisk(int fd);
+
 } // namespace quillet

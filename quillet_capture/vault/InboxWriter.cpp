@@ -1,5 +1,7 @@
 #include "quillet_capture/vault/InboxWriter.hpp"
 
+#include "quillet_capture/platform/Sha256.hpp"
+
 #include "quillet_capture/util/AtomicFile.hpp"
 #include "quillet_capture/util/Iso8601.hpp"
 #include "quillet_capture/util/Utf8.hpp"
@@ -99,20 +101,11 @@ std::string readFrontmatterText(const fs::path& file)
     return text;
 }
 
-// macOS's fsync leaves the data in the drive's cache; F_FULLFSYNC is what reaches the disk.
-int flushToDisk(int fd)
-{
-#if defined(F_FULLFSYNC)
-    if (::fcntl(fd, F_FULLFSYNC) == 0) {
-        return 0;
-    }
-#endif
-    return ::fsync(fd);
-}
-
 // Copies the whole of `source` into `fd`, which stands for `target`.
-void copyBytes(const fs::path& source, int fd, const fs::path& target)
+/// Copies `source` to `fd`, adding every byte to `digest`; returns the number of bytes.
+std::uintmax_t copyBytes(const fs::path& source, int fd, const fs::path& target, Sha256& digest)
 {
+    std::uintmax_t total = 0;
     int in = openRegularFile(source, O_RDONLY | O_NOFOLLOW);
     if (in < 0) {
         throwErrno(errno, "cannot read " + source.string());
@@ -131,6 +124,8 @@ void copyBytes(const fs::path& source, int fd, const fs::path& target)
         if (got == 0) {
             break;
         }
+        digest.update(buffer.data(), static_cast<std::size_t>(got));
+        total += static_cast<std::uintmax_t>(got);
         for (ssize_t done = 0; done < got;) {
             ssize_t put = ::write(fd, buffer.data() + done, static_cast<size_t>(got - done));
             if (put < 0 && errno == EINTR) {
@@ -145,6 +140,7 @@ void copyBytes(const fs::path& source, int fd, const fs::path& target)
         }
     }
     ::close(in);
+    return total;
 }
 
 bool isBlank(char c)
@@ -385,24 +381,31 @@ void InboxWriter::ensureDirectories() const
     fs::create_directories(audioDirectory());
 }
 
-fs::path InboxWriter::copyAudio(const fs::path& source, std::string_view id) const
+InboxWriter::AudioCopy InboxWriter::copyAudio(const fs::path& source, std::string_view id) const
 {
     return copyAudio(source, id, false);
 }
 
-fs::path InboxWriter::replaceAudio(const fs::path& source, std::string_view id) const
+InboxWriter::AudioCopy InboxWriter::replaceAudio(const fs::path& source, std::string_view id) const
 {
     return copyAudio(source, id, true);
 }
 
-fs::path InboxWriter::copyAudio(const fs::path& source, std::string_view id, bool replace) const
+InboxWriter::AudioCopy InboxWriter::copyAudio(const fs::path& source, std::string_view id, bool replace) const
 {
+    // A copy that was already there is the capture's copy: its own bytes give its digest.
+    auto kept = [](const fs::path& copy) {
+        AudioCopy existing{copy, Sha256::ofFile(copy), 0};
+        std::error_code unknown;
+        existing.size = fs::file_size(copy, unknown);
+        return existing;
+    };
     checkedId(id);
     ensureDirectories();
     auto destination = audioURL(id);
     std::error_code ignored;
     if (!replace && fs::exists(fs::symlink_status(destination, ignored))) {
-        return destination;
+        return kept(destination);
     }
     // A dot name and the marker of atomic-write leftovers, so that listings skip the file and
     // the sweep at the agent's start removes it if the process dies before it is renamed; it
@@ -415,8 +418,11 @@ fs::path InboxWriter::copyAudio(const fs::path& source, std::string_view id, boo
         fs::remove(temp, ignored);
         ::close(temporary.fd);
     };
+    AudioCopy made{destination, {}, 0};
     try {
-        copyBytes(source, temporary.fd, temp);
+        Sha256 digest;
+        made.size = copyBytes(source, temporary.fd, temp, digest);
+        made.sha256 = digest.hexDigest();
         if (flushToDisk(temporary.fd) != 0) {
             throwErrno(errno, "cannot flush " + temp.string());
         }
@@ -438,7 +444,7 @@ fs::path InboxWriter::copyAudio(const fs::path& source, std::string_view id, boo
         int error = errno;
         if (error == EEXIST) {
             discard();
-            return destination;
+            return kept(destination);
         }
         bool noHardLinks = error == EPERM || error == ENOTSUP || error == EOPNOTSUPP || error == EXDEV ||
                            error == EMLINK || error == ENOSYS;
@@ -449,7 +455,7 @@ fs::path InboxWriter::copyAudio(const fs::path& source, std::string_view id, boo
             int failure = noHardLinks ? errno : error;
             discard();
             if (fs::exists(fs::symlink_status(destination, ignored))) {
-                return destination;
+                return kept(destination);
             }
             throwErrno(failure, "cannot name the audio copy " + destination.string());
         }
@@ -462,7 +468,7 @@ fs::path InboxWriter::copyAudio(const fs::path& source, std::string_view id, boo
         flushToDisk(folder);
         ::close(folder);
     }
-    return destination;
+    return made;
 }
 
 void InboxWriter::writeStub(const Frontmatter& frontmatter) const

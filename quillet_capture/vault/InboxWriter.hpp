@@ -102,19 +102,24 @@ public:
     /// are fine. Throws std::system_error.
     void ensureDirectories() const;
 
-    /// Ensures the folders, then copies `source` to the capture's audio copy and returns its
-    /// path. A copy already there is kept as it is (never overwritten, even by a concurrent
-    /// copy). The bytes go to a hidden temporary file first and are flushed to disk before
-    /// they get the final name, so a crash never leaves a partial copy under that name. The
-    /// copy gets the mode the umask gives new files (0644 under the usual umask), not the
-    /// source's. Throws std::system_error.
-    std::filesystem::path copyAudio(const std::filesystem::path& source, std::string_view id) const;
-
+    /// An audio copy in the vault and what it holds.
+    struct AudioCopy {
+        std::filesystem::path path;
+        std::string sha256;      // the SHA-256 of its bytes, as 64 lower-case hex digits
+        std::uintmax_t size = 0;
+    };
+    /// Ensures the folders, then copies `source` to the capture's audio copy and returns it
+    /// with its digest, computed from the bytes as they are copied (the source is read once).
+    /// A copy already there is kept as it is (never overwritten, even by a concurrent copy);
+    /// its digest is then read from it. The bytes go to a hidden temporary file first and are
+    /// flushed to disk before they get the final name, so a crash never leaves a partial copy
+    /// under that name. The copy gets the mode the umask gives new files (0644 under the usual
+    /// umask), not the source's. Throws std::system_error.
+    AudioCopy copyAudio(const std::filesystem::path& source, std::string_view id) const;
     /// The same for a recording that grew after its capture: the copy there is replaced, in
     /// one rename, so that its name holds the old copy or the new one and never part of
     /// either. Throws std::system_error.
-    std::filesystem::path replaceAudio(const std::filesystem::path& source, std::string_view id) const;
-
+    AudioCopy replaceAudio(const std::filesystem::path& source, std::string_view id) const;
     /// Ensures the folders and writes the note of `frontmatter` with an empty body.
     void writeStub(const Frontmatter& frontmatter) const;
 
@@ -195,7 +200,7 @@ public:
     static std::string yamlString(std::string_view value);
 
 private:
-    std::filesystem::path copyAudio(const std::filesystem::path& source, std::string_view id, bool replace) const;
+    AudioCopy copyAudio(const std::filesystem::path& source, std::string_view id, bool replace) const;
 
     std::filesystem::path vaultRoot_;
 };

@@ -1,5 +1,7 @@
 #include "quillet_capture/vault/InboxWriter.hpp"
 
+#include "quillet_capture/platform/Sha256.hpp"
+
 #include "quillet_capture/util/AtomicFile.hpp"
 #include "quillet_capture/util/Iso8601.hpp"
 #include "tests/support/Scratch.hpp"
@@ -373,13 +375,22 @@ TEST(InboxWriterVault, CopyAudioNeverOverwritesAnExistingCopy)
     test::writeFile(first, "first recording");
     test::writeFile(second, "second recording");
 
-    auto copy = f.writer.copyAudio(first, "240131-132530");
+    // The copy's digest is taken from the bytes as they are copied, and matches them.
+    const std::string firstDigest = "81530399ccaaa4f4a321e7075da22400d1dde21e95c77f8f926953557269e970";
+    auto made = f.writer.copyAudio(first, "240131-132530");
+    auto copy = made.path;
     EXPECT_EQ(copy, f.vault / "_inbox/.audio/240131-132530.m4a");
+    EXPECT_EQ(made.sha256, firstDigest);
+    EXPECT_EQ(made.size, std::string("first recording").size());
+    EXPECT_EQ(Sha256::ofFile(copy), firstDigest);
     EXPECT_EQ(test::readFile(copy), "first recording");
     struct stat before {};
     ASSERT_EQ(::stat(copy.c_str(), &before), 0);
 
-    EXPECT_EQ(f.writer.copyAudio(second, "240131-132530"), copy);
+    // A copy already there stays, and its digest is its own, not the other file's.
+    auto again = f.writer.copyAudio(second, "240131-132530");
+    EXPECT_EQ(again.path, copy);
+    EXPECT_EQ(again.sha256, firstDigest);
     EXPECT_EQ(test::readFile(copy), "first recording");
     struct stat after {};
     ASSERT_EQ(::stat(copy.c_str(), &after), 0);
@@ -392,7 +403,9 @@ TEST(InboxWriterVault, CopyAudioNeverOverwritesAnExistingCopy)
 
     // A recording that grew replaces its copy whole; a failed replacement keeps the old one.
     test::writeFile(first, "first recording, and what came after");
-    EXPECT_EQ(f.writer.replaceAudio(first, "240131-132530"), copy);
+    auto replaced = f.writer.replaceAudio(first, "240131-132530");
+    EXPECT_EQ(replaced.path, copy);
+    EXPECT_EQ(replaced.sha256, "4fdc3a98d66dd73c1e8541c4210a20e7c8a35ca199b3f62e5aa6c250a03acd5c");
     EXPECT_EQ(test::readFile(copy), "first recording, and what came after");
     EXPECT_THROW(f.writer.replaceAudio(f.dir.path() / "missing.m4a", "240131-132530"), std::system_error);
     EXPECT_EQ(test::readFile(copy), "first recording, and what came after");
