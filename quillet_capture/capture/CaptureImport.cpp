@@ -100,7 +100,8 @@ Selection voiceMemosRecordings(std::optional<TimePoint> since)
     return selection;
 }
 
-Result queueExisting(std::optional<TimePoint> since, CaptureStateStore& store, CaptureIdentities* identities)
+Result queueExisting(std::optional<TimePoint> since, CaptureStateStore& store, CaptureIdentities* identities,
+                     const RemovedByPerson& removedByPerson)
 {
     Selection selection = voiceMemosRecordings(since);
     // What Voice Memos knows of them: their titles, and which the person deleted (never
@@ -109,8 +110,12 @@ Result queueExisting(std::optional<TimePoint> since, CaptureStateStore& store, C
     library.refresh();
     const bool readable = library.health() == VoiceMemosLibrary::Health::readable;
     std::vector<std::string> uniqueIds;
-    Result result{selection.folder.path, 0, 0};
+    Result result{selection.folder.path, 0, 0, 0, 0, {}};
     std::erase_if(selection.names, [&](const std::string& name) {
+        if (removedByPerson && removedByPerson(name)) {
+            ++result.removed;
+            return true;
+        }
         const LibraryRecording* row = nullptr;
         if (readable) {
             row = library.byFile(name);
@@ -149,9 +154,9 @@ Result queueExisting(std::optional<TimePoint> since, CaptureStateStore& store, C
     return result;
 }
 
-Result queueExisting(std::optional<TimePoint> since)
+Result queueExisting(std::optional<TimePoint> since, const RemovedByPerson& removedByPerson)
 {
-    return queueExisting(since, CaptureStateStore::shared(), &CaptureIdentities::shared());
+    return queueExisting(since, CaptureStateStore::shared(), &CaptureIdentities::shared(), removedByPerson);
 }
 
 } // namespace quillet::CaptureImport

@@ -3,6 +3,7 @@
 #include "quillet_capture/config/WatchedFolder.hpp"
 
 #include <chrono>
+#include <functional>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -27,6 +28,7 @@ struct Result {
     int picked = 0;          // recordings selected
     int wereSeen = 0;        // of them, how many were in the seen set and were forgotten
     int deleted = 0;         // left out: in Recently Deleted in Voice Memos
+    int removed = 0;         // left out: their notes were made and the person removed them
     /// The picked recordings that have a title in Voice Memos: file name and title.
     std::vector<std::pair<std::string, std::string>> titles = {};
 };
@@ -65,16 +67,19 @@ private:
 /// (also when it does not exist). Any thread.
 Selection voiceMemosRecordings(std::optional<TimePoint> since);
 
-/// Selects as above, leaves out what the Voice Memos library has in Recently Deleted, and
-/// forgets the selected names in `store`'s Voice Memos set (which keeps the folder marked as
+/// Whether the note of the recording `name` of a folder was made and the person removed it.
+using RemovedByPerson = std::function<bool(const std::string& name)>;
+
+/// Selects as above, leaves out what the Voice Memos library has in Recently Deleted and what
+/// `removedByPerson` says the person removed, and forgets the selected names in `store`'s Voice Memos set (which keeps the folder marked as
 /// indexed) and, in `identities`, that their recordings were there before capture was set
 /// up; logs how many were queued when there were any. Throws Failure from the selection.
 /// Any thread.
 Result queueExisting(std::optional<TimePoint> since, CaptureStateStore& store,
-                     CaptureIdentities* identities = nullptr);
+                     CaptureIdentities* identities = nullptr, const RemovedByPerson& removedByPerson = nullptr);
 
 /// The same on the agent's shared state store.
-Result queueExisting(std::optional<TimePoint> since);
+Result queueExisting(std::optional<TimePoint> since, const RemovedByPerson& removedByPerson = nullptr);
 
 } // namespace CaptureImport
 } // namespace quillet

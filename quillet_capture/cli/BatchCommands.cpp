@@ -7,22 +7,28 @@
 #include "quillet_capture/pipeline/CapturePipeline.hpp"
 #include "quillet_capture/pipeline/CaptureRecovery.hpp"
 #include "quillet_capture/pipeline/CaptureRetry.hpp"
+#include "quillet_capture/pipeline/CaptureStateStore.hpp"
 #include "quillet_capture/platform/Paths.hpp"
 #include "quillet_capture/runtime/MainLoop.hpp"
 #include "quillet_capture/runtime/Tasks.hpp"
 #include "quillet_capture/service/BackfillSync.hpp"
 #include "quillet_capture/service/VeldaneClient.hpp"
 #include "quillet_capture/vault/InboxWriter.hpp"
+#include "quillet_capture/vault/NoteLedger.hpp"
 
 #include <asio/executor_work_guard.hpp>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <ctime>
 #include <memory>
 #include <regex>
+#include <set>
 
 namespace quillet {
+
+namespace fs = std::filesystem;
 
 namespace {
 
@@ -120,6 +126,32 @@ asio::awaitable<void> syncTask(std::shared_ptr<BackfillSync> sync,
     }
 }
 
+// Whether a file of the folder `folderId` had its note made in the vault and removed by the
+// person since: the vault's ledger says so, or, for a capture older than the ledger, the state
+// says the file was captured and its copy is in the vault while its note is not.
+CaptureImport::RemovedByPerson removedFromVault(std::string folderId)
+{
+    InboxWriter inbox(Settings::shared().vaultURL());
+    auto removed = std::make_shared<std::set<std::string>>();
+    for (const auto& [id, record] : NoteLedger(inbox.vaultRoot()).read()) {
+        if (record.source.folderId == folderId && NoteLedger::removedByPerson(inbox.noteURL(id), record)) {
+            removed->insert(record.source.name);
+        }
+    }
+    return [removed, inbox, folderId](const std::string& name) {
+        if (removed->contains(name)) {
+            return true;
+        }
+        auto seen = CaptureStateStore::shared().seenEntry(name, folderId);
+        if (!seen || seen->canonicalId.empty() || seen->file.empty()) {
+            return false;
+        }
+        std::error_code error;
+        return !fs::exists(inbox.noteURL(seen->canonicalId), error) && !error &&
+               fs::exists(inbox.audioURL(seen->canonicalId), error);
+    };
+}
+
 } // namespace
 
 std::optional<std::chrono::system_clock::time_point> parseSince(const std::vector<std::string>& arguments)
@@ -163,8 +195,69 @@ std::optional<std::chrono::system_clock::time_point> parseLocalDay(const std::st
     return std::chrono::system_clock::from_time_t(seconds);
 }
 
-void cmdRetry()
+void cmdRestore(const std::string& id)
 {
+    requireSetup();
+    InboxWriter inbox(Settings::shared().vaultURL());
+    NoteLedger ledger(inbox.vaultRoot());
+    auto records = ledger.read();
+    auto found = records.find(id);
+    if (found == records.end() || !NoteLedger::removedByPerson(inbox.noteURL(id), found->second)) {
+        std::error_code error;
+        if (fs::exists(inbox.noteURL(id), error)) {
+            fail(id + " is in the inbox already: " + inbox.noteURL(id).string());
+        }
+        fail(id + " is not a note removed from the inbox (quillet-capture audit --all lists them).");
+    }
+    const auto& record = found->second;
+    std::error_code error;
+    const bool hasCopy = fs::is_regular_file(inbox.audioURL(id), error);
+    if (!hasCopy && record.externalIds.empty()) {
+        fail("Cannot bring back " + id + ": its audio copy is gone from " + inbox.audioDirectory().string() +
+             " and the service never had it.");
+    }
+    std::optional<std::string> failure;
+    withAgentStopped([&] {
+        auto now = std::chrono::system_clock::now();
+        ledger.restored(id, now);
+        if (!hasCopy) {
+            return;  // its transcript comes back with the next sync
+        }
+        // Made again from its copy, as a new capture of it: the agent uploads it when it starts.
+        auto frontmatter = InboxWriter::Frontmatter::forCapture(id, record.created.value_or(now));
+        frontmatter.vdJobStatus = Settings::shared().captureVeldaneEnabled() ? "queued" : "skipped";
+        if (record.source.folderId != CaptureStateStore::voiceMemosFolderId) {
+            frontmatter.sourceType = "audio_capture";
+        }
+        try {
+            inbox.writeStub(frontmatter);
+            ledger.noteMade(id, record.source, frontmatter.created, now);
+        } catch (const std::exception& problem) {
+            failure = problem.what();
+        }
+    });
+    if (failure) {
+        fail("Cannot bring back " + id + ": " + *failure);
+    }
+    if (hasCopy) {
+        out("Brought back " + inbox.noteURL(id).string() + ".");
+        out(Settings::shared().captureVeldaneEnabled() ? "The capture agent uploads its recording again for its transcript."
+                                               : "Uploading is off: its recording waits in the vault.");
+    } else {
+        out("Brought back " + id + ": run quillet-capture sync to bring its transcript into the inbox again.");
+    }
+    runtime::exitProcess(0);
+}
+
+void cmdRetry(const std::vector<std::string>& arguments)
+{
+    if (std::find(arguments.begin(), arguments.end(), "--restore") != arguments.end()) {
+        auto id = option("--restore", arguments);
+        if (!id || id->empty() || id->starts_with("-")) {
+            fail("--restore wants the id of a removed note, as quillet-capture audit --all shows it");
+        }
+        cmdRestore(*id);
+    }
     requireSetup();
     requireToken();
 
@@ -207,7 +300,7 @@ void cmdImportExisting(const std::vector<std::string>& arguments)
     std::optional<CaptureImport::Result> result;
     withAgentStopped([&result, &since] {
         try {
-            result = CaptureImport::queueExisting(since);
+            result = CaptureImport::queueExisting(since, removedFromVault(std::string(CaptureStateStore::voiceMemosFolderId)));
         } catch (const CaptureImport::Failure& failure) {
             out("Cannot read " + failure.path() + ": " + failure.reason() +
                 ". If it says permission, grant Full Disk Access to this Terminal (to run this command) and to "
@@ -221,6 +314,11 @@ void cmdImportExisting(const std::vector<std::string>& arguments)
     }
     if (result->deleted > 0) {
         out("Left out " + plural(result->deleted, "recording") + " in Recently Deleted in Voice Memos.");
+    }
+    if (result->removed > 0) {
+        out("Left out " + plural(result->removed, "recording") +
+            " whose note you removed from the inbox (quillet-capture audit --all lists them; retry --restore ID "
+            "brings one back).");
     }
     if (result->picked < 1) {
         out("No recordings to send in " + result->folderPath + ".");

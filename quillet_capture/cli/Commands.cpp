@@ -10,7 +10,7 @@ const std::vector<Command>& commandTable()
     static const std::vector<Command> table = {
         {{"setup"}, [] { cmdSetup(args); }},
         {{"import-existing"}, [] { cmdImportExisting(args); }},
-        {{"retry"}, [] { cmdRetry(); }},
+        {{"retry"}, [] { cmdRetry(args); }},
         {{"sync"}, [] { cmdSync(); }},
         {{"pair"}, [] { cmdPair(); }},
         {{"install"}, cmdInstall},

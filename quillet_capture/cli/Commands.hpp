@@ -59,8 +59,14 @@ void requirePairedForUpload();
 
 /// `retry`: uploads again, with the agent stopped, the captures whose upload was skipped or
 /// failed, printing each; exits 0 whatever the uploads' outcome. Ends through `fail` without
-/// settings or token. Never returns.
-[[noreturn]] void cmdRetry();
+/// settings or token. `retry --restore ID` instead brings back the note `ID` that the person
+/// removed from the inbox (`cmdRestore`). `arguments` is the whole command line. Never returns.
+[[noreturn]] void cmdRetry(const std::vector<std::string>& arguments);
+/// Brings back the removed note `id`: remembers that the person asked for it, then, with the
+/// agent stopped, writes its note again from its audio copy for the agent to upload (or, when
+/// only the service has it, leaves it to the next `sync`). Ends through `fail` when `id` is no
+/// removed note or nothing of it is left. Never returns.
+[[noreturn]] void cmdRestore(const std::string& id);
 
 /// `import-existing [--since YYYY-MM-DD]`: with the agent stopped, queues the recordings
 /// already in Voice Memos (from that day on) for the agent to capture. `arguments` is the

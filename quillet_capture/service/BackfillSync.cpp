@@ -6,6 +6,7 @@
 #include "quillet_capture/runtime/SerialQueue.hpp"
 #include "quillet_capture/runtime/Tasks.hpp"
 #include "quillet_capture/util/AtomicFile.hpp"
+#include "quillet_capture/vault/NoteLedger.hpp"
 
 #include <asio/co_spawn.hpp>
 #include <asio/use_awaitable.hpp>
@@ -293,6 +294,14 @@ std::set<std::string> BackfillSync::readExistingExternalIDs() const
             // A note without frontmatter, or one that went away meanwhile, holds no key.
         }
     }
+    if (error) {
+        return keys;
+    }
+    for (const auto& [id, record] : NoteLedger(inboxWriter_.vaultRoot()).read()) {
+        if (!record.restorePending) {
+            keys.insert(record.externalIds.begin(), record.externalIds.end());
+        }
+    }
     return keys;
 }
 
@@ -352,6 +361,7 @@ void BackfillSync::writeBackfilledItem(const VeldaneClient::SourceDetail& detail
         inboxWriter_.ensureDirectories();
         writeFileAtomically(note, text, 0644, Durability::deferred);
     }
+    NoteLedger(inboxWriter_.vaultRoot()).noteMade(id, {}, *created, clock_.now(), detail.cache_key, false);
 }
 
 std::string BackfillSync::uniqueID(const std::string& base) const

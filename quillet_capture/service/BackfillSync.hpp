@@ -62,9 +62,11 @@ public:
     /// order. Any executor; the sync must outlive the run.
     asio::awaitable<void> run(std::function<void(const Progress&)> progress);
 
-    /// The non-empty cache keys ("externalId") of the notes in the inbox: every entry whose
-    /// extension is exactly ".md" and whose frontmatter reads. Empty when the inbox cannot be
-    /// listed. Blocking; any thread.
+    /// The non-empty cache keys ("externalId") of the notes in the inbox (every entry whose
+    /// extension is exactly ".md" and whose frontmatter reads), and those of the notes the
+    /// vault's ledger says were made and that the person has removed or moved from the inbox
+    /// since (unless asked back): a transcript the person removed is never brought again. Empty
+    /// when the inbox cannot be listed. Blocking; any thread.
     std::set<std::string> readExistingExternalIDs() const;
 
     /// Writes `detail` (listed as `metadata`) as a new note: dated by the listing's creation

@@ -46,7 +46,8 @@ NoteLedger::NoteLedger(fs::path vaultRoot)
 {
 }
 
-void NoteLedger::noteMade(std::string_view id, const Source& source, TimePoint created, TimePoint at) const
+void NoteLedger::noteMade(std::string_view id, const Source& source, TimePoint created, TimePoint at,
+                          std::string_view externalId, bool flush) const
 {
     json line{{"event", "made"}, {"id", id}, {"at", stamp(at)}, {"created", stamp(created)}};
     if (!source.folderId.empty()) {
@@ -56,7 +57,10 @@ void NoteLedger::noteMade(std::string_view id, const Source& source, TimePoint c
     if (!source.voiceMemosId.empty()) {
         line["voiceMemosId"] = source.voiceMemosId;
     }
-    append(line.dump(-1, ' ', false, json::error_handler_t::replace));
+    if (!externalId.empty()) {
+        line["externalId"] = externalId;
+    }
+    append(line.dump(-1, ' ', false, json::error_handler_t::replace), flush);
 }
 
 void NoteLedger::copyWritten(std::string_view id, std::string_view sha256, std::uintmax_t size, TimePoint at) const
@@ -77,7 +81,7 @@ void NoteLedger::restored(std::string_view id, TimePoint at) const
                                                                             json::error_handler_t::replace));
 }
 
-void NoteLedger::append(const std::string& line) const
+void NoteLedger::append(const std::string& line, bool flush) const
 {
     std::error_code ignored;
     fs::create_directories(file_.parent_path(), ignored);
@@ -90,7 +94,7 @@ void NoteLedger::append(const std::string& line) const
     // crash is the last one, and the reader skips it.
     std::string whole = line + "\n";
     ssize_t put = ::write(fd, whole.data(), whole.size());
-    if (put != static_cast<ssize_t>(whole.size()) || flushToDisk(fd) != 0) {
+    if (put != static_cast<ssize_t>(whole.size()) || (flush && flushToDisk(fd) != 0)) {
         rlog("[quillet] ledger: cannot write %@: %@", file_.string(),
              put < 0 || errno != 0 ? std::strerror(errno) : "short write");
     }
@@ -131,6 +135,9 @@ std::map<std::string, NoteLedger::Record> NoteLedger::read() const
                 record.source = {folder, textOf(line, "name"), textOf(line, "voiceMemosId")};
             } else if (auto memo = textOf(line, "voiceMemosId"); !memo.empty()) {
                 record.source.voiceMemosId = memo;
+            }
+            if (auto key = textOf(line, "externalId"); !key.empty()) {
+                record.externalIds.insert(key);
             }
         } else if (event == "copy") {
             record.sha256 = textOf(line, "sha256");

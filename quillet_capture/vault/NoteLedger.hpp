@@ -53,8 +53,11 @@ public:
     /// vaultRoot + "_inbox/.audio/ledger.jsonl".
     const std::filesystem::path& file() const { return file_; }
 
-    /// Records that the note of `id` was written anew (created: the note's date).
-    void noteMade(std::string_view id, const Source& source, TimePoint created, TimePoint at) const;
+    /// Records that the note of `id` was written anew (created: the note's date), with the
+    /// service's key of its transcript when it has one already. With `flush` false the line is
+    /// not flushed to the disk: the caller flushes the file system once for many notes.
+    void noteMade(std::string_view id, const Source& source, TimePoint created, TimePoint at,
+                  std::string_view externalId = {}, bool flush = true) const;
     /// Records that the copy of `id` now holds `size` bytes of digest `sha256`.
     void copyWritten(std::string_view id, std::string_view sha256, std::uintmax_t size, TimePoint at) const;
     /// Records that the note of `id` carries the service's key `externalId`.
@@ -74,7 +77,7 @@ public:
 
 private:
     /// Appends one line; a failure is logged, never thrown: the note it records is written.
-    void append(const std::string& line) const;
+    void append(const std::string& line, bool flush = true) const;
 
     std::filesystem::path vaultRoot_;
     std::filesystem::path file_;
