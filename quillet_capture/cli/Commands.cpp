@@ -16,6 +16,7 @@ const std::vector<Command>& commandTable()
         {{"install"}, cmdInstall},
         {{"uninstall"}, cmdUninstall},
         {{"status"}, cmdStatus},
+        {{"audit"}, [] { cmdAudit(args); }},
         {{"run"}, [] { cmdRun(); }},
         {{"version", "--version", "-v"}, [] { out(toolVersion); }},
     };

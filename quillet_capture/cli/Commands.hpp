@@ -73,6 +73,13 @@ void requirePairedForUpload();
 /// whole command line. Exits 1 when the folder cannot be read. Never returns.
 [[noreturn]] void cmdImportExisting(const std::vector<std::string>& arguments);
 
+/// `audit [--all] [--since DAY] [--verify] [--json]`: accounts for every recording (see
+/// CaptureAudit) and prints them grouped by state, or as JSON. Ends the process: status 0 when
+/// nothing needs the person, 1 when something does, 2 for a usage or setup error. Writes
+/// nothing. `arguments` is the whole command line. Never returns.
+[[noreturn]] void cmdAudit(const std::vector<std::string>& arguments);
+/// The help text of `audit`, without the final line feed.
+std::string auditHelpText();
 /// `sync`: brings the transcripts of the Veldane library that the vault lacks into its inbox,
 /// printing progress; runs as a task while the main thread runs the main loop. Exits 1 when
 /// the library cannot be listed or any item failed. Never returns.

@@ -93,6 +93,22 @@ AgentLock AgentLock::take()
     return {fd, std::nullopt};
 }
 
+std::optional<long> AgentLock::runningAgent()
+{
+    int fd = openRegularFile(file(), O_RDONLY);
+    if (fd < 0) {
+        return std::nullopt;
+    }
+    auto pid = livingPid(fd);
+    if (pid && ::flock(fd, LOCK_SH | LOCK_NB) == 0) {
+        // The id is an old one that another process has since been given.
+        ::flock(fd, LOCK_UN);
+        pid.reset();
+    }
+    ::close(fd);
+    return pid;
+}
+
 AgentLock::AgentLock(AgentLock&& other) noexcept : fd_(other.fd_), holder_(other.holder_)
 {
     other.fd_ = -1;

@@ -30,6 +30,12 @@ public:
     /// The lock file.
     static std::filesystem::path file();
 
+    /// The process id of the agent that holds the lock now, however it was started; none when
+    /// no agent holds it. Looks without taking the lock and writes nothing: only when the file
+    /// names a living process is the lock tried (shared, not waiting, let go at once), so that
+    /// an agent starting at that moment is not refused.
+    static std::optional<long> runningAgent();
+
 private:
     AgentLock(int fd, std::optional<long> holder) : fd_(fd), holder_(holder) {}
 

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <system_error>
 #include <unistd.h>
 
@@ -85,14 +86,20 @@ void NoteLedger::append(const std::string& line, bool flush) const
 {
     std::error_code ignored;
     fs::create_directories(file_.parent_path(), ignored);
-    int fd = openRegularFile(file_, O_WRONLY | O_APPEND | O_CREAT, 0644);
+    int fd = openRegularFile(file_, O_RDWR | O_APPEND | O_CREAT, 0644);
     if (fd < 0) {
         rlog("[quillet] ledger: cannot open %@: %@", file_.string(), std::strerror(errno));
         return;
     }
     // One write per line: O_APPEND keeps lines of two writers whole. A line cut off by a
-    // crash is the last one, and the reader skips it.
+    // crash is ended first, so that the reader skips it alone and not the line after it too.
     std::string whole = line + "\n";
+    struct stat facts {};
+    char last = '\n';
+    if (::fstat(fd, &facts) == 0 && facts.st_size > 0 && ::pread(fd, &last, 1, facts.st_size - 1) == 1 &&
+        last != '\n') {
+        whole.insert(whole.begin(), '\n');
+    }
     ssize_t put = ::write(fd, whole.data(), whole.size());
     if (put != static_cast<ssize_t>(whole.size()) || (flush && flushToDisk(fd) != 0)) {
         rlog("[quillet] ledger: cannot write %@: %@", file_.string(),

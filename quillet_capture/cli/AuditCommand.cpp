@@ -1,0 +1,237 @@
+#include "quillet_capture/cli/Commands.hpp"
+
+#include "quillet_capture/cli/Console.hpp"
+#include "quillet_capture/config/Settings.hpp"
+#include "quillet_capture/pipeline/CaptureAudit.hpp"
+#include "quillet_capture/runtime/MainLoop.hpp"
+#include "quillet_capture/util/Iso8601.hpp"
+#include "quillet_capture/util/Utf8.hpp"
+
+#include <nlohmann/json.hpp>
+
+#include <cstdio>
+#include <ctime>
+
+namespace quillet {
+
+namespace {
+
+using Item = CaptureAudit::Item;
+using State = CaptureAudit::State;
+
+constexpr std::size_t kTitleWidth = 36;
+
+// A usage error: one line on standard error, status 2.
+[[noreturn]] void refuse(const std::string& text)
+{
+    std::fflush(stdout);
+    std::fprintf(stderr, "%s\n", text.c_str());
+    runtime::exitProcess(2);
+}
+
+std::string localMinute(const std::optional<std::chrono::system_clock::time_point>& time)
+{
+    if (!time) {
+        return "";
+    }
+    std::time_t seconds = std::chrono::system_clock::to_time_t(*time);
+    std::tm local{};
+    localtime_r(&seconds, &local);
+    char text[32];
+    std::strftime(text, sizeof text, "%Y-%m-%d %H:%M", &local);
+    return text;
+}
+
+std::size_t width(const std::string& text)
+{
+    return Utf8::codePoints(text).size();
+}
+
+std::string padded(const std::string& text, std::size_t columns)
+{
+    auto shown = width(text);
+    return shown >= columns ? text : text + std::string(columns - shown, ' ');
+}
+
+// What names the recording in the text: its title, with its id when both are known.
+std::string label(const Item& item)
+{
+    std::string title = Utf8::escapedLine(Utf8::lossless(item.title.empty() ? item.id : item.title));
+    if (width(title) > kTitleWidth) {
+        title = Utf8::prefix(title, kTitleWidth - 3) + "...";
+    }
+    return title;
+}
+
+nlohmann::json toJson(const Item& item)
+{
+    auto time = [](const std::optional<std::chrono::system_clock::time_point>& when) -> nlohmann::json {
+        if (!when) {
+            return nullptr;
+        }
+        return Iso8601::format(std::chrono::time_point_cast<std::chrono::seconds>(*when));
+    };
+    auto text = [](const std::string& value) -> nlohmann::json {
+        if (value.empty()) {
+            return nullptr;
+        }
+        return Utf8::lossless(value);
+    };
+    return {
+        {"state", CaptureAudit::key(item.state)},
+        {"kind", item.kind},
+        {"id", text(item.id)},
+        {"title", text(item.title)},
+        {"date", time(item.date)},
+        {"reason", item.reason},
+        {"jobStatus", text(item.jobStatus)},
+        {"nextTry", time(item.nextTry)},
+        {"folder", text(item.folderId)},
+        {"source", text(item.source)},
+        {"note", text(item.note)},
+        {"copy", text(item.copy)},
+        {"sha256", text(item.sha256)},
+        {"verified", item.verified ? nlohmann::json(*item.verified) : nlohmann::json(nullptr)},
+    };
+}
+
+std::string summaryLine(const CaptureAudit::Counts& counts)
+{
+    std::string line = plural(counts.total(), "recording") + ": " + std::to_string(counts.captured) + " captured, " +
+                       std::to_string(counts.waiting) + " waiting, " + std::to_string(counts.skipped) + " skipped, " +
+                       std::to_string(counts.needsYou) + " needs you";
+    if (counts.removedByYou > 0) {
+        line += ", " + std::to_string(counts.removedByYou) + " removed by you";
+    }
+    return line;
+}
+
+void printText(const std::vector<Item>& items, bool all, bool verified)
+{
+    const State order[] = {State::needsYou, State::waiting, State::captured, State::removedByYou, State::skipped};
+    for (State state : order) {
+        if (state == State::skipped && !all) {
+            continue;
+        }
+        std::vector<const Item*> group;
+        std::size_t titleColumn = 0;
+        for (const auto& item : items) {
+            if (item.state == state) {
+                group.push_back(&item);
+                titleColumn = std::max(titleColumn, width(label(item)));
+            }
+        }
+        if (group.empty()) {
+            continue;
+        }
+        out(CaptureAudit::words(state) + " (" + std::to_string(group.size()) + ")");
+        for (const auto* item : group) {
+            std::string line = "  " + padded(localMinute(item->date), 16) + "  " + padded(label(*item), titleColumn);
+            if (!item->id.empty() && item->id != item->title) {
+                line += "  " + item->id;
+            }
+            line += "  " + Utf8::escapedLine(item->reason);
+            out(line);
+        }
+        out();
+    }
+    auto counts = CaptureAudit::count(items);
+    if (!all && counts.skipped > 0) {
+        out(plural(counts.skipped, "skipped file") + " not shown (quillet-capture audit --all lists them).");
+    }
+    if (verified) {
+        int checked = 0;
+        for (const auto& item : items) {
+            checked += item.verified.has_value() ? 1 : 0;
+        }
+        out(plural(checked, "audio copy") + " read again and compared with the SHA-256 taken at capture.");
+    }
+    out(summaryLine(counts));
+}
+
+} // namespace
+
+void cmdAudit(const std::vector<std::string>& arguments)
+{
+    bool all = false;
+    bool json = false;
+    CaptureAudit::Options options;
+    std::optional<std::chrono::system_clock::time_point> since;
+    for (std::size_t at = 1; at < arguments.size(); ++at) {
+        const auto& word = arguments[at];
+        if (word == "--all") {
+            all = true;
+        } else if (word == "--json") {
+            json = true;
+        } else if (word == "--verify") {
+            options.verify = true;
+        } else if (word == "--since") {
+            if (at + 1 >= arguments.size()) {
+                refuse("audit: --since wants a date like 2026-09-01 (see quillet-capture audit --help)");
+            }
+            since = parseLocalDay(arguments[++at]);
+            if (!since) {
+                refuse("audit: --since wants a date like 2026-09-01, not \"" + arguments[at] + "\"");
+            }
+        } else if (word == "--help" || word == "-h") {
+            out(auditHelpText());
+            runtime::exitProcess(0);
+        } else {
+            refuse("audit: unknown option \"" + word + "\" (see quillet-capture audit --help)");
+        }
+    }
+    if (Settings::shared().isFirstRun()) {
+        refuse("audit: nothing is set up yet. Run setup first.");
+    }
+
+    auto items = CaptureAudit::run(CaptureAudit::gather(), options);
+    if (since) {
+        std::erase_if(items, [&](const Item& item) {
+            return item.kind == "recording" && (!item.date || *item.date < *since);
+        });
+    }
+    const auto counts = CaptureAudit::count(items);
+    if (json) {
+        nlohmann::json list = nlohmann::json::array();
+        for (const auto& item : items) {
+            list.push_back(toJson(item));
+        }
+        nlohmann::json whole{
+            {"recordings", std::move(list)},
+            {"counts",
+             {{"total", counts.total()},
+              {"captured", counts.captured},
+              {"waiting", counts.waiting},
+              {"skipped", counts.skipped},
+              {"needsYou", counts.needsYou},
+              {"removedByYou", counts.removedByYou}}},
+            {"verified", options.verify},
+        };
+        out(whole.dump(2, ' ', false, nlohmann::json::error_handler_t::replace));
+    } else {
+        printText(items, all, options.verify);
+    }
+    runtime::exitProcess(counts.needsYou > 0 ? 1 : 0);
+}
+
+std::string auditHelpText()
+{
+    return "Usage: quillet-capture audit [--all] [--since YYYY-MM-DD] [--verify] [--json]\n"
+           "\n"
+           "Accounts for every recording the program knows: the files of the watched folders, the notes\n"
+           "and audio copies of the inbox, and what the agent remembers. Each is captured, waiting,\n"
+           "skipped, needs you (with what to do) or removed by you, newest first.\n"
+           "\n"
+           "  --all                also list the skipped files (hidden by default, always counted)\n"
+           "  --since YYYY-MM-DD   only recordings made on or after that day\n"
+           "  --verify             read every audio copy again and compare it with the SHA-256 taken\n"
+           "                       when it was made; a copy that differs or is gone needs you\n"
+           "  --json               one JSON object: \"recordings\" (one object per recording) and \"counts\"\n"
+           "\n"
+           "Example: quillet-capture audit --since 2026-11-01 --verify\n"
+           "\n"
+           "Reads only: nothing is written, moved or sent.\n"
+           "Exit status: 0 when nothing needs you, 1 when something does, 2 for a usage or setup error.";
+}
+
+} // namespace quillet
