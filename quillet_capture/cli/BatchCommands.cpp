@@ -192,6 +192,12 @@ std::optional<std::chrono::system_clock::time_point> parseLocalDay(const std::st
     if (probe.tm_year != wanted.tm_year || probe.tm_mon != wanted.tm_mon || probe.tm_mday != wanted.tm_mday) {
         return std::nullopt;
     }
+    // Beyond what the clock holds (about the year 2262) the time would wrap round.
+    using Limit = std::chrono::duration<double>;
+    if (Limit(static_cast<double>(seconds)) >=
+        std::chrono::duration_cast<Limit>(std::chrono::system_clock::time_point::max().time_since_epoch())) {
+        return std::nullopt;
+    }
     return std::chrono::system_clock::from_time_t(seconds);
 }
 

@@ -90,7 +90,7 @@ std::string auditHelpText();
 std::optional<std::chrono::system_clock::time_point> parseSince(const std::vector<std::string>& arguments);
 
 /// Local midnight (current time zone) of the day written "yyyy-MM-dd" (month and day may have
-/// one digit); absent when the text is not such a day.
+/// one digit); absent when the text is not such a day, or one beyond what the clock holds.
 std::optional<std::chrono::system_clock::time_point> parseLocalDay(const std::string& text);
 
 } // namespace quillet

@@ -5,6 +5,7 @@
 #include "quillet_capture/platform/Paths.hpp"
 #include "quillet_capture/platform/UserDefaults.hpp"
 #include "quillet_capture/vault/InboxWriter.hpp"
+#include "quillet_capture/vault/NoteLedger.hpp"
 
 #include "tests/support/FakeVeldane.hpp"
 #include "tests/support/LogLines.hpp"
@@ -481,6 +482,75 @@ TEST(ParseLocalDayTest, AcceptsRealDaysOnly)
         unsetenv("TZ");
     }
     tzset();
+}
+
+// What the person removed stays removed
+
+// A recording captured, transcribed and then removed from the inbox by the person (its copy
+// stays, as the program never deletes one): import-existing, retry and sync leave it removed;
+// retry --restore brings it back deliberately.
+TEST_F(SyncCommandTest, ANoteThePersonRemovedIsNeverMadeAgainButCanBeAskedBack)
+{
+    const std::string id = "240201-090000";
+    const std::string name = "20240201 090000.m4a";
+    recordings({name});
+    InboxWriter writer(vault);
+    auto copy = writer.copyAudio(voiceMemos / name, id);
+    NoteLedger ledger(vault);
+    ledger.copyWritten(id, copy.sha256, copy.size, std::chrono::system_clock::now());
+    capture(id, "done", false);
+    ledger.noteMade(id, {"voice-memos", name}, std::chrono::system_clock::now(), std::chrono::system_clock::now());
+    ledger.keyRecorded(id, "src-0");
+    {
+        CaptureStateStore store(Paths::stateFile(), Paths::legacyWatcherFile());
+        store.markIndexed({});
+        store.markSeen(name, id, CaptureStateStore::voiceMemosFolderId, std::nullopt, "1:2:3");
+    }
+    fs::remove(writer.noteURL(id));
+    add(2);  // src-0 is the removed note's transcript; src-1 is new
+
+    // sync brings what is new and not what the person removed.
+    auto synced = run({"sync"});
+    EXPECT_EQ(synced.status, 0) << synced.errors;
+    EXPECT_EQ(fetched(), Lines{"src-1"});
+    EXPECT_FALSE(fs::exists(writer.noteURL(id)));
+    EXPECT_EQ(noteCount(), 1u);
+
+    // import-existing (on Linux, where the agent is faked) leaves it out and says so.
+    if (Paths::current() == Platform::linux) {
+        install();
+        auto imported = run({"import-existing"});
+        EXPECT_EQ(imported.status, 0) << imported.errors;
+        EXPECT_NE(imported.output.find("Left out 1 recording whose note you removed from the inbox"),
+                  std::string::npos)
+            << imported.output;
+        CaptureStateStore store(Paths::stateFile(), Paths::legacyWatcherFile());
+        EXPECT_TRUE(store.hasSeen(name)) << "a removed recording is not offered to the agent again";
+
+        // retry has nothing of it to send.
+        auto retried = run({"retry"});
+        EXPECT_EQ(retried.status, 0) << retried.errors;
+        EXPECT_FALSE(fs::exists(writer.noteURL(id)));
+        EXPECT_TRUE(fake.requests("POST", "sources").empty());
+    }
+
+    // Asked back: the note is written again from the copy, and waits for the agent's upload.
+    auto restored = run({"retry", "--restore", id});
+    EXPECT_EQ(restored.status, 0) << restored.errors;
+    EXPECT_NE(restored.output.find("Brought back " + writer.noteURL(id).string()), std::string::npos)
+        << restored.output;
+    auto note = InboxWriter::readFrontmatter(writer.noteURL(id));
+    EXPECT_EQ(note.vdJobStatus, "queued");
+    EXPECT_EQ(test::readFile(writer.audioURL(id)), "audio of " + name) << "the copy is the one captured";
+    EXPECT_FALSE(ledger.removedByPerson(id));
+
+    // Nothing else can be asked back.
+    auto again = run({"retry", "--restore", id});
+    EXPECT_EQ(again.status, 1);
+    EXPECT_NE(again.errors.find("is in the inbox already"), std::string::npos) << again.errors;
+    auto unknown = run({"retry", "--restore", "999999-000000"});
+    EXPECT_EQ(unknown.status, 1);
+    EXPECT_NE(unknown.errors.find("is not a note removed from the inbox"), std::string::npos) << unknown.errors;
 }
 
 } // namespace
