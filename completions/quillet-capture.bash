@@ -4,7 +4,7 @@
 _quillet_capture()
 {
     local cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD - 1]}
-    local commands="setup pair install uninstall status retry sync import-existing run version"
+    local commands="setup pair install uninstall status audit retry sync import-existing run version"
     COMPREPLY=()
 
     if ((COMP_CWORD == 1)); then
@@ -35,6 +35,21 @@ _quillet_capture()
             [[ " ${COMP_WORDS[*]:2:COMP_CWORD-2} " == *" $option "* ]] || options+=" $option"
         done
         COMPREPLY=($(compgen -W "$options" -- "$cur"))
+        ;;
+    audit)
+        # --since takes a day, YYYY-MM-DD; every option once.
+        [[ $prev == --since ]] && return
+        local options="" option
+        for option in --all --since --verify --json; do
+            [[ " ${COMP_WORDS[*]:2:COMP_CWORD-2} " == *" $option "* ]] || options+=" $option"
+        done
+        COMPREPLY=($(compgen -W "$options" -- "$cur"))
+        ;;
+    retry)
+        # --restore takes the id of a removed note (audit --all lists them).
+        if ((COMP_CWORD == 2)); then
+            COMPREPLY=($(compgen -W "--restore" -- "$cur"))
+        fi
         ;;
     import-existing)
         # --since takes a day, YYYY-MM-DD.

@@ -1,6 +1,6 @@
 # fish completion for quillet-capture
 
-set -l commands setup pair install uninstall status retry sync import-existing run version
+set -l commands setup pair install uninstall status audit retry sync import-existing run version
 
 complete -c quillet-capture -f
 complete -c quillet-capture -n "not __fish_seen_subcommand_from $commands" -a setup -d 'Choose the vault, write the settings and print them'
@@ -8,6 +8,7 @@ complete -c quillet-capture -n "not __fish_seen_subcommand_from $commands" -a pa
 complete -c quillet-capture -n "not __fish_seen_subcommand_from $commands" -a install -d 'Start the agent automatically at login'
 complete -c quillet-capture -n "not __fish_seen_subcommand_from $commands" -a uninstall -d 'Stop the agent and remove it from login'
 complete -c quillet-capture -n "not __fish_seen_subcommand_from $commands" -a status -d 'Show configuration, access and recent log lines'
+complete -c quillet-capture -n "not __fish_seen_subcommand_from $commands" -a audit -d 'Account for every recording and say what needs you'
 complete -c quillet-capture -n "not __fish_seen_subcommand_from $commands" -a retry -d 'Upload captures that were skipped or failed'
 complete -c quillet-capture -n "not __fish_seen_subcommand_from $commands" -a sync -d 'Bring transcripts from the Veldane account into the vault'
 complete -c quillet-capture -n "not __fish_seen_subcommand_from $commands" -a import-existing -d 'Send recordings already in Voice Memos too'
@@ -23,3 +24,10 @@ complete -c quillet-capture -n '__fish_seen_subcommand_from setup' -l after-tran
 complete -c quillet-capture -n '__fish_seen_subcommand_from setup' -l watch -x -a '(__fish_complete_directories)' -d 'Watch this folder too (repeatable)'
 
 complete -c quillet-capture -n '__fish_seen_subcommand_from import-existing' -l since -x -d 'Only recordings from this day on (YYYY-MM-DD)'
+
+complete -c quillet-capture -n '__fish_seen_subcommand_from audit' -l all -d 'Also list the skipped files'
+complete -c quillet-capture -n '__fish_seen_subcommand_from audit' -l since -x -d 'Only recordings from this day on (YYYY-MM-DD)'
+complete -c quillet-capture -n '__fish_seen_subcommand_from audit' -l verify -d 'Read every audio copy again and compare its SHA-256'
+complete -c quillet-capture -n '__fish_seen_subcommand_from audit' -l json -d 'Print JSON for scripts'
+
+complete -c quillet-capture -n '__fish_seen_subcommand_from retry' -l restore -x -d 'Bring back a note removed from the inbox (its id)'

@@ -493,16 +493,219 @@ using Frontmatter = InboxWriter::Frontmatter;
     throw InboxWriter::Error(code, problem.description);
 }
 
-// A scalar's text, or nothing for a null or a value that is not a scalar.
-std::optional<std::string> scalarOf(const YAML::Node& node)
+// The frontmatter that notes hold almost always: "key: value" lines, at most one level of
+// "  key: value" lines under a key, block lists of "  - item" lines, each value a plain scalar
+// on one line or quoted without escapes. It is read line by line, as YAML reads it, many times
+// faster than a YAML parser; `plainBlock` leaves everything else (comments, flow collections,
+// block scalars, escapes, anchors, tabs, other indents, duplicate keys, bytes that are not
+// UTF-8) to yaml-cpp.
+struct PlainNode {
+    enum class Kind { null, scalar, map, sequence };
+    Kind kind = Kind::null;
+    std::string text;
+    std::vector<std::pair<std::string, PlainNode>> entries;
+    std::vector<PlainNode> items;
+};
+
+// The scalar that `value` (a line's text after "key: " or "- ") is, as YAML reads it; none when
+// reading it needs more than this reader knows.
+std::optional<PlainNode> plainScalar(std::string_view value)
 {
-    if (!node.IsScalar()) {
+    if (value.empty() || value.front() == ' ' || value.back() == ' ') {
         return std::nullopt;
     }
+    const char quote = value.front();
+    if (quote == '"' || quote == '\'') {
+        if (value.size() < 2 || value.back() != quote) {
+            return std::nullopt;
+        }
+        auto inner = value.substr(1, value.size() - 2);
+        if (inner.find(quote) != std::string_view::npos || (quote == '"' && inner.find('\\') != std::string_view::npos)) {
+            return std::nullopt;
+        }
+        return PlainNode{PlainNode::Kind::scalar, std::string(inner), {}, {}};
+    }
+    static constexpr std::string_view indicators = "-?:,[]{}#&*!|>%@`";
+    if (indicators.find(quote) != std::string_view::npos || value.find(": ") != std::string_view::npos ||
+        value.find(" #") != std::string_view::npos || value.back() == ':') {
+        return std::nullopt;
+    }
+    // What YAML reads as a null is no text.
+    if (value == "~" || value == "null" || value == "Null" || value == "NULL") {
+        return std::nullopt;
+    }
+    return PlainNode{PlainNode::Kind::scalar, std::string(value), {}, {}};
+}
+
+bool isPlainKey(std::string_view key)
+{
+    return !key.empty() && std::all_of(key.begin(), key.end(), [](char c) {
+        return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_';
+    });
+}
+
+std::optional<PlainNode> plainBlock(std::string_view block)
+{
+    // YAML 1.1 also breaks lines at NEL, LS and PS; a byte-order mark is not text.
+    if (!Utf8::isValid(block) || block.find("\xC2\x85") != std::string_view::npos ||
+        block.find("\xE2\x80\xA8") != std::string_view::npos || block.find("\xE2\x80\xA9") != std::string_view::npos ||
+        block.find("\xEF\xBB\xBF") != std::string_view::npos) {
+        return std::nullopt;
+    }
+    for (unsigned char c : block) {
+        if ((c < 0x20 && c != '\n') || c == 0x7F) {
+            return std::nullopt;  // tabs, CR, other controls
+        }
+    }
+    PlainNode root{PlainNode::Kind::map, {}, {}, {}};
+    PlainNode* open = nullptr;  // the value of the last top-level key, while its lines may follow
+    std::set<std::string_view> keys;
+    std::set<std::string_view> innerKeys;
+    while (!block.empty()) {
+        auto end = block.find('\n');
+        auto line = block.substr(0, end);
+        block.remove_prefix(end == std::string_view::npos ? block.size() : end + 1);
+        if (line.empty()) {
+            continue;
+        }
+        const bool nested = line.starts_with("  ");
+        if (nested) {
+            line.remove_prefix(2);
+            if (open == nullptr || line.starts_with(' ')) {
+                return std::nullopt;
+            }
+            if (line.starts_with("- ")) {
+                if (open->kind == PlainNode::Kind::null) {
+                    open->kind = PlainNode::Kind::sequence;
+                }
+                auto item = plainScalar(line.substr(2));
+                if (open->kind != PlainNode::Kind::sequence || !item) {
+                    return std::nullopt;
+                }
+                open->items.push_back(std::move(*item));
+                continue;
+            }
+            if (open->kind == PlainNode::Kind::null) {
+                open->kind = PlainNode::Kind::map;
+            }
+            if (open->kind != PlainNode::Kind::map) {
+                return std::nullopt;
+            }
+        } else {
+            open = nullptr;
+            innerKeys.clear();
+        }
+        auto colon = line.find(':');
+        if (colon == std::string_view::npos) {
+            return std::nullopt;
+        }
+        auto key = line.substr(0, colon);
+        auto rest = line.substr(colon + 1);
+        if (!isPlainKey(key) || !(nested ? innerKeys : keys).insert(key).second) {
+            return std::nullopt;
+        }
+        PlainNode value;
+        if (!rest.empty()) {
+            if (!rest.starts_with(' ')) {
+                return std::nullopt;
+            }
+            auto scalar = plainScalar(rest.substr(1));
+            if (!scalar) {
+                return std::nullopt;
+            }
+            value = std::move(*scalar);
+        }
+        auto& map = nested ? open->entries : root.entries;
+        map.emplace_back(std::string(key), std::move(value));
+        if (!nested && rest.empty()) {
+            open = &root.entries.back().second;
+        }
+    }
+    return root;
+}
+
+// The two kinds of node, read through the same few questions.
+bool isScalar(const YAML::Node& node)
+{
+    return node.IsScalar();
+}
+
+bool isScalar(const PlainNode& node)
+{
+    return node.kind == PlainNode::Kind::scalar;
+}
+
+const std::string& textOf(const YAML::Node& node)
+{
     return node.Scalar();
 }
 
-void readInto(std::string& field, const YAML::Node& node)
+const std::string& textOf(const PlainNode& node)
+{
+    return node.text;
+}
+
+template <typename Visit>
+void forEachEntry(const YAML::Node& node, const Visit& visit)
+{
+    if (!node.IsMap()) {
+        return;
+    }
+    for (const auto& entry : node) {
+        if (entry.first.IsScalar()) {
+            visit(entry.first.Scalar(), entry.second);
+        }
+    }
+}
+
+template <typename Visit>
+void forEachEntry(const PlainNode& node, const Visit& visit)
+{
+    for (const auto& [key, value] : node.entries) {
+        visit(key, value);
+    }
+}
+
+template <typename Visit>
+void forEachItem(const YAML::Node& node, const Visit& visit)
+{
+    if (node.IsSequence()) {
+        for (const auto& item : node) {
+            visit(item);
+        }
+    }
+}
+
+template <typename Visit>
+void forEachItem(const PlainNode& node, const Visit& visit)
+{
+    for (const auto& item : node.items) {
+        visit(item);
+    }
+}
+
+bool isSequence(const YAML::Node& node)
+{
+    return node.IsSequence();
+}
+
+bool isSequence(const PlainNode& node)
+{
+    return node.kind == PlainNode::Kind::sequence;
+}
+
+// A scalar's text, or nothing for a null or a value that is not a scalar.
+template <typename Node>
+std::optional<std::string> scalarOf(const Node& node)
+{
+    if (!isScalar(node)) {
+        return std::nullopt;
+    }
+    return textOf(node);
+}
+
+template <typename Node>
+void readInto(std::string& field, const Node& node)
 {
     if (auto value = scalarOf(node)) {
         field = *value;
@@ -510,7 +713,8 @@ void readInto(std::string& field, const YAML::Node& node)
 }
 
 // What people may write as tags: a list, or one text with commas between the tags.
-std::vector<std::string> tagsOf(const YAML::Node& node)
+template <typename Node>
+std::vector<std::string> tagsOf(const Node& node)
 {
     std::vector<std::string> tags;
     auto add = [&](std::string_view text) {
@@ -518,14 +722,14 @@ std::vector<std::string> tagsOf(const YAML::Node& node)
             tags.emplace_back(tag);
         }
     };
-    if (node.IsSequence()) {
-        for (const auto& item : node) {
-            if (item.IsScalar()) {
-                add(item.Scalar());
+    if (isSequence(node)) {
+        forEachItem(node, [&](const auto& item) {
+            if (isScalar(item)) {
+                add(textOf(item));
             }
-        }
-    } else if (node.IsScalar()) {
-        std::string_view text = node.Scalar();
+        });
+    } else if (isScalar(node)) {
+        std::string_view text = textOf(node);
         for (;;) {
             size_t comma = text.find(',');
             add(text.substr(0, comma));
@@ -540,14 +744,10 @@ std::vector<std::string> tagsOf(const YAML::Node& node)
 
 // Each map is walked once: a look-up by key in yaml-cpp walks the whole map and converts
 // every key, which made reading a note many times slower than reading its file.
-void readSource(Frontmatter& fm, const YAML::Node& source)
+template <typename Node>
+void readSource(Frontmatter& fm, const Node& source)
 {
-    for (const auto& entry : source) {
-        if (!entry.first.IsScalar()) {
-            continue;
-        }
-        const std::string& key = entry.first.Scalar();
-        const YAML::Node& value = entry.second;
+    forEachEntry(source, [&](const std::string& key, const Node& value) {
         if (key == "type") {
             readInto(fm.sourceType, value);
         } else if (key == "origin") {
@@ -577,22 +777,25 @@ void readSource(Frontmatter& fm, const YAML::Node& source)
         } else if (key == "voice_memos_folder") {
             fm.voiceMemosFolder = scalarOf(value);
         }
-    }
+    });
 }
 
-Frontmatter frontmatterOf(const YAML::Node& root, InboxWriter::TimePoint now)
+bool isMap(const YAML::Node& node)
+{
+    return node.IsMap();
+}
+
+bool isMap(const PlainNode& node)
+{
+    return node.kind == PlainNode::Kind::map;
+}
+
+template <typename Node>
+Frontmatter frontmatterOf(const Node& root, InboxWriter::TimePoint now)
 {
     Frontmatter fm;
     fm.created = now;
-    if (!root.IsMap()) {
-        return fm;
-    }
-    for (const auto& entry : root) {
-        if (!entry.first.IsScalar()) {
-            continue;
-        }
-        const std::string& key = entry.first.Scalar();
-        const YAML::Node& value = entry.second;
+    forEachEntry(root, [&](const std::string& key, const Node& value) {
         if (key == "id") {
             readInto(fm.id, value);
         } else if (key == "created") {
@@ -606,7 +809,7 @@ Frontmatter frontmatterOf(const YAML::Node& root, InboxWriter::TimePoint now)
         } else if (key == "confidence") {
             readInto(fm.confidence, value);
         } else if (key == "source") {
-            if (value.IsMap()) {
+            if (isMap(value)) {
                 readSource(fm, value);
             }
         } else if (key == "target_skill") {
@@ -627,7 +830,7 @@ Frontmatter frontmatterOf(const YAML::Node& root, InboxWriter::TimePoint now)
         } else if (key == "archived_to") {
             fm.archivedTo = scalarOf(value);
         }
-    }
+    });
     return fm;
 }
 
@@ -927,6 +1130,18 @@ InboxWriter::Frontmatter InboxWriter::readFrontmatter(const fs::path& note)
 }
 
 InboxWriter::Frontmatter InboxWriter::frontmatterFromText(std::string_view text, TimePoint now)
+{
+    auto block = extractFrontmatter(text);
+    if (!block) {
+        throw Error(Error::noFrontmatterCode, "no frontmatter block");
+    }
+    if (auto plain = plainBlock(*block)) {
+        return frontmatterOf(*plain, now);
+    }
+    return frontmatterOf(parseBlock(*block), now);
+}
+
+InboxWriter::Frontmatter InboxWriter::frontmatterFromYaml(std::string_view text, TimePoint now)
 {
     auto block = extractFrontmatter(text);
     if (!block) {

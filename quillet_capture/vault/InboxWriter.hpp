@@ -172,8 +172,13 @@ public:
     /// map of keys.
     static Frontmatter readFrontmatter(const std::filesystem::path& note);
 
-    /// The same from the note's text, with `now` as the default of `created`.
+    /// The same from the note's text, with `now` as the default of `created`. A frontmatter of
+    /// plain "key: value" lines, one level of nested keys and block lists (what the program
+    /// writes, and most editors keep) is read line by line; any other goes through yaml-cpp.
     static Frontmatter frontmatterFromText(std::string_view text, TimePoint now);
+    /// The same through yaml-cpp alone, whatever the frontmatter holds: what the line reader
+    /// must always agree with (for tests and for the edits' read-back).
+    static Frontmatter frontmatterFromYaml(std::string_view text, TimePoint now);
 
     /// The text between the opening "---" line at the very start of `text` and the next "---"
     /// line; absent when either is missing.

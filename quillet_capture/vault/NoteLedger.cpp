@@ -43,7 +43,7 @@ std::string textOf(const json& line, const char* key)
 } // namespace
 
 NoteLedger::NoteLedger(fs::path vaultRoot)
-    : vaultRoot_(std::move(vaultRoot)), file_(vaultRoot_ / "_inbox" / ".audio" / "ledger.jsonl")
+    : vaultRoot_(std::move(vaultRoot)), file_(vaultRoot_ / "_inbox" / ".audio" / ".ledger.jsonl")
 {
 }
 

@@ -12,7 +12,7 @@
 namespace quillet {
 
 /// The vault's own record of the notes and audio copies the program made in its inbox, kept in
-/// "_inbox/.audio/ledger.jsonl" beside the copies: one JSON object per line, appended and
+/// "_inbox/.audio/.ledger.jsonl" beside the copies: one JSON object per line, appended and
 /// flushed to disk, never rewritten. It travels with the vault, so it outlives the agent's
 /// state files, and it is what tells a note the person removed (made here, gone now) from a
 /// note that was never made.
@@ -50,7 +50,7 @@ public:
     /// The ledger of the vault at `vaultRoot`.
     explicit NoteLedger(std::filesystem::path vaultRoot);
 
-    /// vaultRoot + "_inbox/.audio/ledger.jsonl".
+    /// vaultRoot + "_inbox/.audio/.ledger.jsonl".
     const std::filesystem::path& file() const { return file_; }
 
     /// Records that the note of `id` was written anew (created: the note's date), with the

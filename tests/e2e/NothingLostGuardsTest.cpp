@@ -38,7 +38,9 @@ std::multiset<std::string> copies(const CaptureAgentHarness& agent)
 {
     std::multiset<std::string> contents;
     for (const auto& entry : fs::directory_iterator(agent.inbox() / ".audio")) {
-        contents.insert(test::readFile(entry.path()));
+        if (entry.path().extension() == ".m4a") {
+            contents.insert(test::readFile(entry.path()));
+        }
     }
     return contents;
 }

@@ -9,8 +9,10 @@
 #include "quillet_capture/pipeline/CaptureStatus.hpp"
 #include "quillet_capture/pipeline/CaptureVaults.hpp"
 #include "quillet_capture/platform/FileTimes.hpp"
+#include "quillet_capture/platform/Sha256.hpp"
 #include "quillet_capture/runtime/Tasks.hpp"
 #include "quillet_capture/util/Iso8601.hpp"
+#include "quillet_capture/vault/NoteLedger.hpp"
 
 #include <asio/co_spawn.hpp>
 #include <asio/use_future.hpp>
@@ -714,6 +716,54 @@ TEST_F(PipelineWithUploads, VaultThatCannotBeWrittenEndsTheCaptureWithALogLine)
     EXPECT_EQ(InboxWriter::readFrontmatter(vault / "_inbox.moved/240131-142531.md").vdJobStatus, "queued");
     EXPECT_TRUE(transcribed().empty());
     EXPECT_FALSE(pipeline->isClaimed("240131-142531"));
+}
+
+// The vault's ledger records each note and copy the pipeline makes (with the copy's digest);
+// a note the person removed is never made again: not for the same file offered again, not for
+// the file grown, not for a transcript that arrives after the note went.
+TEST_F(PipelineWithUploads, ANoteThePersonRemovedIsNeverMadeAgain)
+{
+    serveEverything();
+    auto capture = recording("20240131 142530.m4a", "240131-142530");
+    handle(capture);
+    NoteLedger ledger(vault);
+    auto record = ledger.read().at("240131-142530");
+    EXPECT_TRUE(record.made.has_value());
+    EXPECT_EQ(record.source.folderId, "voice-memos");
+    EXPECT_EQ(record.source.name, "20240131 142530.m4a");
+    EXPECT_EQ(record.sha256, Sha256::ofFile(capture.sourceURL)) << "the digest is the copied bytes'";
+    EXPECT_EQ(record.externalIds, (std::set<std::string>{"ck_240131-142530"}));
+    const auto requests = fake.requests().size();
+
+    fs::remove(note("240131-142530"));
+    handle(capture);
+    test::writeFile(capture.sourceURL, "audio of 20240131 142530.m4a, and more");
+    auto grown = capture;
+    grown.grown = true;
+    handle(grown);
+    EXPECT_FALSE(fs::exists(note("240131-142530")));
+    EXPECT_EQ(test::readFile(inbox().audioURL("240131-142530")), "audio of 20240131 142530.m4a")
+        << "the copy of a removed note is not replaced";
+    EXPECT_EQ(fake.requests().size(), requests) << "nothing is sent for it";
+    EXPECT_EQ(test::countLogLines("the note of 240131-142530 was removed from the inbox; its recording "
+                                  "20240131 142530.m4a is left alone"),
+              2);
+
+    // Removed while its upload is under way: the transcript is not written into a new note.
+    auto held = std::make_shared<FakeVeldane::Hold>();
+    auto upload = Answer::json(R"({"status":"queued","cache_key":"ck_2"})");
+    upload.hold = held;
+    fake.enqueue("POST", "sources", upload);
+    auto second = recording("20240131 150000.m4a", "240131-150000");
+    auto running = launch(pipeline->handle(second));
+    ASSERT_TRUE(fake.waitForRequests(requests + 1));
+    fs::remove(note("240131-150000"));
+    held->release();
+    finish(running);
+    EXPECT_FALSE(fs::exists(note("240131-150000")));
+    EXPECT_EQ(test::countLogLines("the note of 240131-150000 was removed from the inbox; its transcript is not "
+                                  "written"),
+              1);
 }
 
 TEST(PipelineStatics, RecordingMetadataAndOrigins)

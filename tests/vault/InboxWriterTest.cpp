@@ -199,6 +199,72 @@ TEST(InboxWriterRead, EveryRenderedFieldComesBack)
     EXPECT_EQ(back, fm);
 }
 
+// Most notes are read line by line, not by the YAML parser: whatever a note holds, that reader
+// must read what yaml-cpp reads, or leave the note to it.
+TEST(InboxWriterRead, TheLineReaderReadsWhatYamlReads)
+{
+    const auto now = at("2026-01-01T00:00:00Z");
+    auto same = [&](const std::string& block) {
+        const std::string text = "---\n" + block + "---\nbody\n";
+        std::optional<Frontmatter> fast, full;
+        std::string fastError, fullError;
+        try {
+            fast = InboxWriter::frontmatterFromText(text, now);
+        } catch (const std::exception& error) {
+            fastError = error.what();
+        }
+        try {
+            full = InboxWriter::frontmatterFromYaml(text, now);
+        } catch (const std::exception& error) {
+            fullError = error.what();
+        }
+        EXPECT_EQ(fast.has_value(), full.has_value()) << block << fastError << fullError;
+        if (fast && full) {
+            EXPECT_TRUE(*fast == *full) << block << "\nline reader: title " << fast->title.value_or("(none)")
+                                        << ", status " << fast->vdJobStatus.value_or("(none)") << "\nyaml-cpp: title "
+                                        << full->title.value_or("(none)") << ", status "
+                                        << full->vdJobStatus.value_or("(none)");
+        }
+    };
+    // Written by hand or by other tools: values at the edges of what a plain line may be.
+    const std::vector<std::string> values = {
+        "plain words", "C#", "12:30", "a:b", "it's", "say \"hi\"", "a  b", "x #y", "x#y", "trailing ",
+        " leading", "~", "null", "Null", "NULL", "true", "no", "0x1F", "1e3", "-1", "+1", "012", ".5",
+        "2024-01-31T14:25:30Z", "2024-01-31", "\"quoted\"", "'single'", "'it''s'", "\"esc\\\"aped\"",
+        "\"a\\nb\"", "[a, b]", "{a: b}", "&anchor x", "*alias", "!tag x", "|", ">", "? x", "- x",
+        "%x", "@x", "`x`", "a: b", "ends:", "\"unclosed", "'unclosed", "\"\"", "''", "é ü 日本",
+        "\xC2\x85", "a\xE2\x80\xA8" "b", "\xEF\xBB\xBFx", "tab\there", "ctl\x01", "del\x7F", "\xFF\xFE",
+        "...", "---x", "a,b,c"};
+    for (const auto& value : values) {
+        same("id: x\ntitle: " + value + "\n");
+        same("id: x\nsource:\n  vd_job_status: " + value + "\n  external_id: k\n");
+        same("id: x\ntags:\n  - " + value + "\n  - other\n");
+        same("id: x\ncreated: " + value + "\n");
+        same("id: x\nsource:\n  audio_duration_sec: " + value + "\n");
+    }
+    // Shapes: nesting, lists, nulls, duplicates, indents, comments, continuations.
+    for (const char* block : {
+             "", "id: x\n", "id:\n", "id: x\ntitle:\nstatus: done\n", "source:\n", "source:\n  type:\n",
+             "source:\n  type: a\n  type: b\n", "id: a\nid: b\n", "tags:\n- a\n- b\n", "tags:\n  - a\n  b: c\n",
+             "source:\n  a: b\n  - c\n", "source:\n   type: x\n", "source:\n  sub:\n    type: x\n", " id: x\n",
+             "id: x\n  more\n", "title: a\n  continued\n", "# comment\nid: x\n", "id: x # c\n", "id:x\n",
+             "id : x\n", "\"id\": x\n", "id: x\n\nstatus: done\n", "id: x\n   \nstatus: y\n", "id: x\r\n",
+             "source:\n  type: a\ntitle: t\nsource:\n  type: b\n", "tags: a, b\n", "tags: [a, b]\n", "- a\n",
+             "id: x\n...\n", "tags:\n  -\n", "tags:\n  -  a\n", "source: {type: a}\n", "source:\n\n  type: a\n"}) {
+        same(block);
+    }
+    // What the program writes, with hostile values in every text field.
+    for (const auto& value : values) {
+        auto frontmatter = Frontmatter::forCapture("240131-142530", at("2024-01-31T14:25:30Z"));
+        frontmatter.title = value;
+        frontmatter.vdJobStatus = value;
+        frontmatter.externalId = value;
+        frontmatter.voiceMemosFolder = value;
+        frontmatter.tags = {value, "plain"};
+        same(*InboxWriter::extractFrontmatter(InboxWriter::renderMarkdown(frontmatter, "")));
+    }
+}
+
 TEST(InboxWriterRead, DefaultsForMissingKeys)
 {
     auto now = at("2025-05-05T05:05:05Z");

@@ -42,7 +42,7 @@ TEST(NoteLedger, FoldsItsLinesIntoOneRecordPerNote)
     EXPECT_EQ(a.size, 20u);
     EXPECT_EQ(a.externalIds, (std::set<std::string>{"key-1", "key-2"}));
     EXPECT_EQ(records.at("b").externalIds, (std::set<std::string>{"key-b"}));
-    EXPECT_EQ(fs::path(ledger.file()), dir.path() / "_inbox/.audio/ledger.jsonl");
+    EXPECT_EQ(fs::path(ledger.file()), dir.path() / "_inbox/.audio/.ledger.jsonl");
 }
 
 TEST(NoteLedger, ANoteMadeThenGoneIsRemovedUntilAskedBack)
