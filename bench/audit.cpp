@@ -86,7 +86,9 @@ int main(int argc, char** argv)
         ours.push_back(timed(audit, {0, 1}));
         theirs.push_back(timed(status, {0}));
     }
-    fs::remove_all(home);
+    if (!std::getenv("QUILLET_BENCH_KEEP")) {
+        fs::remove_all(home);
+    }
 
     double a = bench::median(ours), s = bench::median(theirs), ratio = a / s;
     std::printf("audit of %d recordings: %.1f ms (budget at most 1000 ms) %s\n", kRecordings, a,

@@ -537,6 +537,38 @@ std::optional<PlainNode> plainScalar(std::string_view value)
     return PlainNode{PlainNode::Kind::scalar, std::string(value), {}, {}};
 }
 
+// A one-line flow list of plain items, "[a, b c]", as the program writes tags.
+std::optional<PlainNode> plainFlowList(std::string_view value)
+{
+    if (value.size() < 2 || value.front() != '[' || value.back() != ']') {
+        return std::nullopt;
+    }
+    PlainNode list{PlainNode::Kind::sequence, {}, {}, {}};
+    auto inner = value.substr(1, value.size() - 2);
+    if (inner.find_first_not_of(' ') == std::string_view::npos) {
+        return list;
+    }
+    for (;;) {
+        auto comma = inner.find(',');
+        auto item = inner.substr(0, comma);
+        while (!item.empty() && item.front() == ' ') {
+            item.remove_prefix(1);
+        }
+        while (!item.empty() && item.back() == ' ') {
+            item.remove_suffix(1);
+        }
+        auto scalar = plainScalar(item);
+        if (item.find_first_of("[]{}\"'") != std::string_view::npos || !scalar) {
+            return std::nullopt;
+        }
+        list.items.push_back(std::move(*scalar));
+        if (comma == std::string_view::npos) {
+            return list;
+        }
+        inner.remove_prefix(comma + 1);
+    }
+}
+
 bool isPlainKey(std::string_view key)
 {
     return !key.empty() && std::all_of(key.begin(), key.end(), [](char c) {
@@ -609,7 +641,7 @@ std::optional<PlainNode> plainBlock(std::string_view block)
             if (!rest.starts_with(' ')) {
                 return std::nullopt;
             }
-            auto scalar = plainScalar(rest.substr(1));
+            auto scalar = rest.starts_with(" [") ? plainFlowList(rest.substr(1)) : plainScalar(rest.substr(1));
             if (!scalar) {
                 return std::nullopt;
             }

@@ -240,6 +240,8 @@ TEST(InboxWriterRead, TheLineReaderReadsWhatYamlReads)
         same("id: x\nsource:\n  vd_job_status: " + value + "\n  external_id: k\n");
         same("id: x\ntags:\n  - " + value + "\n  - other\n");
         same("id: x\ncreated: " + value + "\n");
+        same("id: x\ntags: [" + value + "]\n");
+        same("id: x\ntags: [a, " + value + ", b]\n");
         same("id: x\nsource:\n  audio_duration_sec: " + value + "\n");
     }
     // Shapes: nesting, lists, nulls, duplicates, indents, comments, continuations.
@@ -250,7 +252,9 @@ TEST(InboxWriterRead, TheLineReaderReadsWhatYamlReads)
              "id: x\n  more\n", "title: a\n  continued\n", "# comment\nid: x\n", "id: x # c\n", "id:x\n",
              "id : x\n", "\"id\": x\n", "id: x\n\nstatus: done\n", "id: x\n   \nstatus: y\n", "id: x\r\n",
              "source:\n  type: a\ntitle: t\nsource:\n  type: b\n", "tags: a, b\n", "tags: [a, b]\n", "- a\n",
-             "id: x\n...\n", "tags:\n  -\n", "tags:\n  -  a\n", "source: {type: a}\n", "source:\n\n  type: a\n"}) {
+             "id: x\n...\n", "tags: []\n", "tags: [ ]\n", "tags: [a,b]\n", "tags: [a, ]\n", "tags: [, a]\n",
+             "tags: [a b, c]\n", "tags: [a] x\n", "tags: [[a]]\n", "tags: [a, [b]]\n", "tags: [a,, b]\n",
+             "source:\n  type: [a, b]\n", "tags:\n  -\n", "tags:\n  -  a\n", "source: {type: a}\n", "source:\n\n  type: a\n"}) {
         same(block);
     }
     // What the program writes, with hostile values in every text field.
