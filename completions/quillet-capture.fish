@@ -23,3 +23,5 @@ complete -c quillet-capture -n '__fish_seen_subcommand_from setup' -l after-tran
 complete -c quillet-capture -n '__fish_seen_subcommand_from setup' -l watch -x -a '(__fish_complete_directories)' -d 'Watch this folder too (repeatable)'
 
 complete -c quillet-capture -n '__fish_seen_subcommand_from import-existing' -l since -x -d 'Only recordings from this day on (YYYY-MM-DD)'
+
+complete -c quillet-capture -n '__fish_seen_subcommand_from status' -l json -d 'Print the same facts as one JSON object'

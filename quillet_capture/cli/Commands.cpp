@@ -15,7 +15,7 @@ const std::vector<Command>& commandTable()
         {{"pair"}, [] { cmdPair(); }},
         {{"install"}, cmdInstall},
         {{"uninstall"}, cmdUninstall},
-        {{"status"}, cmdStatus},
+        {{"status"}, [] { cmdStatus(args); }},
         {{"run"}, [] { cmdRun(); }},
         {{"version", "--version", "-v"}, [] { out(toolVersion); }},
     };

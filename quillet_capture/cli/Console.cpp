@@ -48,7 +48,7 @@ Usage:
   quillet-capture retry           Upload captures that were skipped or failed
   quillet-capture sync            Bring transcripts from your Veldane account into the folder
   quillet-capture uninstall       Remove the LaunchAgent
-  quillet-capture status          Show configuration, access and recent log lines
+  quillet-capture status [--json] Show configuration, access and recent log lines
   quillet-capture run             Run capture in the foreground (what the LaunchAgent runs)
   quillet-capture version
 

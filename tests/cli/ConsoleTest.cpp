@@ -35,7 +35,7 @@ TEST(Usage, TextIsExact)
         "  quillet-capture retry           Upload captures that were skipped or failed\n"
         "  quillet-capture sync            Bring transcripts from your Veldane account into the folder\n"
         "  quillet-capture uninstall       Remove the LaunchAgent\n"
-        "  quillet-capture status          Show configuration, access and recent log lines\n"
+        "  quillet-capture status [--json] Show configuration, access and recent log lines\n"
         "  quillet-capture run             Run capture in the foreground (what the LaunchAgent runs)\n"
         "  quillet-capture version\n"
         "\n"

@@ -109,7 +109,8 @@ Words usageOptions(const std::string& command)
 std::map<std::string, Words> commandOptions()
 {
     return {{"setup", united(usageOptions("setup"), optionsReadIn("SetupCommand.cpp"))},
-            {"import-existing", usageOptions("import-existing")}};
+            {"import-existing", usageOptions("import-existing")},
+            {"status", usageOptions("status")}};
 }
 
 Words allOptions()
@@ -127,6 +128,8 @@ TEST(Reference, TheUsageTextShowsOnlyOptionsThatTheCommandsRead)
     ASSERT_FALSE(usageOptions("import-existing").empty()) << usageText();
     EXPECT_EQ(without(usageOptions("setup"), optionsReadIn("SetupCommand.cpp")), Words{});
     EXPECT_EQ(without(usageOptions("import-existing"), optionsReadIn("BatchCommands.cpp")), Words{});
+    ASSERT_FALSE(usageOptions("status").empty()) << usageText();
+    EXPECT_EQ(without(usageOptions("status"), optionsReadIn("StatusCommand.cpp")), Words{});
     // Every option that some command reads has its command here, so the checks below see it.
     Words read;
     for (const auto& entry : fs::directory_iterator(fs::path(QUILLET_SOURCE_DIR) / "quillet_capture/cli")) {
@@ -296,7 +299,8 @@ TEST(Reference, BashCompletesCommandsAndTheirOptions)
               without(options["setup"], {"--vault", "--no-upload"}));
     EXPECT_EQ(bashOffers({"import-existing", ""}), options["import-existing"]);
     EXPECT_EQ(bashOffers({"import-existing", "--since", ""}), Words{});
-    EXPECT_EQ(bashOffers({"status", ""}), Words{});
+    EXPECT_EQ(bashOffers({"status", ""}), options["status"]);
+    EXPECT_EQ(bashOffers({"status", "--json", ""}), Words{});
 
     // The value of --vault and --watch is a folder.
     test::ScratchDir dir;
