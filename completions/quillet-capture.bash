@@ -51,6 +51,9 @@ _quillet_capture()
             COMPREPLY=($(compgen -W "--restore" -- "$cur"))
         fi
         ;;
+    status)
+        [[ " ${COMP_WORDS[*]:2:COMP_CWORD-2} " == *" --json "* ]] || COMPREPLY=($(compgen -W "--json" -- "$cur"))
+        ;;
     import-existing)
         # --since takes a day, YYYY-MM-DD.
         if [[ $prev != --since && " ${COMP_WORDS[*]:2:COMP_CWORD-2} " != *" --since "* ]]; then

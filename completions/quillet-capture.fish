@@ -31,3 +31,5 @@ complete -c quillet-capture -n '__fish_seen_subcommand_from audit' -l verify -d 
 complete -c quillet-capture -n '__fish_seen_subcommand_from audit' -l json -d 'Print JSON for scripts'
 
 complete -c quillet-capture -n '__fish_seen_subcommand_from retry' -l restore -x -d 'Bring back a note removed from the inbox (its id)'
+
+complete -c quillet-capture -n '__fish_seen_subcommand_from status' -l json -d 'Print the same facts as one JSON object'

@@ -15,7 +15,7 @@ const std::vector<Command>& commandTable()
         {{"pair"}, [] { cmdPair(); }},
         {{"install"}, cmdInstall},
         {{"uninstall"}, cmdUninstall},
-        {{"status"}, cmdStatus},
+        {{"status"}, [] { cmdStatus(args); }},
         {{"audit"}, [] { cmdAudit(args); }},
         {{"run"}, [] { cmdRun(); }},
         {{"version", "--version", "-v"}, [] { out(toolVersion); }},

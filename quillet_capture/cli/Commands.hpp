@@ -45,8 +45,10 @@ void cmdSetup(const std::vector<std::string>& arguments);
 
 /// `status`: prints the program and configuration in use, the watched folders, upload,
 /// pairing, Voice Memos and agent state, the inbox count, the folder access that the agent
-/// last logged and the tail of the log. Reads only; nothing in it fails. Main thread.
-void cmdStatus();
+/// last logged and the tail of the log; with "--json" among `arguments` (the whole command
+/// line, command word included) the same facts as one JSON object. Other arguments are
+/// ignored. Reads only; nothing in it fails. Main thread.
+void cmdStatus(const std::vector<std::string>& arguments);
 
 /// The inbox line of `status` for the inbox of the settings: "<n> transcribed, <n> in
 /// progress, <n> other", then " -- <n> can be sent with: quillet-capture retry" when captures

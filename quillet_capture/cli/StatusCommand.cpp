@@ -17,10 +17,11 @@
 #include "quillet_capture/platform/Paths.hpp"
 #include "quillet_capture/platform/Process.hpp"
 #include "quillet_capture/platform/UserDefaults.hpp"
-#include "quillet_capture/util/Iso8601.hpp"
 #include "quillet_capture/util/Utf8.hpp"
 #include "quillet_capture/vault/InboxWriter.hpp"
 #include "quillet_capture/util/AtomicFile.hpp"
+
+#include <cstdio>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -38,11 +39,6 @@ namespace {
 
 // What a note without a job status counts as.
 const std::string kSkipped = "skipped";
-
-std::string onOff(bool on)
-{
-    return on ? "on" : "off";
-}
 
 // Collects the lines of the log as they are read.
 class LogScan {
@@ -131,25 +127,22 @@ StatusLog readStatusLog(const fs::path& file, std::size_t tailLines)
     return scan.finish();
 }
 
-std::string inboxSummary(const fs::path& inbox,
-                         const std::function<bool(const fs::path& note, const InboxWriter::Frontmatter&)>& canBeSent)
+StatusReport::Inbox countInbox(const fs::path& inbox, const CanBeSent& canBeSent)
 {
+    StatusReport::Inbox counts;
     std::error_code error;
     fs::directory_iterator it(inbox, error);
     if (error) {
         // On Linux a folder that is there but cannot be listed is said to be so.
         std::error_code missing;
         if (Paths::current() != Platform::macOS && fs::exists(inbox, missing)) {
-            return "cannot read _inbox (" + error.message() + ")";
+            counts.state = StatusReport::Inbox::State::unreadable;
+            counts.error = error.message();
         }
-        return "no _inbox yet";
+        return counts;
     }
+    counts.state = StatusReport::Inbox::State::listed;
     const auto& resumable = CapturePipeline::resumableStates();
-    int transcribed = 0;
-    int inProgress = 0;
-    int other = 0;
-    int pending = 0;
-    int needPairing = 0;
     for (; !error && it != fs::directory_iterator(); it.increment(error)) {
         const fs::path& entry = it->path();
         if (entry.extension() != ".md") {
@@ -162,134 +155,159 @@ std::string inboxSummary(const fs::path& inbox,
             continue; // no readable frontmatter: not a capture note
         }
         // Counted as retry counts them, hidden names included.
-        pending += canBeSent(entry, frontmatter) ? 1 : 0;
+        counts.canBeSent += canBeSent(entry, frontmatter) ? 1 : 0;
         if (entry.filename().string().starts_with(".")) {
             continue;
         }
         const std::string& status = frontmatter.vdJobStatus ? *frontmatter.vdJobStatus : kSkipped;
-        needPairing += status == CapturePipeline::needsPairingStatus ? 1 : 0;
+        counts.waitingForPairing += status == CapturePipeline::needsPairingStatus ? 1 : 0;
         if (status == "done") {
-            ++transcribed;
+            ++counts.transcribed;
         } else if (resumable.contains(status)) {
-            ++inProgress;
+            ++counts.inProgress;
         } else {
-            ++other;
+            ++counts.other;
         }
     }
-    std::string summary = std::to_string(transcribed) + " transcribed, " + std::to_string(inProgress) +
-                          " in progress, " + std::to_string(other) + " other";
-    if (pending >= 1) {
-        summary += " -- " + std::to_string(pending) + " can be sent with: quillet-capture retry";
-    }
-    if (needPairing >= 1) {
-        summary += " -- " + std::to_string(needPairing) +
-                   " wait because Veldane refused this device's token: run quillet-capture pair";
-    }
-    return summary;
+    return counts;
 }
 
-/// The Voice Memos library as the agent sees it: readable or why not, and what waits.
-static std::string libraryLine(const WatchedFolder& folder)
+std::string inboxSummary(const fs::path& inbox, const CanBeSent& canBeSent)
+{
+    return countInbox(inbox, canBeSent).text();
+}
+
+namespace {
+
+std::string healthWord(VoiceMemosLibrary::Health health)
+{
+    switch (health) {
+    case VoiceMemosLibrary::Health::absent:
+        return "absent";
+    case VoiceMemosLibrary::Health::unreadable:
+        return "unreadable";
+    case VoiceMemosLibrary::Health::locked:
+        return "locked";
+    case VoiceMemosLibrary::Health::corrupt:
+        return "corrupt";
+    case VoiceMemosLibrary::Health::unknownSchema:
+        return "unknownSchema";
+    case VoiceMemosLibrary::Health::readable:
+        break;
+    }
+    return "readable";
+}
+
+// The Voice Memos library as the agent sees it: readable or why not, and what waits.
+StatusReport::Library gatherLibrary(const WatchedFolder& folder, const CaptureIdentities& identities)
 {
     VoiceMemosLibrary library(folder.url(), VoiceMemosLibrary::defaultCopies());
     library.refresh();
-    auto line = library.summary();
+    StatusReport::Library facts;
+    facts.state = healthWord(library.health());
+    facts.summary = library.summary();
     if (library.health() != VoiceMemosLibrary::Health::readable) {
-        return line;
+        return facts;
     }
     auto listed = CaptureAccess::list(folder.url(), CaptureAccess::voiceMemosExtensions, true);
     std::set<std::string, std::less<>> present(listed.names.begin(), listed.names.end());
-    auto known = CaptureIdentities::shared().all();
+    auto known = identities.all();
     auto waiting = library.waitingForDownload(
         present, [&](const std::string& id) { return known.contains(id); },
         FirstWatched::find(folder.id));
-    line += ", " + std::to_string(waiting.size()) + " waiting for download";
+    facts.recordings = static_cast<int>(library.recordings().size());
+    facts.waitingForDownload = static_cast<int>(waiting.size());
     if (!waiting.empty() && waiting.front()->date) {
-        line += " (oldest recorded " + Iso8601::format(*waiting.front()->date).substr(0, 10) + ")";
+        facts.oldestWaiting = *waiting.front()->date;
     }
-    auto deleted = std::count_if(library.recordings().begin(), library.recordings().end(),
-                                 [](const LibraryRecording& row) { return row.deleted; });
-    return line + ", " + std::to_string(deleted) + " in Recently Deleted";
+    facts.recentlyDeleted = static_cast<int>(std::count_if(library.recordings().begin(), library.recordings().end(),
+                                                           [](const LibraryRecording& row) { return row.deleted; }));
+    return facts;
 }
 
-std::string inboxSummary()
+// The inbox of `settings`, counted with the notes that `retry` would send.
+StatusReport::Inbox countInboxOf(const Settings& settings)
 {
-    auto inbox = Settings::shared().inboxURL();
+    auto inbox = settings.inboxURL();
     // The watermark that CaptureRetry uses, without fixing it when none is stored yet: a
     // watermark of now selects the same captures, and `status` changes nothing.
     auto watermark = UserDefaults::date(CaptureRetry::watermarkKey).value_or(std::chrono::system_clock::now());
-    return inboxSummary(inbox, [&inbox, watermark](const fs::path& note, const InboxWriter::Frontmatter& frontmatter) {
+    return countInbox(inbox, [&inbox, watermark](const fs::path& note, const InboxWriter::Frontmatter& frontmatter) {
         return CaptureRetry::selects(inbox, note, frontmatter, CaptureRetry::isRetryable, watermark);
     });
 }
 
-void cmdStatus()
-{
-    auto& settings = Settings::shared();
-    std::error_code ignored;
+} // namespace
 
-    out("quillet-capture " + toolVersion);
-    out("  program:     " + executablePath());
-    out("  config:      " + fs::absolute(Settings::fileURL(), ignored).string() +
-        (settings.isFirstRun() ? "  (missing -- run setup)" : ""));
-    out("  vault:       " + settings.vaultPath());
+std::string inboxSummary()
+{
+    return countInboxOf(Settings::shared()).text();
+}
+
+StatusReport gatherStatus(const StatusSources& sources)
+{
+    const Settings& settings = sources.settings;
+    std::error_code ignored;
+    StatusReport report;
+    report.version = toolVersion;
+    report.program = executablePath();
+    report.settingsFile = fs::absolute(Settings::fileURL(), ignored).string();
+    report.settingsMissing = settings.isFirstRun();
+    report.vault = settings.vaultPath();
+    report.inboxPath = settings.inboxURL().string();
     for (const auto& folder : settings.watchedFolders()) {
-        out("  folder:      " + folder.displayName + " " + onOff(folder.enabled) + " -- " + folder.url().string());
+        StatusReport::Folder facts;
+        facts.id = folder.id;
+        facts.name = folder.displayName;
+        facts.path = folder.url().string();
+        facts.enabled = folder.enabled;
+        facts.voiceMemos = folder.isVoiceMemos();
         if (folder.enabled && folder.isVoiceMemos()) {
-            out("  library:     " + libraryLine(folder));
+            facts.library = gatherLibrary(folder, sources.identities);
         }
+        report.folders.push_back(std::move(facts));
     }
-    out("  upload:      " + onOff(settings.captureVeldaneEnabled()));
-    out("  after a transcript: " + settings.afterTranscriptCommand().value_or("off"));
+    report.upload = settings.captureVeldaneEnabled();
+    report.afterTranscript = settings.afterTranscriptCommand();
     // An empty item (written so by another program) is no token, as everywhere else.
     if (auto token = Keychain::deviceToken(); token && !token->empty()) {
-        out("  paired:      yes (" + Utf8::prefix(*token, 12) + "...)");
+        report.pairing = StatusReport::Pairing::paired;
+        report.tokenPrefix = Utf8::prefix(*token, 12);
     } else if (Paths::current() == Platform::macOS) {
-        out("  paired:      no token readable here -- run pair (over SSH the keychain is locked; the agent can "
-            "still read it)");
+        report.pairing = StatusReport::Pairing::noTokenInKeychain;
     } else if (auto file = Keychain::unreadableTokenFile()) {
-        out("  paired:      no token readable here -- run pair (" + file->string() + " cannot be read)");
-    } else {
-        out("  paired:      no token readable here -- run pair");
+        report.pairing = StatusReport::Pairing::tokenFileUnreadable;
+        report.unreadableTokenFile = file->string();
     }
-    out("  keep Voice Memos running: " + onOff(settings.keepVoiceMemosRunning()) +
-        (VoiceMemosKeeper::shared().isVoiceMemosRunning() ? " (running now)" : " (not running now)"));
-    out(std::string("  LaunchAgent: ") +
-        (AgentManager::current().agentLoaded() ? "loaded" : "not loaded -- run install"));
-    out("  inbox:       " + inboxSummary());
-    // Failed captures that the agent tries again by itself, and those that wait for retry.
-    auto recovery = CaptureRecovery::shared().summary();
-    if (recovery.waiting > 0) {
-        out("  tried again: " + plural(recovery.waiting, "capture") + ", next attempt at " +
-            QuilletLog::stamp(*recovery.next));
-    }
-    if (recovery.givenUp > 0) {
-        out("  failed:      " + plural(recovery.givenUp, "capture") + " the service failed " +
-            std::to_string(CaptureRecovery::maxServiceFailures + 1) + " times -- run retry");
-    }
-    if (!recovery.unreadableNotes.empty()) {
-        std::string names;
-        for (const auto& id : recovery.unreadableNotes) {
-            names += (names.empty() ? "" : ", ") + id + ".md";
-        }
-        out("  needs you:   " + plural(static_cast<int>(recovery.unreadableNotes.size()), "note") +
-            " whose frontmatter does not parse (" + names + ") -- fix it; each transcript waits beside its note as "
-            "<id>.transcript.md");
-    }
-    out();
-
-    // Whatever this process logged (the migration from Pellam) belongs in the file before it
-    // is read.
+    report.keepVoiceMemosRunning = settings.keepVoiceMemosRunning();
+    report.voiceMemosRunning = sources.voiceMemosRunning();
+    report.agentLoaded = sources.agent.agentLoaded();
+    report.inbox = countInboxOf(settings);
+    report.recovery = sources.recovery.summary();
+    // Whatever this process logged (the migration from Pellam, a token file made owner-only)
+    // belongs in the file before it is read.
     QuilletLog::drain();
-    fs::path logFile = fs::absolute(QuilletLog::fileURL(), ignored);
-    StatusLog log = readStatusLog(logFile);
-    out("Access as seen by the running capture (from the log; this Terminal has its own permissions):");
-    out(log.accessLine ? "  " + *log.accessLine : "  (no access line yet)");
-    out();
-    out("Last log lines (" + logFile.string() + "):");
-    for (const auto& line : log.tail) {
-        out("  " + line);
+    report.logFile = fs::absolute(QuilletLog::fileURL(), ignored).string();
+    report.log = readStatusLog(report.logFile);
+    return report;
+}
+
+void cmdStatus(const std::vector<std::string>& arguments)
+{
+    StatusReport report = gatherStatus({
+        .settings = Settings::shared(),
+        .recovery = CaptureRecovery::shared(),
+        .agent = AgentManager::current(),
+        .identities = CaptureIdentities::shared(),
+        .voiceMemosRunning = [] { return VoiceMemosKeeper::shared().isVoiceMemosRunning(); },
+    });
+    bool json = arguments.size() > 1 && std::find(arguments.begin() + 1, arguments.end(), "--json") != arguments.end();
+    if (json && !Settings::shared().isFirstRun()) {
+        // Read for scripts only: the text report stays as quick as it was.
+        report.audit = CaptureAudit::count(CaptureAudit::run(CaptureAudit::gather(), {}));
     }
+    std::string text = json ? report.jsonText() : report.text();
+    std::fwrite(text.data(), 1, text.size(), stdout);
 }
 
 } // namespace quillet

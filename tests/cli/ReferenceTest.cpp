@@ -111,7 +111,8 @@ std::map<std::string, Words> commandOptions()
     return {{"setup", united(usageOptions("setup"), optionsReadIn("SetupCommand.cpp"))},
             {"import-existing", usageOptions("import-existing")},
             {"audit", without(optionsReadIn("AuditCommand.cpp"), {"--help"})},
-            {"retry", {"--restore"}}};
+            {"retry", {"--restore"}},
+            {"status", {"--json"}}};
 }
 
 Words allOptions()
@@ -300,7 +301,8 @@ TEST(Reference, BashCompletesCommandsAndTheirOptions)
               without(options["setup"], {"--vault", "--no-upload"}));
     EXPECT_EQ(bashOffers({"import-existing", ""}), options["import-existing"]);
     EXPECT_EQ(bashOffers({"import-existing", "--since", ""}), Words{});
-    EXPECT_EQ(bashOffers({"status", ""}), Words{});
+    EXPECT_EQ(bashOffers({"status", ""}), options["status"]);
+    EXPECT_EQ(bashOffers({"status", "--json", ""}), Words{});
     EXPECT_EQ(bashOffers({"audit", ""}), options["audit"]);
     EXPECT_EQ(bashOffers({"audit", "--verify", "--json", ""}), without(options["audit"], {"--verify", "--json"}));
     EXPECT_EQ(bashOffers({"audit", "--since", ""}), Words{});

@@ -1,10 +1,27 @@
 #include "quillet_capture/cli/StatusCommand.hpp"
 
+#include "quillet_capture/capture/CaptureAccess.hpp"
+#include "quillet_capture/config/Keychain.hpp"
+#include "quillet_capture/config/Settings.hpp"
+#include "quillet_capture/pipeline/CaptureIdentities.hpp"
+#include "quillet_capture/pipeline/CaptureRecovery.hpp"
+#include "quillet_capture/pipeline/CaptureRetry.hpp"
+#include "quillet_capture/platform/AgentManager.hpp"
+#include "quillet_capture/platform/Paths.hpp"
+#include "quillet_capture/platform/UserDefaults.hpp"
+#include "quillet_capture/util/Iso8601.hpp"
+
+#include "tests/support/FakeClock.hpp"
+#include "tests/support/LibraryFixture.hpp"
 #include "tests/support/Scratch.hpp"
+#include "tests/support/SettingsFile.hpp"
+#include "tests/support/StatusFacts.hpp"
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <cstdlib>
 #include <filesystem>
 #include <set>
 #include <string>
@@ -129,6 +146,196 @@ TEST(InboxSummary, CountsAndTheRetryHint)
     EXPECT_EQ(asked, (std::vector<std::string>{"a.md", "b.md", "c.md", "d.md", "e.md", "f.md"}));
     EXPECT_EQ(inboxSummary(inbox, sending({"done", "processing", "upload_failed", "failed", "skipped"})),
               "2 transcribed, 2 in progress, 2 other -- 6 can be sent with: quillet-capture retry");
+}
+
+// The facts gathered from a scratch home: its settings, token file, inbox, library and log,
+// with the agent's stores and the service manager of the test.
+struct StatusGatherTest : ::testing::Test {
+    std::optional<std::string> savedStore;
+    test::ScratchHome home;
+    test::ScratchDir bin;
+    test::FakeClock clock;
+    CaptureRecovery recovery{home.path() / "state/recovery.json", clock};
+    CaptureIdentities identities{home.path() / "state/identities.json"};
+    SystemdAgentManager agent{(bin.path() / "systemctl").string()};
+    bool voiceMemosRunning = false;
+
+    StatusGatherTest()
+    {
+        if (const char* store = std::getenv("QUILLET_TOKEN_STORE")) {
+            savedStore = store;
+        }
+        setenv("QUILLET_TOKEN_STORE", "file", 1);
+        // Reports the agent active while the flag file "active" exists beside it.
+        test::writeFile(bin.path() / "systemctl", "#!/bin/sh\n"
+                                                  "here=$(dirname \"$0\")\n"
+                                                  "[ \"$2\" = is-active ] && [ ! -f \"$here/active\" ] && exit 3\n"
+                                                  "exit 0\n");
+        fs::permissions(bin.path() / "systemctl", fs::perms::owner_all);
+        Settings::shared().resetToDefaults();
+    }
+
+    ~StatusGatherTest() override
+    {
+        if (savedStore) {
+            setenv("QUILLET_TOKEN_STORE", savedStore->c_str(), 1);
+        } else {
+            unsetenv("QUILLET_TOKEN_STORE");
+        }
+        Settings::shared().resetToDefaults();
+    }
+
+    StatusReport gather()
+    {
+        return gatherStatus({
+            .settings = Settings::shared(),
+            .recovery = recovery,
+            .agent = agent,
+            .identities = identities,
+            .voiceMemosRunning = [this] { return voiceMemosRunning; },
+        });
+    }
+
+    // The report both ways, checked against each other; the JSON.
+    nlohmann::json gatherBoth()
+    {
+        StatusReport report = gather();
+        std::string text = report.text();
+        nlohmann::json facts = nlohmann::json::parse(report.jsonText());
+        test::expectSameFacts(text, facts);
+        return facts;
+    }
+
+    void note(const fs::path& vault, const std::string& id, std::optional<std::string> jobStatus, bool audio = false)
+    {
+        auto frontmatter = InboxWriter::Frontmatter::forCapture(id, std::chrono::system_clock::now());
+        frontmatter.vdJobStatus = std::move(jobStatus);
+        InboxWriter(vault).writeMarkdown(frontmatter, "");
+        if (audio) {
+            test::writeFile(vault / "_inbox/.audio" / (id + ".m4a"), "audio");
+        }
+    }
+};
+
+TEST_F(StatusGatherTest, AHomeWithoutSettingsIsReportedAsSuchAndLeftAsItWas)
+{
+    auto facts = gatherBoth();
+    EXPECT_EQ(facts["settingsFile"], fs::absolute(Paths::settingsFile()).string());
+    EXPECT_EQ(facts["settingsMissing"], true);
+    EXPECT_EQ(facts["vault"], Settings::shared().vaultPath());
+    EXPECT_EQ(facts["inbox"]["state"], "missing");
+    EXPECT_EQ(facts["paired"], false);
+    EXPECT_EQ(facts["agent"]["loaded"], false);
+    EXPECT_EQ(facts["upload"], false);
+    ASSERT_EQ(facts["folders"].size(), Settings::shared().watchedFolders().size());
+    for (const auto& folder : facts["folders"]) {
+        EXPECT_TRUE(folder["library"].is_null()) << folder; // none enabled
+    }
+    for (const char* count : {"transcribed", "inProgress", "other", "canBeSentWithRetry", "waitingForPairing",
+                              "waitingForRetry", "givenUp"}) {
+        EXPECT_EQ(facts["counts"][count], 0) << count;
+    }
+    EXPECT_TRUE(facts["lastAccessLine"].is_null());
+    EXPECT_EQ(facts["logTail"], nlohmann::json::array());
+    EXPECT_EQ(facts["logFile"], fs::absolute(Paths::logFile()).string());
+    EXPECT_FALSE(fs::exists(Paths::settingsFile()));
+    EXPECT_FALSE(fs::exists(Paths::logFile()));
+}
+
+TEST_F(StatusGatherTest, AVaultWithFoldersNotesFailuresAndALibrary)
+{
+    const fs::path vault = home.path() / "Vault";
+    const fs::path phone = home.path() / "Sync/Phone";
+    fs::create_directories(phone);
+    fs::create_directories(vault / "_inbox");
+    test::writeSettings([&](AppSettings& settings) {
+        settings.vaultPath = "~/Vault";
+        settings.captureVoiceMemosEnabled = true;
+        settings.captureVeldaneEnabled = true;
+        settings.afterTranscriptCommand = "echo done";
+        auto off = WatchedFolder::generic(home.path().string() + "/Old");
+        off.enabled = false;
+        settings.watchedFoldersRaw =
+            std::vector<WatchedFolder>{WatchedFolder::voiceMemos(true), WatchedFolder::generic("~/Sync/Phone"), off};
+    });
+    const std::string token = "tok-abcdefghijk-the-secret-rest";
+    ASSERT_TRUE(Keychain::setDeviceToken(token));
+    test::writeFile(bin.path() / "active", "");
+    voiceMemosRunning = true;
+    UserDefaults::setDate(CaptureRetry::watermarkKey, std::chrono::system_clock::time_point(std::chrono::seconds(0)));
+
+    // The library lists a recording that is there, one still in iCloud, one thrown away.
+    const fs::path memos = CaptureAccess::voiceMemosURL();
+    fs::create_directories(memos);
+    test::LibraryFixture library(memos);
+    const auto recorded = std::chrono::system_clock::time_point(std::chrono::seconds(1'709'280'061));
+    library.add({"REC-1", "20240301 080000.m4a", recorded, 4.0, "Here", std::nullopt, false, ""});
+    library.add({"REC-2", "20240301 090000.m4a", recorded, 4.0, "In iCloud", std::nullopt, false, ""});
+    library.add({"REC-3", "20240301 100000.m4a", recorded, 4.0, "Thrown away", std::nullopt, true, ""});
+    test::writeFile(memos / "20240301 080000.m4a", "audio");
+
+    note(vault, "250101-090000", "done");
+    note(vault, "250101-090001", "done");
+    note(vault, "250102-090000", "processing");
+    note(vault, "250103-090000", "upload_failed", true);
+    note(vault, "250104-090000", "needs_pairing");
+    note(vault, "250105-090000", "failed", true);
+    note(vault, "250105-090001", std::nullopt);
+    test::writeFile(vault / "_inbox/plain.md", "no frontmatter\n");
+
+    recovery.failed("250102-090000", "fetch_failed");
+    for (int i = 0; i <= CaptureRecovery::maxServiceFailures; ++i) {
+        recovery.failed("250105-090000", "failed");
+    }
+    recovery.failed("250106-090000", CaptureRecovery::noteUnreadable);
+
+    test::writeFile(Paths::logFile(), "2026-03-14T09:00:00Z [quillet] capture: Voice Memos access -> ok (1 files)\n"
+                                      "2026-03-14T09:00:01Z [quillet] capture pipeline: one\n\n"
+                                      "2026-03-14T09:00:02Z [quillet] capture pipeline: two\n");
+
+    auto facts = gatherBoth();
+    EXPECT_EQ(facts["settingsMissing"], false);
+    EXPECT_EQ(facts["vault"], vault.string());
+    EXPECT_EQ(facts["inbox"]["path"], (vault / "_inbox").string());
+    EXPECT_EQ(facts["inbox"]["state"], "listed");
+    EXPECT_EQ(facts["upload"], true);
+    EXPECT_EQ(facts["afterTranscript"], "echo done");
+    EXPECT_EQ(facts["paired"], true);
+    EXPECT_EQ(facts["agent"]["loaded"], true);
+    EXPECT_EQ(facts["voiceMemos"]["running"], true);
+
+    ASSERT_EQ(facts["folders"].size(), 3U);
+    EXPECT_EQ(facts["folders"][0]["path"], memos.string());
+    EXPECT_EQ(facts["folders"][1]["path"], phone.string());
+    EXPECT_EQ(facts["folders"][1]["name"], "Phone");
+    EXPECT_EQ(facts["folders"][1]["id"], WatchedFolder::generic("~/Sync/Phone").id);
+    EXPECT_EQ(facts["folders"][2]["enabled"], false);
+    const auto& libraryFacts = facts["folders"][0]["library"];
+    EXPECT_EQ(libraryFacts["state"], "readable");
+    EXPECT_EQ(libraryFacts["recordings"], 3);
+    EXPECT_EQ(libraryFacts["waitingForDownload"], 1);
+    EXPECT_EQ(libraryFacts["oldestWaiting"], Iso8601::format(recorded));
+    EXPECT_EQ(libraryFacts["recentlyDeleted"], 1);
+
+    const auto& counts = facts["counts"];
+    EXPECT_EQ(counts["transcribed"], 2);
+    EXPECT_EQ(counts["inProgress"], 3); // processing, upload_failed, needs_pairing
+    EXPECT_EQ(counts["other"], 2);      // failed, none
+    EXPECT_EQ(counts["canBeSentWithRetry"], 2);
+    EXPECT_EQ(counts["waitingForPairing"], 1);
+    EXPECT_EQ(counts["waitingForRetry"], 2);
+    EXPECT_EQ(counts["nextTry"], Iso8601::format(*recovery.earliest()));
+    EXPECT_EQ(counts["givenUp"], 1);
+    EXPECT_EQ(counts["unreadableNotes"], nlohmann::json::array({"250106-090000"}));
+
+    EXPECT_EQ(facts["lastAccessLine"], "2026-03-14T09:00:00Z [quillet] capture: Voice Memos access -> ok (1 files)");
+    EXPECT_EQ(facts["logTail"].size(), 3U);
+    EXPECT_EQ(facts["logTail"].back(), "2026-03-14T09:00:02Z [quillet] capture pipeline: two");
+
+    // The text shows the start of the token; the JSON none of it.
+    std::string json = gather().jsonText();
+    EXPECT_EQ(json.find(token.substr(0, 6)), std::string::npos) << json;
+    EXPECT_NE(gather().text().find(token.substr(0, 12)), std::string::npos);
 }
 
 } // namespace

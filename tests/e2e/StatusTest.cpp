@@ -4,8 +4,10 @@
 #include "quillet_capture/vault/InboxWriter.hpp"
 
 #include "tests/support/Scratch.hpp"
+#include "tests/support/StatusFacts.hpp"
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include <cstdlib>
 #include <filesystem>
@@ -247,6 +249,72 @@ TEST_F(StatusTest, HugeOrUnreadableLogsStillGiveTheReport)
     EXPECT_TRUE(result.output.ends_with(logSection(
         "2026-03-14T09:00:00Z [quillet] capture: Voice Memos access -> ok (9 files)", logFile.string(), tail)));
     EXPECT_LT(seconds, 20.0);
+}
+
+// `status --json` against `status` of the same home, before and after setup: the same facts,
+// never the token, and only reads.
+TEST_F(StatusTest, TheJsonCarriesTheSameFactsAsTheText)
+{
+    auto text = status();
+    auto json = run({"status", "--json"});
+    ASSERT_EQ(json.status, 0) << json.errors;
+    EXPECT_EQ(json.errors, "");
+    ASSERT_TRUE(json.output.ends_with("}\n")) << json.output;
+    auto facts = nlohmann::json::parse(json.output);
+    test::expectSameFacts(text.output, facts);
+    EXPECT_EQ(facts["settingsMissing"], true);
+    EXPECT_EQ(facts["program"], program());
+    EXPECT_EQ(facts["inbox"]["state"], "missing");
+    EXPECT_FALSE(fs::exists(home.path() / ".config/quillet/settings.json"));
+    EXPECT_FALSE(fs::exists(home.path() / ".local/state/quillet"));
+
+    ASSERT_EQ(run({"setup", "--vault", "~/Vault", "--no-keep-voice-memos", "--watch", "~/Sync/Phone"}).status, 0);
+    const std::string token = "0123456789abcdef-the-secret-rest";
+    ASSERT_TRUE(Keychain::setDeviceToken(token));
+    test::writeFile(bin.path() / "active", "");
+    test::writeFile(home.path() / ".local/state/quillet/defaults.json",
+                    R"({"quillet.captureRetry.watermark": "2020-01-01T00:00:00Z"})");
+    const fs::path vault = home.path() / "Vault";
+    note(vault, "250101-090000", "done");
+    note(vault, "250102-090000", "processing", "key-p");
+    note(vault, "250103-090000", "upload_failed", std::nullopt, true);
+    note(vault, "250104-090000", "needs_pairing", "key-n");
+    note(vault, "250105-090000", "failed", std::nullopt, true);
+    note(vault, "250106-090000", std::nullopt);
+    test::writeFile(logFile, "2026-03-14T09:00:00Z [quillet] capture: Phone access -> ok (0 files)\n"
+                             "2026-03-14T09:00:01Z [quillet] capture pipeline: \"quoted\" \\ line\n");
+
+    text = status();
+    json = run({"status", "--json"});
+    ASSERT_EQ(json.status, 0) << json.errors;
+    facts = nlohmann::json::parse(json.output);
+    test::expectSameFacts(text.output, facts);
+    EXPECT_EQ(facts["vault"], vault.string());
+    EXPECT_EQ(facts["paired"], true);
+    EXPECT_EQ(facts["agent"]["loaded"], true);
+    ASSERT_EQ(facts["folders"].size(), 2U);
+    EXPECT_EQ(facts["folders"][1]["path"], h + "/Sync/Phone");
+    EXPECT_EQ(facts["counts"]["transcribed"], 1);
+    EXPECT_EQ(facts["counts"]["inProgress"], 3);
+    EXPECT_EQ(facts["counts"]["other"], 2);
+    EXPECT_EQ(facts["counts"]["canBeSentWithRetry"], 2);
+    EXPECT_EQ(facts["counts"]["waitingForPairing"], 1);
+    EXPECT_EQ(facts["lastAccessLine"], "2026-03-14T09:00:00Z [quillet] capture: Phone access -> ok (0 files)");
+    EXPECT_EQ(facts["logTail"].size(), 2U);
+    // The audit's counts are those that `audit` itself prints.
+    auto audit = run({"audit", "--json"});
+    ASSERT_FALSE(audit.output.empty()) << audit.errors;
+    EXPECT_EQ(facts["audit"], nlohmann::json::parse(audit.output)["counts"]);
+    EXPECT_EQ(facts["audit"]["total"], 7) << "six notes, and the watched folder that is not there";
+    // The text shows the token's first 12 characters; the JSON not even those.
+    EXPECT_NE(text.output.find(token.substr(0, 12)), std::string::npos);
+    EXPECT_EQ(json.output.find(token.substr(0, 6)), std::string::npos) << json.output;
+
+    // "--json" anywhere after the command word selects it; any other argument leaves the text.
+    EXPECT_EQ(run({"status", "--verbose", "--json"}).output, json.output);
+    auto other = run({"status", "--verbose"});
+    EXPECT_EQ(other.status, 0);
+    EXPECT_EQ(other.output, text.output);
 }
 
 } // namespace
