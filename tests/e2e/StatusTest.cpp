@@ -305,7 +305,7 @@ TEST_F(StatusTest, TheJsonCarriesTheSameFactsAsTheText)
     auto audit = run({"audit", "--json"});
     ASSERT_FALSE(audit.output.empty()) << audit.errors;
     EXPECT_EQ(facts["audit"], nlohmann::json::parse(audit.output)["counts"]);
-    EXPECT_EQ(facts["audit"]["total"], 7) << "six notes, and the watched folder that is not there";
+    EXPECT_EQ(facts["audit"]["total"], 8) << "six notes, and the two watched folders that are not there";
     // The text shows the token's first 12 characters; the JSON not even those.
     EXPECT_NE(text.output.find(token.substr(0, 12)), std::string::npos);
     EXPECT_EQ(json.output.find(token.substr(0, 6)), std::string::npos) << json.output;
