@@ -240,8 +240,16 @@ TEST(NothingLost, StuckCapturesAreTriedAgainByTheRunningAgent)
     auto refused = agent.drop(1);
     ASSERT_TRUE(test::eventually([&] { return agent.statuses()[refused.id] == "upload_failed"; }, 60))
         << agent.agentOutput();
-    auto status = test::runProcess(test::programPath(), {"status"});
-    EXPECT_NE(status.output.find("\n  tried again: 1 capture, next attempt at "), std::string::npos) << status.output;
+    // The note says it a moment before the retry file does: the failure is recorded after the
+    // note's status is written.
+    test::ProcessResult status;
+    EXPECT_TRUE(test::eventually(
+        [&] {
+            status = test::runProcess(test::programPath(), {"status"});
+            return status.output.find("\n  tried again: 1 capture, next attempt at ") != std::string::npos;
+        },
+        20))
+        << status.output;
     refuseUploads = false;
     EXPECT_TRUE(test::eventually([&] { return agent.statuses()[refused.id] == "done"; }, 60)) << agent.agentOutput();
 
