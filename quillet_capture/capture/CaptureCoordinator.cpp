@@ -296,13 +296,26 @@ void CaptureCoordinator::tick()
                 reports_.updateAccess(state);
             }
             std::string prefix = "capture-access-" + folder.id + "-";
-            if (state.needsAttention()) {
-                EnvironmentCheck::notifyOnce(prefix + noticeKind(state), state.summary(folder.displayName),
-                                             state.explanation(folder.displayName, folder.isVoiceMemos()));
-            } else {
-                for (const char* kind : kNoticeKinds) {
+            const bool readable = state.isUsable() || state.kind() == CaptureAccess::State::Kind::empty;
+            for (const char* kind : kNoticeKinds) {
+                if (kind == noticeKind(state)) {
+                    continue;
+                }
+                // A folder readable again is news for the person; one lost in another way only
+                // replaces the notice it had.
+                if (readable) {
+                    EnvironmentCheck::resolve(prefix + kind, folder.displayName + " can be read again",
+                                              state.summary(folder.displayName));
+                } else {
                     EnvironmentCheck::clearNotifyOnce(prefix + kind);
                 }
+            }
+            if (state.needsAttention()) {
+                // A folder without recordings yet is how a new one starts: logged, not shown.
+                auto reach = state.kind() == CaptureAccess::State::Kind::empty ? EnvironmentCheck::Reach::logOnly
+                                                                               : EnvironmentCheck::Reach::listener;
+                EnvironmentCheck::notifyOnce(prefix + noticeKind(state), state.summary(folder.displayName),
+                                             state.explanation(folder.displayName, folder.isVoiceMemos()), reach);
             }
         }
         if (state.isUsable() || state.kind() == CaptureAccess::State::Kind::empty) {
