@@ -1,4 +1,5 @@
 #include "quillet_capture/capture/CaptureCoordinator.hpp"
+#include "quillet_capture/config/Log.hpp"
 #include "quillet_capture/pipeline/CaptureStateStore.hpp"
 
 #include "tests/support/FakeClock.hpp"
@@ -71,6 +72,33 @@ TEST_F(CoordinatorFixture, AccessChangesAreLoggedOnceAndNoticesRaisedAndCleared)
     fs::remove_all(folderPath);
     tick();
     EXPECT_EQ(test::countLogLines("[quillet] attention: "), 2);
+}
+
+TEST_F(CoordinatorFixture, AFolderLostAndFoundAgainIsHeardOnceEachAndAnEmptyOneNotAtAll)
+{
+    std::vector<std::pair<std::string, bool>> heard;
+    EnvironmentCheck::setListener(
+        [&](const EnvironmentCheck::Notice& notice) { heard.emplace_back(notice.title, notice.resolved); });
+    folders.push_back(WatchedFolder::generic(folderPath.string(), std::string("Synced")));
+    make();
+    coordinator->start();
+    tick();
+    tick();
+    fs::create_directories(folderPath);  // there, but no recording in it yet
+    tick();
+    test::writeFile(folderPath / "a.m4a", "audio");
+    tick();
+    fs::remove_all(folderPath);
+    tick();
+    tick();
+    EnvironmentCheck::setListener({});
+    EXPECT_EQ(heard, (std::vector<std::pair<std::string, bool>>{
+                         {"Synced folder not found", false},
+                         {"Synced can be read again", true},
+                         {"Synced folder not found", false},
+                     }));
+    EXPECT_EQ(test::countLogLines("[quillet] resolved: Synced can be read again -- Synced: readable but no audio files"),
+              1);
 }
 
 TEST_F(CoordinatorFixture, NoFoldersLeavesItIdleAndAReloadStartsIt)
