@@ -290,6 +290,8 @@ void CaptureCoordinator::tick()
         const auto& state = listed.state;
         auto last = lastStates_.find(folder.id);
         if (last == lastStates_.end() || !(last->second == state)) {
+            const bool wasReadable = last != lastStates_.end() &&
+                                     (last->second.isUsable() || last->second.kind() == CaptureAccess::State::Kind::empty);
             lastStates_.insert_or_assign(folder.id, state);
             rlog("[quillet] capture: [%@] access -> %@", folder.displayName, state.summary(folder.displayName));
             if (folder.isVoiceMemos() && reports_.updateAccess) {
@@ -311,9 +313,13 @@ void CaptureCoordinator::tick()
                 }
             }
             if (state.needsAttention()) {
-                // A folder without recordings yet is how a new one starts: logged, not shown.
-                auto reach = state.kind() == CaptureAccess::State::Kind::empty ? EnvironmentCheck::Reach::logOnly
-                                                                               : EnvironmentCheck::Reach::listener;
+                // The person is told of access refused, and of a folder that was there and is
+                // gone; a folder without recordings yet is how a new one starts, and one that was
+                // never there is how the Voice Memos folder is on a computer without it: those are
+                // logged, not shown.
+                using Kind = CaptureAccess::State::Kind;
+                const bool lost = state.kind() == Kind::denied || (state.kind() == Kind::missing && wasReadable);
+                auto reach = lost ? EnvironmentCheck::Reach::listener : EnvironmentCheck::Reach::logOnly;
                 EnvironmentCheck::notifyOnce(prefix + noticeKind(state), state.summary(folder.displayName),
                                              state.explanation(folder.displayName, folder.isVoiceMemos()), reach);
             }
