@@ -62,7 +62,7 @@ set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 # (platform/LazyLibrary.hpp), so no tool can see them: they are named here, from the oldest
 # versions that have every function and option the program uses (curl_url and
 # CURLOPT_UPLOAD_BUFFERSIZE, secret_password_lookupv_binary_sync). The program loads either
-# flavour of libcurl.
+# flavour of libcurl. GIO, opened for desktop notifications, comes with libsecret's GLib.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_DEPENDS "libcurl4 (>= 7.62) | libcurl3-gnutls (>= 7.62), libsecret-1-0 (>= 0.19)")
 # `install` starts the agent with systemctl --user; `pair` opens the sign-in page with

@@ -31,7 +31,7 @@ _quillet_capture()
         esac
         # --watch may be given again; the others once.
         local options="--watch" option
-        for option in --vault --no-upload --no-keep-voice-memos --after-transcript; do
+        for option in --vault --no-upload --no-keep-voice-memos --after-transcript --no-notifications; do
             [[ " ${COMP_WORDS[*]:2:COMP_CWORD-2} " == *" $option "* ]] || options+=" $option"
         done
         COMPREPLY=($(compgen -W "$options" -- "$cur"))

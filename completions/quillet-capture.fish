@@ -21,6 +21,7 @@ complete -c quillet-capture -n '__fish_seen_subcommand_from setup' -l vault -x -
 complete -c quillet-capture -n '__fish_seen_subcommand_from setup' -l no-upload -d 'Capture into the vault only, send nothing to Veldane'
 complete -c quillet-capture -n '__fish_seen_subcommand_from setup' -l no-keep-voice-memos -d 'Do not keep Voice Memos running'
 complete -c quillet-capture -n '__fish_seen_subcommand_from setup' -l after-transcript -x -d 'Command to run after each transcript'
+complete -c quillet-capture -n '__fish_seen_subcommand_from setup' -l no-notifications -d 'Show no desktop notifications'
 complete -c quillet-capture -n '__fish_seen_subcommand_from setup' -l watch -x -a '(__fish_complete_directories)' -d 'Watch this folder too (repeatable)'
 
 complete -c quillet-capture -n '__fish_seen_subcommand_from import-existing' -l since -x -d 'Only recordings from this day on (YYYY-MM-DD)'

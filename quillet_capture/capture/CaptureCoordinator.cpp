@@ -290,19 +290,38 @@ void CaptureCoordinator::tick()
         const auto& state = listed.state;
         auto last = lastStates_.find(folder.id);
         if (last == lastStates_.end() || !(last->second == state)) {
+            const bool wasReadable = last != lastStates_.end() &&
+                                     (last->second.isUsable() || last->second.kind() == CaptureAccess::State::Kind::empty);
             lastStates_.insert_or_assign(folder.id, state);
             rlog("[quillet] capture: [%@] access -> %@", folder.displayName, state.summary(folder.displayName));
             if (folder.isVoiceMemos() && reports_.updateAccess) {
                 reports_.updateAccess(state);
             }
             std::string prefix = "capture-access-" + folder.id + "-";
-            if (state.needsAttention()) {
-                EnvironmentCheck::notifyOnce(prefix + noticeKind(state), state.summary(folder.displayName),
-                                             state.explanation(folder.displayName, folder.isVoiceMemos()));
-            } else {
-                for (const char* kind : kNoticeKinds) {
+            const bool readable = state.isUsable() || state.kind() == CaptureAccess::State::Kind::empty;
+            for (const char* kind : kNoticeKinds) {
+                if (kind == noticeKind(state)) {
+                    continue;
+                }
+                // A folder readable again is news for the person; one lost in another way only
+                // replaces the notice it had.
+                if (readable) {
+                    EnvironmentCheck::resolve(prefix + kind, folder.displayName + " can be read again",
+                                              state.summary(folder.displayName));
+                } else {
                     EnvironmentCheck::clearNotifyOnce(prefix + kind);
                 }
+            }
+            if (state.needsAttention()) {
+                // The person is told of access refused, and of a folder that was there and is
+                // gone; a folder without recordings yet is how a new one starts, and one that was
+                // never there is how the Voice Memos folder is on a computer without it: those are
+                // logged, not shown.
+                using Kind = CaptureAccess::State::Kind;
+                const bool lost = state.kind() == Kind::denied || (state.kind() == Kind::missing && wasReadable);
+                auto reach = lost ? EnvironmentCheck::Reach::listener : EnvironmentCheck::Reach::logOnly;
+                EnvironmentCheck::notifyOnce(prefix + noticeKind(state), state.summary(folder.displayName),
+                                             state.explanation(folder.displayName, folder.isVoiceMemos()), reach);
             }
         }
         if (state.isUsable() || state.kind() == CaptureAccess::State::Kind::empty) {

@@ -4,6 +4,7 @@
 #include "quillet_capture/capture/FilenameNormaliser.hpp"
 #include "quillet_capture/capture/FirstWatched.hpp"
 #include "quillet_capture/config/Log.hpp"
+#include "quillet_capture/pipeline/AgentNotifications.hpp"
 #include "quillet_capture/pipeline/CaptureIdentities.hpp"
 #include "quillet_capture/pipeline/CaptureIntake.hpp"
 #include "quillet_capture/pipeline/CaptureStateStore.hpp"
@@ -174,6 +175,7 @@ void FolderWatcher::followLibrary(const CaptureAccess::Listing& listed, bool cha
             rlog("[quillet] capture: [%@] \"%@\" (%@) has waited more than a day for its audio to download from "
                  "iCloud",
                  folder_.displayName, row->title.empty() ? row->fileName : row->title, row->fileName);
+            AgentNotifications::voiceMemoWaiting(row->uniqueId, row->title.empty() ? row->fileName : row->title);
         }
     }
 }

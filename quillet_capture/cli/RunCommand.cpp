@@ -7,6 +7,7 @@
 #include "quillet_capture/config/Keychain.hpp"
 #include "quillet_capture/config/Settings.hpp"
 #include "quillet_capture/pipeline/AfterTranscriptCommand.hpp"
+#include "quillet_capture/pipeline/AgentNotifications.hpp"
 #include "quillet_capture/pipeline/CapturePipeline.hpp"
 #include "quillet_capture/pipeline/CaptureRecovery.hpp"
 #include "quillet_capture/pipeline/CaptureRetry.hpp"
@@ -63,6 +64,22 @@ void applyTestRetryMinute()
     long seconds = std::strtol(text, &end, 10);
     if (end != text && *end == '\0' && seconds >= 1 && seconds <= 60) {
         CaptureRecovery::shared().setMinute(std::chrono::seconds(seconds));
+    }
+}
+
+// QUILLET_NOTIFICATION_QUIET_MS (1 to 10000) shortens how long the desktop notifications of
+// one kind gather (and the longest gathering to ten times that), for the same tests.
+void applyTestNotificationWindow()
+{
+    const char* text = std::getenv("QUILLET_NOTIFICATION_QUIET_MS");
+    if (text == nullptr) {
+        return;
+    }
+    char* end = nullptr;
+    long milliseconds = std::strtol(text, &end, 10);
+    if (end != text && *end == '\0' && milliseconds >= 1 && milliseconds <= 10000) {
+        AgentNotifications::setSharedTiming(
+            {std::chrono::milliseconds(milliseconds), std::chrono::milliseconds(milliseconds * 10)});
     }
 }
 
@@ -125,6 +142,7 @@ void cmdRun()
 
     applyTestPollInterval();
     applyTestRetryMinute();
+    applyTestNotificationWindow();
     // A killed agent or command leaves the temporary files of the writes it was making; the
     // files they were meant to replace are whole, so the temporary ones only take room.
     InboxWriter inbox(settings.vaultURL());
@@ -134,6 +152,10 @@ void cmdRun()
     }
     VoiceMemosKeeper::shared().apply(settings.keepVoiceMemosRunning());
     CaptureStatus::shared().start();
+    // Before the first poll: what the person must know reaches the desktop from the start.
+    AgentNotifications::shared().listen();
+    CapturePipeline::shared().setOnCaptureEvent(
+        [](const CapturePipeline::CaptureEvent& event) { AgentNotifications::shared().captureEvent(event); });
     // From here on a new version of the settings file is taken while the agent runs: new
     // captures go where it says, those under way finish in the vault of their note.
     CaptureCoordinator::shared().followSettings(Settings::fileURL().parent_path(),

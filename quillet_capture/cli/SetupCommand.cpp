@@ -138,6 +138,9 @@ void cmdSetup(const std::vector<std::string>& arguments)
 
     bool upload = !hasFlag(arguments, "--no-upload");
     bool keepVoiceMemos = !hasFlag(arguments, "--no-keep-voice-memos");
+    // Like --no-upload, each setup says it anew; without the flag the key is left out, which
+    // reads as on, so a settings file of a setup without it stays as it was before the key.
+    bool notifications = !hasFlag(arguments, "--no-notifications");
     auto extraFolders = watchOptions(arguments);
 
     auto& store = Settings::shared();
@@ -151,6 +154,7 @@ void cmdSetup(const std::vector<std::string>& arguments)
     changed.captureVoiceMemosEnabled = true;
     changed.captureVeldaneEnabled = upload;
     changed.keepVoiceMemosRunning = keepVoiceMemos;
+    changed.notifications = notifications ? std::nullopt : std::optional(false);
     if (auto command = option("--after-transcript", arguments)) {
         auto trimmed = Settings::trimmed(*command);
         changed.afterTranscriptCommand = trimmed.empty() ? std::nullopt : std::optional(trimmed);
@@ -182,6 +186,9 @@ void cmdSetup(const std::vector<std::string>& arguments)
     out("  upload to Veldane: " + onOff(upload));
     out("  keep Voice Memos running: " + onOff(keepVoiceMemos));
     out("  after a transcript: " + changed.afterTranscriptCommand.value_or("off"));
+    if (!notifications) {
+        out("  desktop notifications: off");
+    }
     tellRunningAgent();
     out();
     out(std::string("Next: quillet-capture pair") + (upload ? "" : "  (only needed for upload)"));

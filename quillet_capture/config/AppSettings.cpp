@@ -100,6 +100,7 @@ void visitFields(Self& s, Visitor&& field)
     field("recordingQuickKey", s.recordingQuickKey);
     field("recordingEchoCancellation", s.recordingEchoCancellation);
     field("afterTranscriptCommand", s.afterTranscriptCommand);
+    field("notifications", s.notifications);
 }
 
 template <typename T>

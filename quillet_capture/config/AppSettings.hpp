@@ -58,6 +58,8 @@ struct AppSettings {
     std::optional<bool> recordingQuickKey;
     std::optional<EchoCancellationMode> recordingEchoCancellation;
     std::optional<std::string> afterTranscriptCommand;
+    /// Desktop notifications of the agent at all; `setup --no-notifications` stores false.
+    std::optional<bool> notifications;
 
     /// The built-in defaults, the record a new settings file gets. Both capture switches are
     /// present and false; the other optional fields without a default are absent.

@@ -14,7 +14,7 @@
 #include <cstdio>
 #include <ctime>
 #include <mutex>
-#include <set>
+#include <map>
 
 namespace quillet {
 
@@ -81,7 +81,8 @@ runtime::SerialQueue& logQueue()
 
 struct Notices {
     std::mutex lock;
-    std::set<std::string> notified;
+    std::map<std::string, EnvironmentCheck::Reach> notified;
+    std::function<void(const EnvironmentCheck::Notice&)> listener;
 };
 
 Notices& notices()
@@ -238,20 +239,58 @@ void drain()
 
 namespace EnvironmentCheck {
 
-void notifyOnce(const std::string& id, const std::string& title, const std::string& body)
+void setListener(std::function<void(const Notice&)> listener)
 {
     auto& state = notices();
     std::lock_guard guard(state.lock);
-    if (state.notified.insert(id).second) {
-        rlog("[quillet] attention: %@ -- %@", title, body);
+    state.listener = std::move(listener);
+}
+
+void notifyOnce(const std::string& id, const std::string& title, const std::string& body, Reach reach)
+{
+    auto& state = notices();
+    std::function<void(const Notice&)> listener;
+    {
+        std::lock_guard guard(state.lock);
+        if (!state.notified.emplace(id, reach).second) {
+            return;
+        }
+        if (reach == Reach::listener) {
+            listener = state.listener;
+        }
+    }
+    rlog("[quillet] attention: %@ -- %@", title, body);
+    if (listener) {
+        listener(Notice{id, title, body, false});
     }
 }
 
-void clearNotifyOnce(const std::string& id)
+bool clearNotifyOnce(const std::string& id)
 {
     auto& state = notices();
     std::lock_guard guard(state.lock);
-    state.notified.erase(id);
+    return state.notified.erase(id) > 0;
+}
+
+void resolve(const std::string& id, const std::string& title, const std::string& body)
+{
+    auto& state = notices();
+    std::function<void(const Notice&)> listener;
+    {
+        std::lock_guard guard(state.lock);
+        auto found = state.notified.find(id);
+        if (found == state.notified.end()) {
+            return;
+        }
+        if (found->second == Reach::listener) {
+            listener = state.listener;
+        }
+        state.notified.erase(found);
+    }
+    rlog("[quillet] resolved: %@ -- %@", title, body);
+    if (listener) {
+        listener(Notice{id, title, body, true});
+    }
 }
 
 } // namespace EnvironmentCheck

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <concepts>
 #include <filesystem>
+#include <functional>
 #include <initializer_list>
 #include <string>
 #include <string_view>
@@ -71,15 +72,39 @@ void append(const std::filesystem::path& file, const std::string& line);
 
 } // namespace QuilletLog
 
-/// One "attention" line per problem per process.
+/// One "attention" line per problem per process, and the one way a problem reaches whoever
+/// listens for it (the running agent's desktop notifications).
 namespace EnvironmentCheck {
 
-/// Logs "[quillet] attention: <title> -- <body>" the first time `id` is seen; later calls with
-/// the same id do nothing until `clearNotifyOnce(id)`. Any thread.
-void notifyOnce(const std::string& id, const std::string& title, const std::string& body);
+/// Whom a notice reaches besides the log.
+enum class Reach { logOnly, listener };
 
-/// Forgets `id`, so that the next `notifyOnce` with it logs again. Any thread.
-void clearNotifyOnce(const std::string& id);
+/// A notice as the listener hears it: raised by `notifyOnce`, or `resolved` by `resolve`.
+struct Notice {
+    std::string id;
+    std::string title;
+    std::string body;
+    bool resolved = false;
+};
+
+/// Sets the one listener (none: an empty function), called on the caller's thread of
+/// `notifyOnce` and `resolve`, under no lock of theirs. It must return quickly. Any thread.
+void setListener(std::function<void(const Notice&)> listener);
+
+/// Logs "[quillet] attention: <title> -- <body>" the first time `id` is seen, and then tells
+/// the listener when `reach` says so; later calls with the same id do nothing until
+/// `clearNotifyOnce(id)` or `resolve(id, ...)`. Any thread.
+void notifyOnce(const std::string& id, const std::string& title, const std::string& body,
+                Reach reach = Reach::listener);
+
+/// Forgets `id`, so that the next `notifyOnce` with it logs again. True when it was raised.
+/// Any thread.
+bool clearNotifyOnce(const std::string& id);
+
+/// Forgets `id` as `clearNotifyOnce` does; when it was raised, logs "[quillet] resolved:
+/// <title> -- <body>" and, when the notice reached the listener, tells it. Nothing when `id`
+/// was not raised. Any thread.
+void resolve(const std::string& id, const std::string& title, const std::string& body);
 
 } // namespace EnvironmentCheck
 

@@ -364,6 +364,11 @@ bool Settings::recordingQuickKey() const
     return settings.recordingQuickKey.value_or(true);
 }
 
+bool Settings::notifications() const
+{
+    return settings.notifications.value_or(true);
+}
+
 std::string Settings::recordingConsentText() const
 {
     return settings.recordingConsentText.value_or("Recording. Remember to tell the others you are recording.");

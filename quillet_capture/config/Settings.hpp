@@ -116,6 +116,9 @@ public:
     bool notifyTranscriptFailed() const;
     bool notifyVoiceMemoSent() const;
     bool recordingQuickKey() const;
+    /// Whether the agent shows desktop notifications at all (the three above choose among
+    /// them); absent counts as true.
+    bool notifications() const;
     /// The stored text, or "Recording. Remember to tell the others you are recording."
     std::string recordingConsentText() const;
     /// The stored value; absent or negative gives 0 (no automatic stop).

@@ -5,6 +5,7 @@
 #include "quillet_capture/config/Keychain.hpp"
 #include "quillet_capture/config/Log.hpp"
 #include "quillet_capture/pipeline/AfterTranscriptCommand.hpp"
+#include "quillet_capture/pipeline/AgentNotifications.hpp"
 #include "quillet_capture/pipeline/CaptureIdentities.hpp"
 #include "quillet_capture/pipeline/CaptureIntake.hpp"
 #include "quillet_capture/pipeline/CaptureRecovery.hpp"
@@ -172,12 +173,18 @@ asio::awaitable<void> CapturePipeline::vaultPresent(std::string id)
             rlog("[quillet] capture pipeline: the vault of %@ is gone (%@); its capture waits until the vault is back "
                  "there",
                  id, inbox.parent_path().string());
+            if (waitsForPair_) {
+                AgentNotifications::vaultGone(inbox.parent_path());
+            }
             waited = true;
         }
         co_await environment_.clock->wait(vaultWaitInterval);
     }
     if (waited) {
         rlog("[quillet] capture pipeline: the vault of %@ is back; its capture goes on", id);
+        if (waitsForPair_) {
+            AgentNotifications::vaultBack(inbox.parent_path());
+        }
     }
 }
 
@@ -236,6 +243,7 @@ void CapturePipeline::setStatus(const std::string& id, const std::string& status
 asio::awaitable<void> CapturePipeline::waitForNewToken(std::string id)
 {
     setStatus(id, needsPairingStatus);
+    AgentNotifications::tokenRefused();
     const std::string baseURL = environment_.baseURL();
     auto usable = [baseURL] {
         auto authorization = Keychain::authorizationHeader();
@@ -250,6 +258,7 @@ asio::awaitable<void> CapturePipeline::waitForNewToken(std::string id)
         }
     }
     rlog("[quillet] capture pipeline: %@ goes on with the new device token", id);
+    AgentNotifications::tokenAccepted();
 }
 
 void CapturePipeline::recordKey(const std::string& id, const std::string& key)

@@ -2,6 +2,7 @@
 
 #include "quillet_capture/capture/CollisionResolver.hpp"
 #include "quillet_capture/config/Log.hpp"
+#include "quillet_capture/pipeline/AgentNotifications.hpp"
 #include "quillet_capture/pipeline/CaptureIdentities.hpp"
 #include "quillet_capture/pipeline/CaptureIntake.hpp"
 #include "quillet_capture/pipeline/CapturePipelineDetail.hpp"
@@ -288,6 +289,9 @@ asio::awaitable<CapturePipeline::Upload> CapturePipeline::uploadUntilRefusedForG
         } catch (const VeldaneClient::ClientError& error) {
             refused = error.isTokenRefusal() && waitsForPair_;
             upload.failure = error.what();
+            if (error.kind() == VeldaneClient::ClientError::Kind::planRequired && waitsForPair_) {
+                AgentNotifications::planRequired(error.what());
+            }
         } catch (const std::exception& error) {
             upload.failure = error.what();
         }

@@ -1,6 +1,7 @@
 #include "quillet_capture/pipeline/CapturePipeline.hpp"
 
 #include "quillet_capture/config/Log.hpp"
+#include "quillet_capture/pipeline/AgentNotifications.hpp"
 #include "quillet_capture/pipeline/CapturePipelineDetail.hpp"
 #include "quillet_capture/pipeline/CaptureRecovery.hpp"
 #include "quillet_capture/runtime/Tasks.hpp"
@@ -108,6 +109,9 @@ asio::awaitable<void> CapturePipeline::pollUntilDone(VeldaneClient& client, std:
             auto stage = answer.transcription();
             std::string word = stage && stage->status ? *stage->status : "unknown";
             setStatus(id, word);
+            if (word == "paywalled" && waitsForPair_) {
+                AgentNotifications::planRequired("");
+            }
             // A good answer means the key is alive: not-found answers count afresh from here.
             notFound = 0;
             if (word == "completed") {
@@ -200,6 +204,9 @@ asio::awaitable<void> CapturePipeline::fetchTranscriptAndWrite(VeldaneClient& cl
     } catch (const VeldaneClient::ClientError& error) {
         if (isRetrievalRefused(error)) {
             rlog("[quillet] capture pipeline: retrieval refused for %@: %@", id, error.what());
+            if (error.kind() == VeldaneClient::ClientError::Kind::planRequired && waitsForPair_) {
+                AgentNotifications::planRequired(error.what());
+            }
             setStatus(id, "failed");
             send(CaptureEvent::Kind::failed, id, "failed");
         } else {

@@ -1,6 +1,7 @@
 #include "quillet_capture/pipeline/CapturePipeline.hpp"
 
 #include "quillet_capture/config/Log.hpp"
+#include "quillet_capture/pipeline/AgentNotifications.hpp"
 #include "quillet_capture/pipeline/CaptureIntake.hpp"
 #include "quillet_capture/pipeline/CapturePipelineDetail.hpp"
 #include "quillet_capture/pipeline/CaptureRecovery.hpp"
@@ -24,11 +25,16 @@ void CapturePipeline::noteFailure(const std::string& id, const std::string& reas
     if (environment_.recovery == nullptr) {
         return;
     }
-    if (auto next = environment_.recovery->failed(id, reason)) {
+    auto next = environment_.recovery->failed(id, reason);
+    if (next) {
         rlog("[quillet] capture pipeline: %@ will be tried again at %@ (%@)", id, Iso8601::format(*next), reason);
     } else {
         rlog("[quillet] capture pipeline: %@ failed in VD %d times; it waits for retry", id,
              CaptureRecovery::maxServiceFailures + 1);
+    }
+    // The agent's, where someone can be told what only they can mend.
+    if (waitsForPair_) {
+        AgentNotifications::failureNoted(id, reason, !next, vaultOf(id));
     }
     scheduleRecovery();
 }

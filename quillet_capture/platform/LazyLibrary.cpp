@@ -11,27 +11,38 @@ LazyLibrary::LazyLibrary(std::initializer_list<const char*> names) : names_(name
 {
 }
 
-void* LazyLibrary::symbol(const char* name)
+bool LazyLibrary::open()
 {
     std::call_once(opened_, [this] {
-        std::string tried;
         for (const auto& file : names_) {
             handle_ = ::dlopen(file.c_str(), RTLD_NOW | RTLD_LOCAL);
             if (handle_ != nullptr) {
                 return;
             }
             const char* why = ::dlerror();
-            tried += "\n  " + (why != nullptr ? std::string(why) : file);
+            tried_ += "\n  " + (why != nullptr ? std::string(why) : file);
         }
-        std::fprintf(stderr, "quillet-capture: cannot load a library it needs:%s\n", tried.c_str());
-        std::exit(1);
     });
+    return handle_ != nullptr;
+}
+
+void* LazyLibrary::symbol(const char* name)
+{
+    if (!open()) {
+        std::fprintf(stderr, "quillet-capture: cannot load a library it needs:%s\n", tried_.c_str());
+        std::exit(1);
+    }
     void* address = ::dlsym(handle_, name);
     if (address == nullptr) {
         std::fprintf(stderr, "quillet-capture: %s lacks %s\n", names_.front().c_str(), name);
         std::exit(1);
     }
     return address;
+}
+
+void* LazyLibrary::optionalSymbol(const char* name)
+{
+    return open() ? ::dlsym(handle_, name) : nullptr;
 }
 
 } // namespace quillet

@@ -11,7 +11,8 @@ namespace quillet {
 /// with their dependencies (TLS, Kerberos, LDAP, GLib: some forty libraries) costs several
 /// milliseconds of symbol binding, which every command would pay, `version` included, and
 /// keeps their pages resident in an agent that sits idle. A library that cannot be opened, or
-/// lacks a function, ends the process with a message: the program cannot work without it.
+/// lacks a function, ends the process with a message when the program cannot work without it
+/// (`symbol`); one it can do without is asked with `optionalSymbol`.
 class LazyLibrary {
 public:
     /// `names`: the file names to try in order (sonames, such as "libcurl.so.4").
@@ -27,8 +28,23 @@ public:
         return reinterpret_cast<Function>(symbol(name));
     }
 
+    /// The address of `name`, or null when the library cannot be opened or lacks it; never
+    /// ends the process. Opens the library on the first call. Any thread.
+    void* optionalSymbol(const char* name);
+
+    /// `optionalSymbol(name)` as a pointer of the function's type.
+    template <typename Function>
+    Function optionalFunction(const char* name)
+    {
+        return reinterpret_cast<Function>(optionalSymbol(name));
+    }
+
 private:
+    /// Opens the library once; true when it is open.
+    bool open();
+
     std::vector<std::string> names_;
+    std::string tried_;
     std::once_flag opened_;
     void* handle_ = nullptr;
 };

@@ -1,8 +1,8 @@
 #include "quillet_capture/platform/SecretStore.hpp"
 
-#include <libsecret/secret.h>
+#include "quillet_capture/platform/SessionBusLinux.hpp"
 
-#include <sys/stat.h>
+#include <libsecret/secret.h>
 
 #include <atomic>
 #include <chrono>
@@ -29,22 +29,6 @@ std::atomic<std::chrono::steady_clock::rep> silentUntil{0};
 // An abandoned call that has not returned yet; while it runs no new call is started, so a
 // service that never answers costs one parked thread, not one per call.
 std::atomic<bool> abandonedCallRunning{false};
-
-// Without a session bus address and without the standard socket there is no bus to ask, and
-// GDBus would otherwise try to autolaunch one through X11.
-bool sessionBusConceivable()
-{
-    const char* address = std::getenv("DBUS_SESSION_BUS_ADDRESS");
-    if (address != nullptr && *address != '\0') {
-        return true;
-    }
-    const char* runtime = std::getenv("XDG_RUNTIME_DIR");
-    if (runtime == nullptr || *runtime == '\0') {
-        return false;
-    }
-    struct stat info {};
-    return ::stat((std::string(runtime) + "/bus").c_str(), &info) == 0 && S_ISSOCK(info.st_mode);
-}
 
 bool serviceRecentlySilent()
 {
@@ -106,7 +90,7 @@ using Work = std::function<void(Call&, GError**)>;
 // not be reached, failed, or stayed silent for kCallLimit.
 bool run(const std::shared_ptr<Call>& call, Work work)
 {
-    if (serviceRecentlySilent() || !sessionBusConceivable()) {
+    if (serviceRecentlySilent() || !SessionBus::conceivable()) {
         return false;
     }
     std::thread([call, work = std::move(work)] {
@@ -208,7 +192,7 @@ bool remove(std::string_view service, std::string_view account)
 
 std::string backendName()
 {
-    bool tried = !fileStoreRequested() && !serviceRecentlySilent() && sessionBusConceivable();
+    bool tried = !fileStoreRequested() && !serviceRecentlySilent() && SessionBus::conceivable();
     return tried ? "secret-service" : "file";
 }
 

@@ -1,4 +1,5 @@
 #include "quillet_capture/capture/CaptureCoordinator.hpp"
+#include "quillet_capture/config/Log.hpp"
 #include "quillet_capture/pipeline/CaptureStateStore.hpp"
 
 #include "tests/support/FakeClock.hpp"
@@ -71,6 +72,38 @@ TEST_F(CoordinatorFixture, AccessChangesAreLoggedOnceAndNoticesRaisedAndCleared)
     fs::remove_all(folderPath);
     tick();
     EXPECT_EQ(test::countLogLines("[quillet] attention: "), 2);
+}
+
+TEST_F(CoordinatorFixture, AFolderLostAndFoundAgainIsHeardOnceEachAndAnEmptyOneNotAtAll)
+{
+    std::vector<std::pair<std::string, bool>> heard;
+    struct Unlisten {
+        ~Unlisten() { EnvironmentCheck::setListener({}); }
+    } unlisten;
+    EnvironmentCheck::setListener(
+        [&](const EnvironmentCheck::Notice& notice) { heard.emplace_back(notice.title, notice.resolved); });
+    folders.push_back(WatchedFolder::generic(folderPath.string(), std::string("Synced")));
+    make();
+    coordinator->start();
+    tick();  // never there yet (the Voice Memos folder of a Linux computer): only logged
+    tick();
+    fs::create_directories(folderPath);  // there, but no recording in it yet: only logged
+    tick();
+    test::writeFile(folderPath / "a.m4a", "audio");
+    tick();
+    fs::remove_all(folderPath);  // lost
+    tick();
+    tick();
+    fs::create_directories(folderPath);  // found again
+    test::writeFile(folderPath / "b.m4a", "audio");
+    tick();
+    tick();
+    EXPECT_EQ(heard, (std::vector<std::pair<std::string, bool>>{
+                         {"Synced folder not found", false},
+                         {"Synced can be read again", true},
+                     }));
+    EXPECT_EQ(test::countLogLines("[quillet] resolved: Synced can be read again -- Synced: readable but no audio files"),
+              1);
 }
 
 TEST_F(CoordinatorFixture, NoFoldersLeavesItIdleAndAReloadStartsIt)

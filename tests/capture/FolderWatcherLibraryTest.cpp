@@ -1,5 +1,6 @@
 #include "quillet_capture/capture/FirstWatched.hpp"
 #include "quillet_capture/capture/FolderWatcher.hpp"
+#include "quillet_capture/config/Log.hpp"
 #include "quillet_capture/pipeline/CaptureIdentities.hpp"
 #include "quillet_capture/pipeline/CaptureIntake.hpp"
 #include "quillet_capture/pipeline/CaptureStateStore.hpp"
@@ -256,6 +257,12 @@ TEST_F(LibraryWatchFixture, ARenameInVoiceMemosReachesTheNoteAndIsAskedAgainUnti
 TEST_F(LibraryWatchFixture, ARecordingWaitingADayForItsDownloadIsNamedOnce)
 {
     LibraryFixture library(folderPath);
+    std::vector<std::string> heard;
+    struct Unlisten {
+        ~Unlisten() { EnvironmentCheck::setListener({}); }
+    } unlisten;
+    EnvironmentCheck::setListener(
+        [&](const EnvironmentCheck::Notice& notice) { heard.push_back(notice.title + ": " + notice.body); });
     auto w = watcher();
     w.runInitialIndex();
     auto waiting = row("LATE", "20250314 092600.qta", "Still in iCloud");
@@ -274,6 +281,10 @@ TEST_F(LibraryWatchFixture, ARecordingWaitingADayForItsDownloadIsNamedOnce)
     EXPECT_EQ(test::countLogLines("[quillet] capture: [Voice Memos] \"Still in iCloud\" (20250314 092600.qta) has "
                                   "waited more than a day for its audio to download from iCloud"),
               1);
+    // The person hears of it once (the running agent's desktop).
+    EXPECT_EQ(heard, (std::vector<std::string>{"Voice Memos recording not downloaded: \"Still in iCloud\" has "
+                                               "waited more than a day for its audio to come from iCloud. Open Voice "
+                                               "Memos so that it downloads; it is captured then."}));
     add("20250314 092600.qta", "downloaded at last", std::chrono::seconds(30));
     auto captures = w.poll();
     ASSERT_EQ(captures.size(), 1U);

@@ -385,6 +385,9 @@ void CaptureAgentHarness::start()
     if (retryMinute_ > 0) {
         environment["QUILLET_RETRY_MINUTE_SECONDS"] = std::to_string(retryMinute_);
     }
+    for (const auto& [name, value] : environment_) {
+        environment[name] = value;
+    }
     std::string program = programPath();
     pid_ = ::fork();
     if (pid_ == 0) {

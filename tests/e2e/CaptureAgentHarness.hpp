@@ -85,6 +85,9 @@ public:
     /// Sets how many seconds a minute of the agent's schedule for trying failed captures again
     /// lasts (the test-only variable of `run`); 0 keeps real minutes.
     void setRetryMinute(int seconds) { retryMinute_ = seconds; }
+    /// Sets (or, with nothing, removes) a variable of the agent's environment from its next
+    /// start on.
+    void setEnvironment(const std::string& name, std::optional<std::string> value) { environment_[name] = value; }
 
     /// The fixture recording's bytes.
     const std::string& fixture() const { return fixture_; }
@@ -188,6 +191,7 @@ private:
     std::string fixture_;
     double pollInterval_ = 0;
     int retryMinute_ = 0;
+    std::map<std::string, std::optional<std::string>> environment_;
 
     mutable std::mutex lock_;
     std::mt19937 random_;

@@ -135,6 +135,26 @@ TEST_F(SetupTest, OptionsAndASecondRun)
     EXPECT_FALSE(saved().contains("afterTranscriptCommand"));
 }
 
+TEST_F(SetupTest, NoNotificationsIsSaidAnewAtEachRunLikeNoUpload)
+{
+    auto result = setup({"--vault", h + "/v", "--no-notifications"});
+    ASSERT_EQ(result.status, 0) << result.errors;
+    const std::string plain = summary(h + "/v");
+    const std::string marker = "  after a transcript: off\n";
+    auto at = plain.find(marker);
+    ASSERT_NE(at, std::string::npos) << plain;
+    std::string expected = plain;
+    expected.insert(at + marker.size(), "  desktop notifications: off\n");
+    EXPECT_EQ(result.output, expected);
+    EXPECT_EQ(saved()["notifications"], false);
+
+    // Without the flag they are on again, and the file is as a setup before the key made it.
+    result = setup({"--vault", h + "/v"});
+    ASSERT_EQ(result.status, 0) << result.errors;
+    EXPECT_EQ(result.output, plain);
+    EXPECT_FALSE(saved().contains("notifications"));
+}
+
 TEST_F(SetupTest, WatchAddsFoldersAfterVoiceMemos)
 {
     auto result = setup({"--watch", "~/Sync/Phone", "--vault", h + "/v", "--watch", "/srv/recordings/",
