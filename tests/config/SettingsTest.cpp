@@ -86,6 +86,7 @@ struct SettingsTest : ::testing::Test {
             {"recordingQuickKey", false},
             {"recordingEchoCancellation", "off"},
             {"afterTranscriptCommand", "  claude -p \"/inbox\"\n"},
+            {"notifications", false},
         });
         return document;
     }
@@ -138,6 +139,7 @@ TEST_F(SettingsTest, RequiredKeysAloneGiveTheFallbacks)
     EXPECT_EQ(store.recordingAutoStopMinutes(), 0);
     EXPECT_TRUE(store.notifyVoiceMemoSent());
     EXPECT_TRUE(store.recordingQuickKey());
+    EXPECT_TRUE(store.notifications());
 
     auto fewer = requiredOnly();
     fewer["recentDays"] = 3;
@@ -163,6 +165,7 @@ TEST_F(SettingsTest, StoredValuesAreClampedTrimmedAndExpanded)
     EXPECT_FALSE(store.recordingConsentReminder());
     EXPECT_FALSE(store.recordingShowWindow());
     EXPECT_FALSE(store.notifyTranscriptReady());
+    EXPECT_FALSE(store.notifications());
     EXPECT_EQ(store.recordingConsentText(), "Recording now.");
     EXPECT_EQ(store.recordingAutoStopMinutes(), 90);
     EXPECT_EQ(store.recordingEchoCancellation(), EchoCancellationMode::off);
@@ -217,7 +220,7 @@ TEST_F(SettingsTest, EveryKeySurvivesLoadAndSave)
 
     auto saved = json::parse(test::readFile(file));
     EXPECT_EQ(saved, original);
-    EXPECT_EQ(saved.size(), 35u);
+    EXPECT_EQ(saved.size(), 36u);
 
     // Loading what was saved gives the same record again.
     auto before = store.settings;

@@ -186,6 +186,7 @@ AppSettings arbitraryRecord(FuzzedDataProvider& input)
             {EchoCancellationMode::automatic, EchoCancellationMode::on, EchoCancellationMode::off});
     }
     s.afterTranscriptCommand = maybeString(input);
+    s.notifications = maybe<bool>(input);
     return s;
 }
 
