@@ -49,6 +49,7 @@ Usage:
   quillet-capture sync            Bring transcripts from your Veldane account into the folder
   quillet-capture uninstall       Remove the LaunchAgent
   quillet-capture status          Show configuration, access and recent log lines
+  quillet-capture audit           Account for every recording: captured, waiting or needing you
   quillet-capture run             Run capture in the foreground (what the LaunchAgent runs)
   quillet-capture version
 

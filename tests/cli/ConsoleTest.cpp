@@ -36,6 +36,7 @@ TEST(Usage, TextIsExact)
         "  quillet-capture sync            Bring transcripts from your Veldane account into the folder\n"
         "  quillet-capture uninstall       Remove the LaunchAgent\n"
         "  quillet-capture status          Show configuration, access and recent log lines\n"
+        "  quillet-capture audit           Account for every recording: captured, waiting or needing you\n"
         "  quillet-capture run             Run capture in the foreground (what the LaunchAgent runs)\n"
         "  quillet-capture version\n"
         "\n"
