@@ -1,10 +1,22 @@
 # bash completion for quillet-capture                                     -*- shell-script -*-
 # Plain bash (compgen, compopt): works with or without the bash-completion package.
 
+# Offers the options of the command being completed that are not given yet; the first
+# argument lists those that may be given again. Every command also takes --help and --verbose.
+_quillet_capture_offer()
+{
+    local options=$1 option
+    shift
+    for option in "$@" --help --verbose; do
+        [[ " ${COMP_WORDS[*]:2:COMP_CWORD-2} " == *" $option "* ]] || options+=" $option"
+    done
+    COMPREPLY=($(compgen -W "$options" -- "$cur"))
+}
+
 _quillet_capture()
 {
     local cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD - 1]}
-    local commands="setup pair install uninstall status audit retry sync import-existing run version"
+    local commands="setup pair install uninstall status audit retry sync import-existing run version help"
     COMPREPLY=()
 
     if ((COMP_CWORD == 1)); then
@@ -17,6 +29,9 @@ _quillet_capture()
     fi
 
     case ${COMP_WORDS[1]} in
+    help)
+        ((COMP_CWORD == 2)) && COMPREPLY=($(compgen -W "$commands" -- "$cur"))
+        ;;
     setup)
         case $prev in
         --vault | --watch)
@@ -29,36 +44,28 @@ _quillet_capture()
             return
             ;;
         esac
-        # --watch may be given again; the others once.
-        local options="--watch" option
-        for option in --vault --no-upload --no-keep-voice-memos --after-transcript --no-notifications; do
-            [[ " ${COMP_WORDS[*]:2:COMP_CWORD-2} " == *" $option "* ]] || options+=" $option"
-        done
-        COMPREPLY=($(compgen -W "$options" -- "$cur"))
+        _quillet_capture_offer --watch --vault --no-upload --no-keep-voice-memos --after-transcript --no-notifications
         ;;
     audit)
-        # --since takes a day, YYYY-MM-DD; every option once.
+        # --since takes a day, YYYY-MM-DD.
         [[ $prev == --since ]] && return
-        local options="" option
-        for option in --all --since --verify --json; do
-            [[ " ${COMP_WORDS[*]:2:COMP_CWORD-2} " == *" $option "* ]] || options+=" $option"
-        done
-        COMPREPLY=($(compgen -W "$options" -- "$cur"))
+        _quillet_capture_offer "" --all --since --verify --json
         ;;
     retry)
         # --restore takes the id of a removed note (audit --all lists them).
-        if ((COMP_CWORD == 2)); then
-            COMPREPLY=($(compgen -W "--restore" -- "$cur"))
-        fi
+        [[ $prev == --restore ]] && return
+        _quillet_capture_offer "" --restore
         ;;
     status)
-        [[ " ${COMP_WORDS[*]:2:COMP_CWORD-2} " == *" --json "* ]] || COMPREPLY=($(compgen -W "--json" -- "$cur"))
+        _quillet_capture_offer "" --json
         ;;
     import-existing)
         # --since takes a day, YYYY-MM-DD.
-        if [[ $prev != --since && " ${COMP_WORDS[*]:2:COMP_CWORD-2} " != *" --since "* ]]; then
-            COMPREPLY=($(compgen -W "--since" -- "$cur"))
-        fi
+        [[ $prev == --since ]] && return
+        _quillet_capture_offer "" --since
+        ;;
+    *)
+        _quillet_capture_offer ""
         ;;
     esac
 } &&

@@ -1,6 +1,6 @@
 # fish completion for quillet-capture
 
-set -l commands setup pair install uninstall status audit retry sync import-existing run version
+set -l commands setup pair install uninstall status audit retry sync import-existing run version help
 
 complete -c quillet-capture -f
 complete -c quillet-capture -n "not __fish_seen_subcommand_from $commands" -a setup -d 'Choose the vault, write the settings and print them'
@@ -14,8 +14,13 @@ complete -c quillet-capture -n "not __fish_seen_subcommand_from $commands" -a sy
 complete -c quillet-capture -n "not __fish_seen_subcommand_from $commands" -a import-existing -d 'Send recordings already in Voice Memos too'
 complete -c quillet-capture -n "not __fish_seen_subcommand_from $commands" -a run -d 'Run the agent in the foreground'
 complete -c quillet-capture -n "not __fish_seen_subcommand_from $commands" -a version -d 'Print the version'
+complete -c quillet-capture -n "not __fish_seen_subcommand_from $commands" -a help -d 'Show what a command does, its options and an example'
 complete -c quillet-capture -n "not __fish_seen_subcommand_from $commands" -l version -d 'Print the version'
 complete -c quillet-capture -n "not __fish_seen_subcommand_from $commands" -s v -d 'Print the version'
+
+complete -c quillet-capture -n "__fish_seen_subcommand_from $commands" -s h -l help -d 'Show the help of the command; nothing else is done'
+complete -c quillet-capture -n "__fish_seen_subcommand_from $commands" -l verbose -d 'Also show the log lines on the terminal'
+complete -c quillet-capture -n '__fish_seen_subcommand_from help' -a "$commands"
 
 complete -c quillet-capture -n '__fish_seen_subcommand_from setup' -l vault -x -a '(__fish_complete_directories)' -d 'The notes folder'
 complete -c quillet-capture -n '__fish_seen_subcommand_from setup' -l no-upload -d 'Capture into the vault only, send nothing to Veldane'

@@ -9,6 +9,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <cstdio>
 #include <ctime>
 
@@ -153,32 +154,16 @@ void printText(const std::vector<Item>& items, bool all, bool verified)
 
 void cmdAudit(const std::vector<std::string>& arguments)
 {
-    bool all = false;
-    bool json = false;
+    auto given = [&](std::string_view name) {
+        return std::find(arguments.begin() + 1, arguments.end(), name) != arguments.end();
+    };
+    const bool all = given("--all");
+    const bool json = given("--json");
     CaptureAudit::Options options;
+    options.verify = given("--verify");
     std::optional<std::chrono::system_clock::time_point> since;
-    for (std::size_t at = 1; at < arguments.size(); ++at) {
-        const auto& word = arguments[at];
-        if (word == "--all") {
-            all = true;
-        } else if (word == "--json") {
-            json = true;
-        } else if (word == "--verify") {
-            options.verify = true;
-        } else if (word == "--since") {
-            if (at + 1 >= arguments.size()) {
-                refuse("audit: --since wants a date like 2026-09-01 (see quillet-capture audit --help)");
-            }
-            since = parseLocalDay(arguments[++at]);
-            if (!since) {
-                refuse("audit: --since wants a date like 2026-09-01, not \"" + arguments[at] + "\"");
-            }
-        } else if (word == "--help" || word == "-h") {
-            out(auditHelpText());
-            runtime::exitProcess(0);
-        } else {
-            refuse("audit: unknown option \"" + word + "\" (see quillet-capture audit --help)");
-        }
+    if (auto day = option("--since", arguments)) {
+        since = parseLocalDay(*day);
     }
     if (Settings::shared().isFirstRun()) {
         refuse("audit: nothing is set up yet. Run setup first.");
@@ -212,26 +197,6 @@ void cmdAudit(const std::vector<std::string>& arguments)
         printText(items, all, options.verify);
     }
     runtime::exitProcess(counts.needsYou > 0 ? 1 : 0);
-}
-
-std::string auditHelpText()
-{
-    return "Usage: quillet-capture audit [--all] [--since YYYY-MM-DD] [--verify] [--json]\n"
-           "\n"
-           "Accounts for every recording the program knows: the files of the watched folders, the notes\n"
-           "and audio copies of the inbox, and what the agent remembers. Each is captured, waiting,\n"
-           "skipped, needs you (with what to do) or removed by you, newest first.\n"
-           "\n"
-           "  --all                also list the skipped files (hidden by default, always counted)\n"
-           "  --since YYYY-MM-DD   only recordings made on or after that day\n"
-           "  --verify             read every audio copy again and compare it with the SHA-256 taken\n"
-           "                       when it was made; a copy that differs or is gone needs you\n"
-           "  --json               one JSON object: \"recordings\" (one object per recording) and \"counts\"\n"
-           "\n"
-           "Example: quillet-capture audit --since 2026-11-01 --verify\n"
-           "\n"
-           "Reads only: nothing is written, moved or sent.\n"
-           "Exit status: 0 when nothing needs you, 1 when something does, 2 for a usage or setup error.";
 }
 
 } // namespace quillet

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "quillet_capture/cli/CommandLine.hpp"
+
 #include <chrono>
 #include <functional>
 #include <optional>
@@ -8,18 +10,16 @@
 
 namespace quillet {
 
-/// One row of the command table: the words that select it and what it runs. A handler that
-/// returns ends the process with status 0; handlers may also end it themselves.
-struct Command {
-    std::vector<std::string> words;
-    std::function<void()> run;
-};
-
-/// The command table, in the order in which words are matched.
+/// The command table: every command, its options and its help, in the order in which words
+/// are matched.
 const std::vector<Command>& commandTable();
 
 /// Runs the command named by `args[0]` (exact, case-sensitive) and ends the process; an
-/// unknown or missing word prints the usage. Never returns.
+/// unknown or missing word prints the usage. The rest of the line is read against the
+/// command's row first: help asked anywhere prints the command's help and does nothing else,
+/// and a line the command does not take is refused with one line on standard error and
+/// status 2 before anything happens. Log lines reach standard error only for `run` or with
+/// "--verbose". Never returns.
 [[noreturn]] void dispatch();
 
 /// The commands. Each runs on the main thread.
@@ -80,8 +80,6 @@ void requirePairedForUpload();
 /// nothing needs the person, 1 when something does, 2 for a usage or setup error. Writes
 /// nothing. `arguments` is the whole command line. Never returns.
 [[noreturn]] void cmdAudit(const std::vector<std::string>& arguments);
-/// The help text of `audit`, without the final line feed.
-std::string auditHelpText();
 /// `sync`: brings the transcripts of the Veldane library that the vault lacks into its inbox,
 /// printing progress; runs as a task while the main thread runs the main loop. Exits 1 when
 /// the library cannot be listed or any item failed. Never returns.

@@ -1,5 +1,6 @@
 #include "quillet_capture/cli/Console.hpp"
 
+#include "quillet_capture/platform/Process.hpp"
 #include "quillet_capture/runtime/MainLoop.hpp"
 
 #include <algorithm>
@@ -34,9 +35,10 @@ std::optional<std::string> option(std::string_view name, const std::vector<std::
     return *std::next(found);
 }
 
-std::string usageText()
+std::string usageText(System::Platform platform)
 {
-    return "quillet-capture " + toolVersion + R"( -- Voice Memos to Veldane, without the menu bar app
+    if (platform == System::Platform::macOS) {
+        return "quillet-capture " + toolVersion + R"( -- Voice Memos to Veldane, without the menu bar app
 
 Usage:
   quillet-capture setup [--vault <folder>] [--no-upload] [--no-keep-voice-memos]
@@ -52,6 +54,7 @@ Usage:
   quillet-capture audit           Account for every recording: captured, waiting or needing you
   quillet-capture run             Run capture in the foreground (what the LaunchAgent runs)
   quillet-capture version
+  quillet-capture help COMMAND    What a command does, its options and an example
 
 --after-transcript runs <command> with /bin/zsh -lc in the folder each time a
 transcript is written (env QUILLET_ID, QUILLET_FILE, QUILLET_FOLDER), for example
@@ -61,6 +64,37 @@ Typical first run:
   quillet-capture setup        (transcripts go to iCloud Drive/quillet)
   quillet-capture pair
   (grant Full Disk Access to this program, see README)
+  quillet-capture install)";
+    }
+    // The same, in the words of a Linux system: no Mac, no LaunchAgent, no iCloud Drive or Full
+    // Disk Access, the shell that the after-transcript command really runs in, and the folder
+    // to watch, which Linux does not have by itself.
+    return "quillet-capture " + toolVersion + R"( -- Voice Memos to Veldane, without the menu bar app
+
+Usage:
+  quillet-capture setup [--vault <folder>] [--watch <folder>] [--no-upload]
+                          [--after-transcript '<command>']
+  quillet-capture pair            Connect this computer to your Veldane account
+  quillet-capture install         Start automatically at login (systemd user unit)
+  quillet-capture import-existing [--since YYYY-MM-DD]
+                                   Send recordings already in the watched folders too
+  quillet-capture retry           Upload captures that were skipped or failed
+  quillet-capture sync            Bring transcripts from your Veldane account into the folder
+  quillet-capture uninstall       Remove the systemd user unit
+  quillet-capture status          Show configuration, access and recent log lines
+  quillet-capture audit           Account for every recording: captured, waiting or needing you
+  quillet-capture run             Run capture in the foreground (what the systemd unit runs)
+  quillet-capture version
+  quillet-capture help COMMAND    What a command does, its options and an example
+
+--after-transcript runs <command> with )" +
+           Process::loginShell("").executable + R"( -lc in the folder each time a
+transcript is written (env QUILLET_ID, QUILLET_FILE, QUILLET_FOLDER), for example
+--after-transcript 'claude -p "/inbox"'. An empty command turns it off.
+
+Typical first run:
+  quillet-capture setup --watch <folder>   (transcripts go to ~/Documents/quillet)
+  quillet-capture pair
   quillet-capture install)";
 }
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "quillet_capture/platform/System.hpp"
+
 #include <optional>
 #include <string>
 #include <string_view>
@@ -28,8 +30,9 @@ std::string plural(int count, const std::string& word);
 /// last. A value that starts with "--" is returned as it is.
 std::optional<std::string> option(std::string_view name, const std::vector<std::string>& arguments);
 
-/// The usage text, without the final line feed.
-std::string usageText();
+/// The usage text of `platform`, without the final line feed. The Linux text names Linux's
+/// own things (the systemd user unit, the shell that runs the after-transcript command).
+std::string usageText(System::Platform platform = System::currentPlatform);
 
 /// Prints the usage text and ends the process with status 0.
 [[noreturn]] void usage();

@@ -11,6 +11,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
 #include <ctime>
 #include <mutex>
@@ -155,12 +156,28 @@ void rlogMessage(const std::string& message)
     // forge a line, and one that is not UTF-8 cannot keep status from showing the log.
     const std::string safe = Utf8::escapedLine(message);
     System::systemLog(safe);
-    std::string line = safe + "\n";
-    std::fwrite(line.data(), 1, line.size(), stderr);
+    if (QuilletLog::echoesToStandardError()) {
+        std::string line = safe + "\n";
+        std::fwrite(line.data(), 1, line.size(), stderr);
+    }
     QuilletLog::write(safe);
 }
 
 namespace QuilletLog {
+
+namespace {
+std::atomic<bool> echo{true};
+} // namespace
+
+void echoToStandardError(bool on)
+{
+    echo = on;
+}
+
+bool echoesToStandardError()
+{
+    return echo;
+}
 
 std::filesystem::path fileURL()
 {

@@ -38,7 +38,8 @@ struct LogArg {
 /// inserted once and never re-read as formats.
 std::string formatLog(std::string_view format, std::initializer_list<LogArg> args);
 
-/// Sends a finished message to the system log (and standard error) and to the log file.
+/// Sends a finished message to the system log (and standard error, see
+/// `QuilletLog::echoToStandardError`) and to the log file.
 void rlogMessage(const std::string& message);
 
 /// The one logging call: formats the message, writes it to the system log and standard error,
@@ -58,6 +59,12 @@ std::filesystem::path fileURL();
 /// Stamps `message` now, on the caller's thread, and queues the append on the serial queue
 /// "quillet.log". Returns at once.
 void write(const std::string& message);
+
+/// Whether log lines are also written to standard error (they always go to the system log and
+/// the log file). On by default; the one-shot commands turn it off unless asked for their log
+/// lines, so that the terminal shows their answers. Any thread.
+void echoToStandardError(bool on);
+bool echoesToStandardError();
 
 /// Waits until every line queued so far is in the file. Every way the process ends calls it.
 void drain();

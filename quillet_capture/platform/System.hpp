@@ -4,6 +4,15 @@
 
 namespace quillet::System {
 
+/// The system the program is built for. Texts that name a system's own things (the
+/// LaunchAgent, the systemd user unit) pick their words by it.
+enum class Platform { macOS, Linux };
+#ifdef __APPLE__
+inline constexpr Platform currentPlatform = Platform::macOS;
+#else
+inline constexpr Platform currentPlatform = Platform::Linux;
+#endif
+
 /// The computer's name for the start line of `run`: the localised computer name on macOS,
 /// `gethostname` on Linux; "?" when the system gives none.
 std::string hostName();

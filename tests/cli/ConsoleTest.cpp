@@ -39,6 +39,7 @@ TEST(Usage, TextIsExact)
         "  quillet-capture audit           Account for every recording: captured, waiting or needing you\n"
         "  quillet-capture run             Run capture in the foreground (what the LaunchAgent runs)\n"
         "  quillet-capture version\n"
+        "  quillet-capture help COMMAND    What a command does, its options and an example\n"
         "\n"
         "--after-transcript runs <command> with /bin/zsh -lc in the folder each time a\n"
         "transcript is written (env QUILLET_ID, QUILLET_FILE, QUILLET_FOLDER), for example\n"
@@ -49,7 +50,7 @@ TEST(Usage, TextIsExact)
         "  quillet-capture pair\n"
         "  (grant Full Disk Access to this program, see README)\n"
         "  quillet-capture install";
-    EXPECT_EQ(usageText(), expected);
+    EXPECT_EQ(usageText(System::Platform::macOS), expected);
 }
 
 } // namespace

@@ -1,3 +1,4 @@
+#include "quillet_capture/cli/CommandLine.hpp"
 #include "quillet_capture/cli/Commands.hpp"
 #include "quillet_capture/cli/Console.hpp"
 
@@ -19,9 +20,10 @@ namespace {
 namespace fs = std::filesystem;
 using Words = std::set<std::string>;
 
-// The manual page and the shell completions against the program itself: the command table, the
-// options that the commands read (from their sources) and the usage text. A command or option
-// added, renamed or removed in one place and not in the others fails here.
+// The manual page, the shell completions, the usage text and the commands' sources against the
+// command table, from which the program parses every command line and prints every command's
+// help. A command or option added, renamed or removed in one place and not in the others fails
+// here.
 
 std::string sourceFile(const std::string& relative)
 {
@@ -85,9 +87,9 @@ Words optionsReadIn(const std::string& file)
 }
 
 // The options that the usage text shows for `command`: its line and the lines that continue it.
-Words usageOptions(const std::string& command)
+Words usageOptions(const std::string& command, System::Platform platform)
 {
-    std::istringstream lines(usageText());
+    std::istringstream lines(usageText(platform));
     std::string line, entry;
     bool inside = false;
     while (std::getline(lines, line)) {
@@ -104,15 +106,27 @@ Words usageOptions(const std::string& command)
     return matches(entry, "(--[a-z][a-z-]*)");
 }
 
-// Each command and the options it takes: those of the usage text, and the ones its code reads
-// beyond them (--watch, which the usage text leaves out; audit's, and retry's --restore).
+// Each command (by its first word) and the options of its row in the table.
 std::map<std::string, Words> commandOptions()
 {
-    return {{"setup", united(usageOptions("setup"), optionsReadIn("SetupCommand.cpp"))},
-            {"import-existing", usageOptions("import-existing")},
-            {"audit", without(optionsReadIn("AuditCommand.cpp"), {"--help"})},
-            {"retry", {"--restore"}},
-            {"status", {"--json"}}};
+    std::map<std::string, Words> options;
+    for (const auto& command : commandTable()) {
+        auto& words = options[command.words.front()];
+        for (const auto& option : command.options) {
+            words.insert(option.name);
+        }
+    }
+    return options;
+}
+
+// What every command takes besides its own options.
+Words commonWords()
+{
+    Words words = {"-h"};
+    for (const auto& option : commonOptions()) {
+        words.insert(option.name);
+    }
+    return words;
 }
 
 Words allOptions()
@@ -124,13 +138,18 @@ Words allOptions()
     return all;
 }
 
-TEST(Reference, TheUsageTextShowsOnlyOptionsThatTheCommandsRead)
+TEST(Reference, TheUsageTextAndTheSourcesUseOnlyOptionsOfTheTable)
 {
-    ASSERT_FALSE(usageOptions("setup").empty()) << usageText();
-    ASSERT_FALSE(usageOptions("import-existing").empty()) << usageText();
-    EXPECT_EQ(without(usageOptions("setup"), optionsReadIn("SetupCommand.cpp")), Words{});
-    EXPECT_EQ(without(usageOptions("import-existing"), optionsReadIn("BatchCommands.cpp")), Words{});
-    // Every option that some command reads has its command here, so the checks below see it.
+    auto options = commandOptions();
+    for (auto platform : {System::Platform::macOS, System::Platform::Linux}) {
+        SCOPED_TRACE(platform == System::Platform::macOS ? "macOS" : "Linux");
+        ASSERT_FALSE(usageOptions("setup", platform).empty()) << usageText(platform);
+        ASSERT_FALSE(usageOptions("import-existing", platform).empty()) << usageText(platform);
+        for (const auto& [command, taken] : options) {
+            EXPECT_EQ(without(usageOptions(command, platform), taken), Words{}) << command;
+        }
+    }
+    // An option that some command's code reads is in the table, so it is parsed and in the help.
     Words read;
     for (const auto& entry : fs::directory_iterator(fs::path(QUILLET_SOURCE_DIR) / "quillet_capture/cli")) {
         if (entry.path().extension() != ".cpp") {
@@ -139,9 +158,8 @@ TEST(Reference, TheUsageTextShowsOnlyOptionsThatTheCommandsRead)
         auto found = optionsReadIn(entry.path().filename().string());
         read.insert(found.begin(), found.end());
     }
-    // --help asks for help and is no option of the command's work: the text of the manual
-    // page mentions it.
-    EXPECT_EQ(without(read, {"--help"}), allOptions());
+    ASSERT_TRUE(read.contains("--vault")) << "no option found: the sources moved?";
+    EXPECT_EQ(without(read, united(allOptions(), commonWords())), Words{});
 }
 
 // The bold words of a line of roff: the words that a macro (.B, .BR, .BI, .RB, ...) or a
@@ -229,6 +247,7 @@ Words manualTags(const std::string& section)
 TEST(Reference, TheManualPageDescribesEveryCommandAndOptionAndNothingElse)
 {
     EXPECT_EQ(manualTags("COMMANDS"), united(commandWords(), allOptions()));
+    EXPECT_EQ(manualTags("OPTIONS"), commonWords());
     EXPECT_NE(sourceFile("man/quillet-capture.1").find("\"quillet-capture " QUILLET_PROJECT_VERSION "\""),
               std::string::npos)
         << "the manual page's title line names another version";
@@ -295,19 +314,21 @@ TEST(Reference, BashCompletesCommandsAndTheirOptions)
     EXPECT_EQ(bashOffers({"s"}), startingWithS);
 
     auto options = commandOptions();
-    EXPECT_EQ(bashOffers({"setup", ""}), options["setup"]);
-    EXPECT_EQ(bashOffers({"setup", "--"}), options["setup"]);
+    const Words common = without(commonWords(), {"-h"});
+    for (const auto& [command, taken] : options) {
+        EXPECT_EQ(bashOffers({command, ""}), command == "help" ? plainCommands() : united(taken, common)) << command;
+    }
+    EXPECT_EQ(bashOffers({"setup", "--"}), united(options["setup"], common));
     // An option already given is not offered again, except --watch, which may be repeated.
-    EXPECT_EQ(bashOffers({"setup", "--vault", "/tmp", "--watch", "/tmp", "--no-upload", ""}),
-              without(options["setup"], {"--vault", "--no-upload"}));
-    EXPECT_EQ(bashOffers({"import-existing", ""}), options["import-existing"]);
+    EXPECT_EQ(bashOffers({"setup", "--vault", "/tmp", "--watch", "/tmp", "--no-upload", "--verbose", ""}),
+              united(without(options["setup"], {"--vault", "--no-upload"}), {"--help"}));
     EXPECT_EQ(bashOffers({"import-existing", "--since", ""}), Words{});
-    EXPECT_EQ(bashOffers({"status", ""}), options["status"]);
-    EXPECT_EQ(bashOffers({"status", "--json", ""}), Words{});
-    EXPECT_EQ(bashOffers({"audit", ""}), options["audit"]);
-    EXPECT_EQ(bashOffers({"audit", "--verify", "--json", ""}), without(options["audit"], {"--verify", "--json"}));
+    EXPECT_EQ(bashOffers({"status", "--json", ""}), common);
+    EXPECT_EQ(bashOffers({"audit", "--verify", "--json", ""}),
+              united(without(options["audit"], {"--verify", "--json"}), common));
     EXPECT_EQ(bashOffers({"audit", "--since", ""}), Words{});
-    EXPECT_EQ(bashOffers({"retry", ""}), options["retry"]);
+    EXPECT_EQ(bashOffers({"retry", "--restore", ""}), Words{});
+    EXPECT_EQ(bashOffers({"help", "se"}), (Words{"setup"}));
 
     // The value of --vault and --watch is a folder.
     test::ScratchDir dir;
@@ -322,7 +343,8 @@ TEST(Reference, ZshAndFishCompletionsNameEveryCommandAndOption)
 {
     auto zsh = sourceFile("completions/_quillet-capture");
     EXPECT_EQ(matches(zsh, "\n +'([a-z-]+):"), plainCommands());
-    EXPECT_EQ(matches(zsh, "'(?:\\([^)]*\\))?\\*?(-{1,2}[a-z][a-z-]*)\\["), united(allOptions(), dashWords()));
+    EXPECT_EQ(matches(zsh, "'(?:\\([^)]*\\))?\\*?(-{1,2}[a-z][a-z-]*)\\["),
+              united(united(allOptions(), dashWords()), commonWords()));
 
     auto fish = sourceFile("completions/quillet-capture.fish");
     EXPECT_EQ(matches(fish, "\nset -l commands ([a-z -]+)\n").size(), 1u);
@@ -334,7 +356,7 @@ TEST(Reference, ZshAndFishCompletionsNameEveryCommandAndOption)
         fishOptions.insert("-" + short_);
     }
     Words expected;
-    for (const auto& option : united(allOptions(), dashWords())) {
+    for (const auto& option : united(united(allOptions(), dashWords()), commonWords())) {
         expected.insert(option.starts_with("--") ? option.substr(2) : option);
     }
     EXPECT_EQ(fishOptions, expected);
