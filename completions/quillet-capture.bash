@@ -55,9 +55,15 @@ _quillet_capture()
         [[ " ${COMP_WORDS[*]:2:COMP_CWORD-2} " == *" --json "* ]] || COMPREPLY=($(compgen -W "--json" -- "$cur"))
         ;;
     import-existing)
-        # --since takes a day, YYYY-MM-DD.
-        if [[ $prev != --since && " ${COMP_WORDS[*]:2:COMP_CWORD-2} " != *" --since "* ]]; then
-            COMPREPLY=($(compgen -W "--since" -- "$cur"))
+        # --since takes a day, YYYY-MM-DD; --folder a folder; --dry-run nothing.
+        if [[ $prev == --folder ]]; then
+            COMPREPLY=($(compgen -d -- "$cur"))
+        elif [[ $prev != --since ]]; then
+            local used=" ${COMP_WORDS[*]:2:COMP_CWORD-2} " offered=() option
+            for option in --since --folder --dry-run; do
+                [[ $used == *" $option "* ]] || offered+=("$option")
+            done
+            COMPREPLY=($(compgen -W "${offered[*]}" -- "$cur"))
         fi
         ;;
     esac
