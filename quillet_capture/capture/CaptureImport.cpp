@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstdint>
 #include <cstdio>
 #include <ctime>
 #include <filesystem>
@@ -233,9 +234,10 @@ void commit(Pick& pick, CaptureStateStore& store, CaptureIdentities* identities,
          pick.result.folderPath, pick.result.wereSeen);
 }
 
-// Leaves out of later picks what an earlier pick holds already: the same file (a link, or a
-// folder inside another) or the same bytes. Bytes are compared only between files of one size.
-void leaveOutDuplicates(std::vector<Pick>& picks)
+// Leaves out of the picks what a capture of these folders, or an earlier pick, holds already:
+// the same file (a link, or a folder inside another) or the same bytes. Bytes are compared only
+// between files of one size. The agent itself knows copies only within one folder.
+void leaveOutDuplicates(std::vector<Pick>& picks, const CaptureStateStore& store)
 {
     std::set<std::pair<dev_t, ino_t>> files;
     std::map<std::uintmax_t, std::vector<fs::path>> keptBySize;
@@ -253,6 +255,18 @@ void leaveOutDuplicates(std::vector<Pick>& picks)
         }
         return digests.emplace(file, digest).first->second;
     };
+    for (const auto& pick : picks) {
+        const fs::path root = pick.folder.url();
+        auto captured = store.entriesWhere(pick.folder.id, [](std::string_view, const auto& entry) {
+            return !entry.file.empty();
+        });
+        for (const auto& [name, entry] : captured) {
+            struct stat info {};
+            if (::stat((root / name).c_str(), &info) == 0 && files.insert({info.st_dev, info.st_ino}).second) {
+                keptBySize[static_cast<std::uintmax_t>(info.st_size)].push_back(root / name);
+            }
+        }
+    }
     for (auto& pick : picks) {
         const fs::path root = pick.folder.url();
         std::erase_if(pick.names, [&](const std::string& name) {
@@ -365,7 +379,7 @@ std::vector<Result> queueFolders(const std::vector<WatchedFolder>& folders, std:
             picks.push_back(std::move(missing));
         }
     }
-    leaveOutDuplicates(picks);
+    leaveOutDuplicates(picks, store);
     if (mode == Mode::queue) {
         int total = 0;
         for (const auto& pick : picks) {

@@ -271,6 +271,11 @@ TEST_F(FolderImportTest, SeveralFoldersQueueEachRecordingOnceAndLeaveOutWhatTheP
     place(second.url() / "copy of talk.m4a", "the same talk", daysBefore(3));
     place(second.url() / "b.m4a", "recording b", daysBefore(3));
     place(second.url() / "gone.m4a", "removed note", daysBefore(3));
+    // Captured from the first folder already; its copy in the second is history there.
+    place(first.url() / "captured.m4a", "a captured talk", daysBefore(4));
+    store->markSeen("captured.m4a", "id-captured", first.id, std::nullopt, "15:1:2:3:4");
+    place(second.url() / "captured elsewhere.m4a", "a captured talk", daysBefore(3));
+    store->markIndexed({{"captured elsewhere.m4a", "id-elsewhere"}}, second.id);
     auto missing = WatchedFolder::generic((home.path() / "Unplugged").string());
     auto removed = [&](const std::string& folderId, const std::string& name) {
         return folderId == second.id && name == "gone.m4a";
@@ -282,12 +287,13 @@ TEST_F(FolderImportTest, SeveralFoldersQueueEachRecordingOnceAndLeaveOutWhatTheP
     ASSERT_EQ(results.size(), 3u);
     EXPECT_EQ(namesOf(results[0]), (Names{"a.m4a", "talk.m4a"}));
     EXPECT_EQ(namesOf(results[1]), (Names{"b.m4a"}));
-    EXPECT_EQ(results[1].duplicates, 1) << "the same audio in two folders is one recording";
+    EXPECT_EQ(results[1].duplicates, 2) << "the same audio in two folders is one recording";
     EXPECT_EQ(results[1].removed, 1);
     EXPECT_TRUE(results[2].missing);
     EXPECT_FALSE(store->hasSeen("talk.m4a", first.id));
     EXPECT_FALSE(store->hasSeen("b.m4a", second.id));
     EXPECT_TRUE(store->hasSeen("copy of talk.m4a", second.id));
+    EXPECT_TRUE(store->hasSeen("captured elsewhere.m4a", second.id)) << "captured from the first folder already";
     EXPECT_TRUE(store->hasSeen("gone.m4a", second.id)) << "a removed note's recording is not offered again";
     ASSERT_FALSE(reports.empty());
     EXPECT_EQ(reports.back(), (std::pair<int, int>{3, 3}));
