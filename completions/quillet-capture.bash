@@ -60,9 +60,16 @@ _quillet_capture()
         _quillet_capture_offer "" --json
         ;;
     import-existing)
-        # --since takes a day, YYYY-MM-DD.
-        [[ $prev == --since ]] && return
-        _quillet_capture_offer "" --since
+        # --since takes a day, YYYY-MM-DD; --folder a folder.
+        case $prev in
+        --since) return ;;
+        --folder)
+            compopt -o filenames 2>/dev/null
+            COMPREPLY=($(compgen -d -- "$cur"))
+            return
+            ;;
+        esac
+        _quillet_capture_offer "" --since --folder --dry-run
         ;;
     *)
         _quillet_capture_offer ""

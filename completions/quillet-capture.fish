@@ -30,6 +30,8 @@ complete -c quillet-capture -n '__fish_seen_subcommand_from setup' -l no-notific
 complete -c quillet-capture -n '__fish_seen_subcommand_from setup' -l watch -x -a '(__fish_complete_directories)' -d 'Watch this folder too (repeatable)'
 
 complete -c quillet-capture -n '__fish_seen_subcommand_from import-existing' -l since -x -d 'Only recordings from this day on (YYYY-MM-DD)'
+complete -c quillet-capture -n '__fish_seen_subcommand_from import-existing' -l folder -x -a '(__fish_complete_directories)' -d 'Only this watched folder'
+complete -c quillet-capture -n '__fish_seen_subcommand_from import-existing' -l dry-run -d 'List what would be queued, queue nothing'
 
 complete -c quillet-capture -n '__fish_seen_subcommand_from audit' -l all -d 'Also list the skipped files'
 complete -c quillet-capture -n '__fish_seen_subcommand_from audit' -l since -x -d 'Only recordings from this day on (YYYY-MM-DD)'

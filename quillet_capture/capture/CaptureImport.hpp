@@ -3,6 +3,7 @@
 #include "quillet_capture/config/WatchedFolder.hpp"
 
 #include <chrono>
+#include <filesystem>
 #include <functional>
 #include <optional>
 #include <stdexcept>
@@ -15,23 +16,44 @@ namespace quillet {
 class CaptureIdentities;
 class CaptureStateStore;
 
-/// The deliberate way back to recordings that were already in Voice Memos when capture was
-/// set up: the first index marked them seen, and this forgets them again so that the agent's
-/// next poll captures them like new ones. It neither copies nor uploads anything itself.
+/// The deliberate way back to recordings that were already in a watched folder (Voice Memos or
+/// any other) when it was first watched: the first index marked them seen, and this forgets
+/// them again so that the agent's next poll captures them like new ones, through the agent's
+/// own journal. It neither copies nor uploads anything itself.
 namespace CaptureImport {
 
 using TimePoint = std::chrono::system_clock::time_point;
 
-/// What `queueExisting` did.
+/// One picked recording: its file name and when it was made (from a Voice Memos name, else
+/// the file's modification time; nothing when neither can be read).
+struct Picked {
+    std::string name;
+    std::optional<TimePoint> date;
+    bool operator==(const Picked&) const = default;
+};
+
+/// What `queueExisting` did (or, in a dry run, would do) in one folder.
 struct Result {
-    std::string folderPath;  // the Voice Memos folder that was read
+    std::string folderPath;  // the folder that was read
     int picked = 0;          // recordings selected
     int wereSeen = 0;        // of them, how many were in the seen set and were forgotten
     int deleted = 0;         // left out: in Recently Deleted in Voice Memos
     int removed = 0;         // left out: their notes were made and the person removed them
     /// The picked recordings that have a title in Voice Memos: file name and title.
     std::vector<std::pair<std::string, std::string>> titles = {};
+    std::string folderId = {};
+    /// The picked recordings, by name.
+    std::vector<Picked> recordings = {};
+    int duplicates = 0;  // left out: the same file or bytes as a recording picked before
+    /// The agent has not indexed the folder yet (or it was never watched): nothing in it is
+    /// history yet, so nothing is picked.
+    bool notIndexed = false;
+    /// The folder does not exist (only said when several folders were asked for).
+    bool missing = false;
 };
+
+/// Whether queueing changes anything.
+enum class Mode { queue, dryRun };
 
 /// The recordings picked from the Voice Memos folder.
 struct Selection {
@@ -80,6 +102,32 @@ Result queueExisting(std::optional<TimePoint> since, CaptureStateStore& store,
 
 /// The same on the agent's shared state store.
 Result queueExisting(std::optional<TimePoint> since, const RemovedByPerson& removedByPerson = nullptr);
+
+/// The recordings of the generic folder `folder` that were there before it was first watched
+/// (the moment kept in `firstWatchedFile`): its audio files (the folder's extensions, else the
+/// default audio set; hidden names and what is no regular file skipped) modified before that
+/// moment and, with `since`, on or after `since`, sorted by name. Files that the seen set
+/// holds as captured are left out. None when no moment is kept or `store` has not indexed the
+/// folder. Throws Failure when the folder cannot be listed. Any thread.
+Selection folderRecordings(const WatchedFolder& folder, std::optional<TimePoint> since, const CaptureStateStore& store,
+                           const std::filesystem::path& firstWatchedFile);
+
+/// Whether the note of recording `name` of the folder `folderId` was removed by the person.
+using RemovedFromFolder = std::function<bool(const std::string& folderId, const std::string& name)>;
+/// Told after each batch of the queueing: how many recordings are queued so far, of how many.
+using Progress = std::function<void(int done, int total)>;
+
+/// `queueExisting` over several watched folders (the Voice Memos one as above, the others by
+/// `folderRecordings`), one Result per folder in order. A file picked in an earlier folder
+/// (the same file, or the same bytes) is picked once: later ones are counted as duplicates and
+/// stay seen. With `Mode::dryRun` nothing is written and nothing logged. A folder that cannot
+/// be listed throws Failure before anything is queued, so that a failure changes nothing;
+/// only among several folders is one that does not exist reported as `missing` instead. Any
+/// thread.
+std::vector<Result> queueFolders(const std::vector<WatchedFolder>& folders, std::optional<TimePoint> since,
+                                 CaptureStateStore& store, CaptureIdentities* identities,
+                                 const RemovedFromFolder& removedByPerson, Mode mode, const Progress& progress = nullptr,
+                                 const std::filesystem::path& firstWatchedFile = {});
 
 } // namespace CaptureImport
 } // namespace quillet

@@ -4,6 +4,7 @@
 #include "quillet_capture/cli/Console.hpp"
 #include "quillet_capture/config/Keychain.hpp"
 #include "quillet_capture/config/Settings.hpp"
+#include "quillet_capture/pipeline/CaptureIdentities.hpp"
 #include "quillet_capture/pipeline/CapturePipeline.hpp"
 #include "quillet_capture/pipeline/CaptureRecovery.hpp"
 #include "quillet_capture/pipeline/CaptureRetry.hpp"
@@ -18,10 +19,13 @@
 
 #include <asio/executor_work_guard.hpp>
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <ctime>
+#include <map>
 #include <memory>
 #include <regex>
 #include <set>
@@ -298,15 +302,164 @@ void cmdRetry(const std::vector<std::string>& arguments)
     runtime::exitProcess(0);
 }
 
+namespace {
+
+// "2024-02-01 09:30" in the local time zone; "unknown date" without one.
+std::string localMinute(std::optional<std::chrono::system_clock::time_point> time)
+{
+    if (!time) {
+        return "unknown date";
+    }
+    tzset();
+    std::time_t seconds = std::chrono::system_clock::to_time_t(*time);
+    std::tm local{};
+    localtime_r(&seconds, &local);
+    char text[64];
+    std::strftime(text, sizeof text, "%Y-%m-%d %H:%M", &local);
+    return text;
+}
+
+// The watched folder that `path` names (a leading "~" expanded, a relative path taken from the
+// working folder, links resolved), among `folders`.
+std::optional<WatchedFolder> watchedFolderAt(const std::string& path, const std::vector<WatchedFolder>& folders)
+{
+    fs::path expanded = WatchedFolder::generic(path).url();
+    std::error_code error;
+    fs::path absolute = fs::absolute(expanded, error);
+    if (error) {
+        return std::nullopt;
+    }
+    auto wanted = WatchedFolder::generic(absolute.string()).resolvedURL();
+    for (const auto& folder : folders) {
+        if (folder.resolvedURL() == wanted) {
+            return folder;
+        }
+    }
+    return std::nullopt;
+}
+
+void printImportSummary(const std::vector<CaptureImport::Result>& results, CaptureImport::Mode mode)
+{
+    int deleted = 0;
+    int removed = 0;
+    int duplicates = 0;
+    int total = 0;
+    for (const auto& result : results) {
+        deleted += result.deleted;
+        removed += result.removed;
+        duplicates += result.duplicates;
+        total += result.picked;
+    }
+    if (deleted > 0) {
+        out("Left out " + plural(deleted, "recording") + " in Recently Deleted in Voice Memos.");
+    }
+    if (removed > 0) {
+        out("Left out " + plural(removed, "recording") +
+            " whose note you removed from the inbox (quillet-capture audit --all lists them; retry --restore ID "
+            "brings one back).");
+    }
+    if (duplicates > 0) {
+        out("Left out " + plural(duplicates, "recording") + " found twice (the same file or the same audio): " +
+            "each is queued once.");
+    }
+    const bool dryRun = mode == CaptureImport::Mode::dryRun;
+    for (const auto& result : results) {
+        if (dryRun) {
+            for (const auto& recording : result.recordings) {
+                out(result.folderPath + "  " + recording.name + "  " + localMinute(recording.date));
+            }
+            continue;
+        }
+        if (result.missing) {
+            out("No recordings to send in " + result.folderPath + " (it does not exist).");
+        } else if (result.notIndexed) {
+            out("No recordings to send in " + result.folderPath +
+                " yet: the capture agent has not indexed it (start it with quillet-capture install, then run this "
+                "again).");
+        } else if (result.picked < 1) {
+            out("No recordings to send in " + result.folderPath + ".");
+        } else {
+            out("Queued " + plural(result.picked, "recording") + " from " + result.folderPath + ".");
+            // The names the person gave them in Voice Memos, so that they know what comes.
+            constexpr std::size_t kTitlesShown = 10;
+            for (std::size_t at = 0; at < result.titles.size() && at < kTitlesShown; ++at) {
+                out("  " + result.titles[at].second + " (" + result.titles[at].first + ")");
+            }
+            if (result.titles.size() > kTitlesShown) {
+                out("  and " + std::to_string(result.titles.size() - kTitlesShown) + " more with a title");
+            }
+        }
+    }
+    if (dryRun) {
+        out("Would queue " + plural(total, "recording") + "; nothing was queued (--dry-run).");
+        return;
+    }
+    if (results.size() > 1 && total > 0) {
+        out("Queued " + plural(total, "recording") + " in all.");
+    }
+    if (total > 0) {
+        requirePairedForUpload();
+        out("The capture agent picks them up within about 30 seconds and uploads them one at a time.");
+        out("Follow progress with: quillet-capture status");
+    }
+}
+
+} // namespace
+
 void cmdImportExisting(const std::vector<std::string>& arguments)
 {
     requireSetup();
     auto since = parseSince(arguments);
+    const auto mode = std::find(arguments.begin(), arguments.end(), "--dry-run") != arguments.end()
+                          ? CaptureImport::Mode::dryRun
+                          : CaptureImport::Mode::queue;
 
-    std::optional<CaptureImport::Result> result;
-    withAgentStopped([&result, &since] {
+    auto folders = Settings::shared().enabledWatchedFolders();
+    if (auto path = option("--folder", arguments)) {
+        auto folder = watchedFolderAt(*path, folders);
+        if (!folder) {
+            std::string names;
+            for (const auto& watched : folders) {
+                names += (names.empty() ? "" : ", ") + watched.url().string();
+            }
+            std::fprintf(stderr, "%s is not a watched folder (the watched folders: %s).\n", path->c_str(),
+                         names.empty() ? "none" : names.c_str());
+            std::fflush(stderr);
+            runtime::exitProcess(2);
+        }
+        folders = {*folder};
+    }
+
+    // What the person removed from the vault, asked per folder.
+    std::map<std::string, CaptureImport::RemovedByPerson> removedIn;
+    for (const auto& folder : folders) {
+        removedIn.emplace(folder.id, removedFromVault(folder.id));
+    }
+    auto removed = [&removedIn](const std::string& folderId, const std::string& name) {
+        auto found = removedIn.find(folderId);
+        return found != removedIn.end() && found->second(name);
+    };
+
+    // On a terminal a long run shows how far it is, on one line rewritten in place.
+    const bool terminal = ::isatty(STDOUT_FILENO) == 1;
+    bool progressShown = false;
+    CaptureImport::Progress progress = [&progressShown, terminal](int done, int total) {
+        constexpr int kWorthShowing = 50;
+        if (!terminal || total <= kWorthShowing) {
+            return;
+        }
+        std::printf("\rQueued %d of %d...", done, total);
+        std::fflush(stdout);
+        progressShown = true;
+    };
+
+    std::optional<std::vector<CaptureImport::Result>> results;
+    auto work = [&] {
         try {
-            result = CaptureImport::queueExisting(since, removedFromVault(std::string(CaptureStateStore::voiceMemosFolderId)));
+            results = CaptureImport::queueFolders(folders, since, CaptureStateStore::shared(),
+                                                  mode == CaptureImport::Mode::queue ? &CaptureIdentities::shared()
+                                                                                     : nullptr,
+                                                  removed, mode, progress);
         } catch (const CaptureImport::Failure& failure) {
             out("Cannot read " + failure.path() + ": " + failure.reason() +
                 ". If it says permission, grant Full Disk Access to this Terminal (to run this command) and to "
@@ -314,34 +467,21 @@ void cmdImportExisting(const std::vector<std::string>& arguments)
         } catch (const std::exception& error) {
             out(error.what());
         }
-    });
-    if (!result) {
+    };
+    // A dry run only reads: the agent may go on.
+    if (mode == CaptureImport::Mode::dryRun) {
+        work();
+    } else {
+        withAgentStopped(work);
+    }
+    if (progressShown) {
+        std::printf("\r\033[K");
+        std::fflush(stdout);
+    }
+    if (!results) {
         runtime::exitProcess(1);
     }
-    if (result->deleted > 0) {
-        out("Left out " + plural(result->deleted, "recording") + " in Recently Deleted in Voice Memos.");
-    }
-    if (result->removed > 0) {
-        out("Left out " + plural(result->removed, "recording") +
-            " whose note you removed from the inbox (quillet-capture audit --all lists them; retry --restore ID "
-            "brings one back).");
-    }
-    if (result->picked < 1) {
-        out("No recordings to send in " + result->folderPath + ".");
-    } else {
-        out("Queued " + plural(result->picked, "recording") + " from " + result->folderPath + ".");
-        // The names the person gave them in Voice Memos, so that they know what comes.
-        constexpr std::size_t kTitlesShown = 10;
-        for (std::size_t at = 0; at < result->titles.size() && at < kTitlesShown; ++at) {
-            out("  " + result->titles[at].second + " (" + result->titles[at].first + ")");
-        }
-        if (result->titles.size() > kTitlesShown) {
-            out("  and " + std::to_string(result->titles.size() - kTitlesShown) + " more with a title");
-        }
-        requirePairedForUpload();
-        out("The capture agent picks them up within about 30 seconds and uploads them one at a time.");
-        out("Follow progress with: quillet-capture status");
-    }
+    printImportSummary(*results, mode);
     runtime::exitProcess(0);
 }
 

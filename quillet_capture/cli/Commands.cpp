@@ -135,17 +135,20 @@ const std::vector<Command>& commandTable()
             .words = {"import-existing"},
             .operands = "",
             .maxOperands = 0,
-            .summary = "Queues the recordings already in the Voice Memos folder (.m4a, .qta and .wav files; with "
-                       "--since, those from that day on) for the agent to capture, with the agent stopped "
-                       "meanwhile, and prints their titles. Recordings in Recently Deleted, recordings already "
-                       "captured and those whose note you removed are left out.",
-            .options = {{"--since", Value::day, "YYYY-MM-DD", "only the recordings made on or after that day", false}},
-            .changes = "adds the recordings to the capture state's queue; the agent then copies them into the "
-                       "vault and writes their notes.",
-            .example = "quillet-capture import-existing --since 2026-09-01",
-            .exitStatus = "0 queued (also when there was nothing left to queue); 1 nothing is set up or the folder "
-                          "cannot be read; " +
-                          kWrongOption,
+            .summary = "Queues the recordings that were already in the watched folders before they were first "
+                       "watched (the Voice Memos folder's .m4a, .qta and .wav files, and the audio files of every "
+                       "other watched folder) for the agent to capture, with the agent stopped meanwhile, and "
+                       "says per folder how many. Recordings in Recently Deleted, recordings already captured, "
+                       "the same recording found twice and those whose note you removed are left out.",
+            .options = {{"--since", Value::day, "YYYY-MM-DD", "only the recordings made on or after that day", false},
+                        {"--folder", Value::folder, "<folder>", "only this watched folder (default: every one)", false},
+                        {"--dry-run", Value::none, "", "list what would be queued, and queue nothing", false}},
+            .changes = "adds the recordings to the capture state's queue (the agent then copies them into the "
+                       "vault and writes their notes); with --dry-run, nothing.",
+            .example = "quillet-capture import-existing --folder ~/Recordings --dry-run",
+            .exitStatus = "0 queued (also when there was nothing left to queue); 1 nothing is set up or a folder "
+                          "cannot be read; 2 a folder that is not watched, or " +
+                          kWrongOption.substr(2),
             .showsLog = false,
             .run = [](const CommandLine&) { cmdImportExisting(args); },
         },

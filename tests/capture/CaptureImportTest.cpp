@@ -1,5 +1,6 @@
 #include "quillet_capture/capture/CaptureImport.hpp"
 
+#include "quillet_capture/capture/FirstWatched.hpp"
 #include "quillet_capture/cli/Commands.hpp"
 #include "quillet_capture/pipeline/CaptureIdentities.hpp"
 #include "quillet_capture/pipeline/CaptureStateStore.hpp"
@@ -155,6 +156,157 @@ TEST_F(CaptureImportTest, AFolderThatCannotBeListedIsUnreadable)
         EXPECT_EQ(failure.reason(), "Permission denied");
     }
     fs::permissions(folder, fs::perms::owner_all);
+}
+
+
+// Generic folders: what was there before the folder was first watched, kept as history by the
+// agent's first index, is offered; what came later is the agent's own to catch.
+struct FolderImportTest : CaptureImportTest {
+    using TimePoint = std::chrono::system_clock::time_point;
+    fs::path moments = home.path() / "first-watched.json";
+    TimePoint firstWatched = std::chrono::system_clock::now() - std::chrono::hours(1);
+
+    // A folder as the agent leaves it after its first index: its moment kept and the files
+    // `history` marked seen as there before it.
+    WatchedFolder watched(const std::string& name, const Names& history)
+    {
+        auto folder = WatchedFolder::generic((home.path() / name).string());
+        fs::create_directories(folder.url());
+        FirstWatched::fix(folder.id, firstWatched, moments);
+        std::vector<CaptureStateStore::SeenName> seen;
+        for (const auto& file : history) {
+            seen.push_back({file, "id-" + file});
+        }
+        store->markIndexed(seen, folder.id);
+        return folder;
+    }
+
+    // A file of `bytes` whose modification time is `modified`.
+    static void place(const fs::path& file, const std::string& bytes, TimePoint modified)
+    {
+        test::writeFile(file, bytes);
+        auto offset = std::chrono::duration_cast<fs::file_time_type::duration>(modified - std::chrono::system_clock::now());
+        fs::last_write_time(file, fs::file_time_type::clock::now() + offset);
+    }
+
+    TimePoint daysBefore(int days) const { return firstWatched - std::chrono::hours(24 * days); }
+
+    std::vector<CaptureImport::Result> run(const std::vector<WatchedFolder>& folders,
+                                           std::optional<TimePoint> since, CaptureImport::Mode mode,
+                                           const CaptureImport::RemovedFromFolder& removed = nullptr,
+                                           const CaptureImport::Progress& progress = nullptr)
+    {
+        return CaptureImport::queueFolders(folders, since, *store, nullptr, removed, mode, progress, moments);
+    }
+
+    static Names namesOf(const CaptureImport::Result& result)
+    {
+        Names names;
+        for (const auto& recording : result.recordings) {
+            names.push_back(recording.name);
+        }
+        return names;
+    }
+};
+
+TEST_F(FolderImportTest, OffersWhatWasThereBeforeTheFirstWatchAndNothingThatCameLater)
+{
+    auto folder = watched("Synced", {"old talk.m4a", "older talk.WAV", "captured.m4a", "notes.txt"});
+    const auto root = folder.url();
+    place(root / "old talk.m4a", "old talk", daysBefore(2));
+    place(root / "older talk.WAV", "older talk", daysBefore(10));
+    place(root / "captured.m4a", "captured", daysBefore(3));
+    place(root / "notes.txt", "not audio", daysBefore(3));
+    place(root / ".hidden.m4a", "hidden", daysBefore(3));
+    place(root / "arrived later.m4a", "later", firstWatched + std::chrono::minutes(10));
+    store->markSeen("captured.m4a", "id-captured", folder.id, std::nullopt, "8:1:2:3:4");
+    const auto stateBefore = test::readFile(home.path() / "state.json");
+
+    // A dry run lists, dated by the file, and changes nothing.
+    auto dry = run({folder}, std::nullopt, CaptureImport::Mode::dryRun);
+    ASSERT_EQ(dry.size(), 1u);
+    EXPECT_EQ(namesOf(dry[0]), (Names{"old talk.m4a", "older talk.WAV"}));
+    ASSERT_TRUE(dry[0].recordings[0].date);
+    EXPECT_LT(std::chrono::abs(*dry[0].recordings[0].date - daysBefore(2)), std::chrono::seconds(1));
+    EXPECT_EQ(dry[0].folderPath, root.string());
+    EXPECT_EQ(test::readFile(home.path() / "state.json"), stateBefore);
+    EXPECT_TRUE(store->hasSeen("old talk.m4a", folder.id));
+    EXPECT_EQ(test::countLogLines("capture import:"), 0);
+
+    // --since: by the file's date.
+    auto since = run({folder}, daysBefore(5), CaptureImport::Mode::queue);
+    EXPECT_EQ(namesOf(since[0]), (Names{"old talk.m4a"}));
+    EXPECT_EQ(since[0].wereSeen, 1);
+    EXPECT_FALSE(store->hasSeen("old talk.m4a", folder.id));
+    EXPECT_TRUE(store->hasSeen("older talk.WAV", folder.id));
+
+    // Everything: the captured file stays captured, the later one is left to the agent.
+    auto all = run({folder}, std::nullopt, CaptureImport::Mode::queue);
+    EXPECT_EQ(all[0].picked, 2);
+    EXPECT_EQ(all[0].wereSeen, 1) << "old talk was forgotten already";
+    CaptureStateStore reread(home.path() / "state.json", home.path() / "legacy.json");
+    EXPECT_FALSE(reread.hasSeen("older talk.WAV", folder.id));
+    EXPECT_TRUE(reread.hasSeen("captured.m4a", folder.id)) << "a captured recording is not queued again";
+    EXPECT_TRUE(reread.hasSeen(CaptureStateStore::indexedMarker, folder.id));
+    EXPECT_FALSE(reread.hasSeen("arrived later.m4a", folder.id));
+    EXPECT_EQ(test::countLogLines("[quillet] capture import: 2 recordings from " + root.string() +
+                                  " queued (1 were marked seen)"),
+              1);
+
+    // A folder the agent has not indexed yet has no history: nothing is taken from it.
+    auto fresh = WatchedFolder::generic((home.path() / "Fresh").string());
+    place(fresh.url() / "waiting.m4a", "waiting", daysBefore(1));
+    auto none = run({fresh}, std::nullopt, CaptureImport::Mode::queue);
+    EXPECT_TRUE(none[0].notIndexed);
+    EXPECT_EQ(none[0].picked, 0);
+    EXPECT_EQ(store->seenCount(fresh.id), 0u) << "still the agent's first index to make";
+}
+
+TEST_F(FolderImportTest, SeveralFoldersQueueEachRecordingOnceAndLeaveOutWhatThePersonRemoved)
+{
+    auto first = watched("Phone", {"talk.m4a", "a.m4a"});
+    auto second = watched("Laptop", {"copy of talk.m4a", "b.m4a", "gone.m4a"});
+    place(first.url() / "talk.m4a", "the same talk", daysBefore(4));
+    place(first.url() / "a.m4a", "recording a", daysBefore(4));
+    place(second.url() / "copy of talk.m4a", "the same talk", daysBefore(3));
+    place(second.url() / "b.m4a", "recording b", daysBefore(3));
+    place(second.url() / "gone.m4a", "removed note", daysBefore(3));
+    // Captured from the first folder already; its copy in the second is history there.
+    place(first.url() / "captured.m4a", "a captured talk", daysBefore(4));
+    store->markSeen("captured.m4a", "id-captured", first.id, std::nullopt, "15:1:2:3:4");
+    place(second.url() / "captured elsewhere.m4a", "a captured talk", daysBefore(3));
+    store->markIndexed({{"captured elsewhere.m4a", "id-elsewhere"}}, second.id);
+    auto missing = WatchedFolder::generic((home.path() / "Unplugged").string());
+    auto removed = [&](const std::string& folderId, const std::string& name) {
+        return folderId == second.id && name == "gone.m4a";
+    };
+    std::vector<std::pair<int, int>> reports;
+    auto results = run({first, second, missing}, std::nullopt, CaptureImport::Mode::queue, removed,
+                       [&](int done, int total) { reports.emplace_back(done, total); });
+
+    ASSERT_EQ(results.size(), 3u);
+    EXPECT_EQ(namesOf(results[0]), (Names{"a.m4a", "talk.m4a"}));
+    EXPECT_EQ(namesOf(results[1]), (Names{"b.m4a"}));
+    EXPECT_EQ(results[1].duplicates, 2) << "the same audio in two folders is one recording";
+    EXPECT_EQ(results[1].removed, 1);
+    EXPECT_TRUE(results[2].missing);
+    EXPECT_FALSE(store->hasSeen("talk.m4a", first.id));
+    EXPECT_FALSE(store->hasSeen("b.m4a", second.id));
+    EXPECT_TRUE(store->hasSeen("copy of talk.m4a", second.id));
+    EXPECT_TRUE(store->hasSeen("captured elsewhere.m4a", second.id)) << "captured from the first folder already";
+    EXPECT_TRUE(store->hasSeen("gone.m4a", second.id)) << "a removed note's recording is not offered again";
+    ASSERT_FALSE(reports.empty());
+    EXPECT_EQ(reports.back(), (std::pair<int, int>{3, 3}));
+
+    // A folder that is there but cannot be read stops everything before anything is queued.
+    if (::geteuid() == 0) {
+        return;  // root lists any folder
+    }
+    store->markIndexed({{"a.m4a", "id-a"}}, first.id);
+    fs::permissions(second.url(), fs::perms::none);
+    EXPECT_THROW(run({first, second}, std::nullopt, CaptureImport::Mode::queue), CaptureImport::Failure);
+    fs::permissions(second.url(), fs::perms::owner_all);
+    EXPECT_TRUE(store->hasSeen("a.m4a", first.id));
 }
 
 } // namespace

@@ -7,6 +7,7 @@
 #include "quillet_capture/vault/InboxWriter.hpp"
 #include "quillet_capture/vault/NoteLedger.hpp"
 
+#include "tests/e2e/CaptureAgentHarness.hpp"
 #include "tests/support/FakeVeldane.hpp"
 #include "tests/support/LogLines.hpp"
 #include "tests/support/Scratch.hpp"
@@ -16,9 +17,12 @@
 
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
+#include <map>
 #include <mutex>
 #include <set>
 #include <sstream>
+#include <thread>
 
 namespace quillet {
 namespace {
@@ -213,6 +217,126 @@ TEST_F(BatchCommandsTest, ImportRefusesBadInputBeforeTouchingTheAgentAndExplains
     EXPECT_EQ(result.status, 1);
     EXPECT_EQ(result.errors, "Run setup first.\n");
     EXPECT_TRUE(calls().empty());
+}
+
+// import-existing over a watched folder of its own: what was in it before it was first watched
+// is offered to the agent, which captures each recording once, as it does new ones.
+struct ImportFolderTest : ::testing::Test {
+    test::CaptureAgentHarness agent{11};
+    test::ScratchDir bin;
+    fs::path synced;
+
+    void SetUp() override
+    {
+        if (Paths::current() != Platform::linux) {
+            GTEST_SKIP() << "the agent manager is faked only on Linux";
+        }
+        // A fake `systemctl` that records its calls: the harness's agent is no service.
+        test::writeFile(bin.path() / "systemctl", "#!/bin/sh\n"
+                                                  "printf '%s\\n' \"$*\" >> \"$(dirname \"$0\")/calls\"\n");
+        fs::permissions(bin.path() / "systemctl", fs::perms::owner_all);
+        synced = agent.watchSyncedFolder();
+    }
+
+    test::ProcessResult run(const Lines& arguments)
+    {
+        const char* system = std::getenv("PATH");
+        return test::runProcess(test::programPath(), arguments,
+                                {{"PATH", bin.path().string() + ":" + (system ? system : "/usr/bin:/bin")},
+                                 {"QUILLET_TOKEN_STORE", "file"},
+                                 {"TZ", "UTC"}});
+    }
+
+    // Every file under `folder` with its bytes.
+    static std::map<std::string, std::string> snapshot(const fs::path& folder)
+    {
+        std::map<std::string, std::string> files;
+        for (const auto& entry : fs::recursive_directory_iterator(folder)) {
+            if (entry.is_regular_file()) {
+                files[fs::relative(entry.path(), folder).string()] = test::readFile(entry.path());
+            }
+        }
+        return files;
+    }
+};
+
+TEST_F(ImportFolderTest, RecordingsThereBeforeTheFolderWasWatchedAreCapturedOnceEach)
+{
+    // Two recordings made two days before the folder was first watched: the agent's first
+    // index keeps them as history and captures nothing.
+    const auto twoDaysAgo = std::chrono::time_point_cast<std::chrono::seconds>(fs::file_time_type::clock::now()) -
+                            std::chrono::hours(48);
+    std::map<std::string, std::string> history = {{"before one.m4a", agent.fixture() + "recording before one"},
+                                                  {"before two.m4a", agent.fixture() + "recording before two"}};
+    for (const auto& [name, bytes] : history) {
+        test::CaptureAgentHarness::place(synced / name, bytes, twoDaysAgo);
+    }
+    ASSERT_TRUE(agent.startAndWait()) << agent.agentOutput();
+    ASSERT_TRUE(test::eventually([&] { return test::countLogLines("initial index complete (2 existing") == 1; }));
+    EXPECT_EQ(agent.stop(), 0);
+    ASSERT_TRUE(agent.noteIds().empty()) << "history is not captured by itself";
+
+    const auto stateBefore = snapshot(agent.stateFolder());
+    const auto vaultBefore = snapshot(agent.vault());
+
+    // A dry run lists them and changes nothing, without touching the agent.
+    auto dry = run({"import-existing", "--dry-run", "--folder", synced.string()});
+    EXPECT_EQ(dry.status, 0) << dry.errors;
+    auto lines = splitLines(dry.output);
+    ASSERT_EQ(lines.size(), 3u) << dry.output;
+    EXPECT_TRUE(lines[0].starts_with(synced.string() + "  before one.m4a  ")) << lines[0];
+    EXPECT_TRUE(lines[1].starts_with(synced.string() + "  before two.m4a  ")) << lines[1];
+    EXPECT_EQ(lines[2], "Would queue 2 recordings; nothing was queued (--dry-run).");
+    EXPECT_EQ(snapshot(agent.stateFolder()), stateBefore);
+    EXPECT_EQ(snapshot(agent.vault()), vaultBefore);
+    EXPECT_FALSE(fs::exists(bin.path() / "calls")) << "a dry run leaves the agent running";
+
+    // A folder that is not watched is refused and nothing changes.
+    fs::create_directories(agent.home() / "Elsewhere");
+    auto refused = run({"import-existing", "--folder", (agent.home() / "Elsewhere").string()});
+    EXPECT_EQ(refused.status, 2);
+    EXPECT_EQ(refused.output, "");
+    EXPECT_NE(refused.errors.find("is not a watched folder"), std::string::npos) << refused.errors;
+    EXPECT_NE(refused.errors.find(synced.string()), std::string::npos) << "it names the watched folders";
+    EXPECT_EQ(std::count(refused.errors.begin(), refused.errors.end(), '\n'), 1);
+    EXPECT_EQ(snapshot(agent.stateFolder()), stateBefore);
+    EXPECT_EQ(snapshot(agent.vault()), vaultBefore);
+    EXPECT_FALSE(fs::exists(bin.path() / "calls"));
+
+    // Queued (the folder named as the person types it), then captured by the agent.
+    auto queued = run({"import-existing", "--folder", "~/Synced"});
+    EXPECT_EQ(queued.status, 0) << queued.errors;
+    EXPECT_NE(queued.output.find("Queued 2 recordings from " + synced.string() + ".\n"), std::string::npos)
+        << queued.output;
+    EXPECT_FALSE(test::readLines(bin.path() / "calls").empty()) << "the agent is stopped while queueing";
+
+    agent.start();
+    auto bothDone = [&] {
+        auto ids = agent.noteIds();
+        return ids.size() == 2 && std::all_of(ids.begin(), ids.end(), [&](const std::string& id) {
+                   try {
+                       return InboxWriter::readFrontmatter(agent.inbox() / (id + ".md")).vdJobStatus == "done";
+                   } catch (const std::exception&) {
+                       return false;
+                   }
+               });
+    };
+    bool done = test::eventually(bothDone, 60);
+    EXPECT_EQ(agent.stop(), 0);
+    ASSERT_TRUE(done) << agent.agentOutput();
+
+    // Started again, the agent captures nothing more: each recording once.
+    ASSERT_TRUE(agent.startAndWait()) << agent.agentOutput();
+    std::this_thread::sleep_for(std::chrono::seconds(3));  // a few polls at one a second
+    EXPECT_EQ(agent.stop(), 0);
+    auto ids = agent.noteIds();
+    ASSERT_EQ(ids.size(), 2u);
+    EXPECT_EQ(agent.uploadCount(), 2);
+    std::set<std::string> copies;
+    for (const auto& id : ids) {
+        copies.insert(test::readFile(agent.inbox() / ".audio" / (id + ".m4a")));
+    }
+    EXPECT_EQ(copies, (std::set<std::string>{history["before one.m4a"], history["before two.m4a"]}));
 }
 
 // retry
