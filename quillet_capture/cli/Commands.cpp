@@ -9,6 +9,7 @@ const std::vector<Command>& commandTable()
 {
     static const std::vector<Command> table = {
         {{"setup"}, [] { cmdSetup(args); }},
+        {{"config"}, [] { cmdConfig(args); }},
         {{"import-existing"}, [] { cmdImportExisting(args); }},
         {{"retry"}, [] { cmdRetry(args); }},
         {{"sync"}, [] { cmdSync(); }},
