@@ -39,15 +39,31 @@ struct SetupTest : ::testing::Test {
                                        "captures older than this are never retried\n");
     }
 
-    std::string summary(const std::string& vault, const std::string& upload = "on", const std::string& keep = "on",
-                        const std::string& after = "off", const std::string& watched = "")
+    // A Mac watches the Voice Memos folder and keeps Voice Memos running from the first
+    // setup; Linux has no Voice Memos and watches only what the person names.
+    const bool mac = Paths::current() == Platform::macOS;
+    const std::string keepByDefault = mac ? "on" : "off";
+
+    std::string summary(const std::string& vault, const std::string& upload = "on", std::string keep = "",
+                        const std::string& after = "off", const std::string& watched = "",
+                        std::optional<bool> voiceMemosWatched = std::nullopt, const std::string& changed = "")
     {
+        const bool watchesVoiceMemos = voiceMemosWatched.value_or(mac);
+        if (keep.empty()) {
+            keep = keepByDefault;
+        }
+        std::string nothingWatched;
+        if (!watchesVoiceMemos && watched.empty()) {
+            nothingWatched = "\nNothing is watched yet. Add a folder with: quillet-capture config watch PATH\n"
+                             "  (or: quillet-capture setup --watch PATH)\n";
+        }
         return "Saved " + settingsFile.string() + "\n" +
                "  vault:              " + vault + "\n" +
-               "  Voice Memos folder: " + voiceMemos + "\n" + watched +
+               "  Voice Memos folder: " + voiceMemos +
+               (mac ? "" : watchesVoiceMemos ? " (watched)" : " (not watched)") + "\n" + watched +
                "  upload to Veldane: " + upload + "\n" +
                "  keep Voice Memos running: " + keep + "\n" +
-               "  after a transcript: " + after + "\n" +
+               "  after a transcript: " + after + "\n" + changed + nothingWatched +
                "\n" +
                "Next: quillet-capture pair" + (upload == "on" ? "" : "  (only needed for upload)") + "\n";
     }
