@@ -124,7 +124,7 @@ TEST_F(ConfigTest, SetGetUnsetAndListAgreeAndTouchOnlyTheirKey)
     auto object = json::parse(config({"list", "--json"}).output);
     EXPECT_EQ(object.size(), SettingKeys::all().size());
     for (const auto& key : SettingKeys::all()) {
-        EXPECT_THAT(text.output, ::testing::HasSubstr("\n" + std::string(key.name) + ":"))
+        EXPECT_THAT("\n" + text.output, ::testing::HasSubstr("\n" + std::string(key.name) + ":"))
             << key.name;
         EXPECT_TRUE(object.contains(std::string(key.name))) << key.name;
     }
