@@ -4,7 +4,7 @@
 _quillet_capture()
 {
     local cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD - 1]}
-    local commands="setup pair install uninstall status audit retry sync import-existing run version"
+    local commands="setup config pair install uninstall status audit retry sync import-existing run version"
     COMPREPLY=()
 
     if ((COMP_CWORD == 1)); then
@@ -31,10 +31,35 @@ _quillet_capture()
         esac
         # --watch may be given again; the others once.
         local options="--watch" option
-        for option in --vault --no-upload --no-keep-voice-memos --after-transcript --no-notifications; do
+        for option in --vault --no-upload --upload --no-keep-voice-memos --after-transcript --no-notifications; do
             [[ " ${COMP_WORDS[*]:2:COMP_CWORD-2} " == *" $option "* ]] || options+=" $option"
         done
         COMPREPLY=($(compgen -W "$options" -- "$cur"))
+        ;;
+    config)
+        local keys="vaultPath watchedFoldersRaw captureVoiceMemosEnabled keepVoiceMemosRunning captureVeldaneEnabled
+            veldaneBaseURL afterTranscriptCommand notifications notifyTranscriptReady notifyTranscriptFailed
+            notifyVoiceMemoSent excludeFilePatterns"
+        if ((COMP_CWORD == 2)); then
+            COMPREPLY=($(compgen -W "list get set unset watch unwatch" -- "$cur"))
+        elif ((COMP_CWORD == 3)); then
+            case ${COMP_WORDS[2]} in
+            list) COMPREPLY=($(compgen -W "--json" -- "$cur")) ;;
+            get | set | unset) COMPREPLY=($(compgen -W "$keys" -- "$cur")) ;;
+            watch | unwatch)
+                compopt -o filenames 2>/dev/null
+                COMPREPLY=($(compgen -d -- "$cur"))
+                ;;
+            esac
+        elif ((COMP_CWORD == 4)) && [[ ${COMP_WORDS[2]} == set ]]; then
+            case ${COMP_WORDS[3]} in
+            vaultPath)
+                compopt -o filenames 2>/dev/null
+                COMPREPLY=($(compgen -d -- "$cur"))
+                ;;
+            capture* | keepVoiceMemosRunning | notif*) COMPREPLY=($(compgen -W "true false" -- "$cur")) ;;
+            esac
+        fi
         ;;
     audit)
         # --since takes a day, YYYY-MM-DD; every option once.
