@@ -16,7 +16,7 @@ _quillet_capture_offer()
 _quillet_capture()
 {
     local cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD - 1]}
-    local commands="setup pair install uninstall status audit retry sync import-existing run version help"
+    local commands="setup config pair install uninstall status audit retry sync import-existing run version help"
     COMPREPLY=()
 
     if ((COMP_CWORD == 1)); then
@@ -44,7 +44,32 @@ _quillet_capture()
             return
             ;;
         esac
-        _quillet_capture_offer --watch --vault --no-upload --no-keep-voice-memos --after-transcript --no-notifications
+        _quillet_capture_offer --watch --vault --no-upload --upload --no-keep-voice-memos --after-transcript --no-notifications
+        ;;
+    config)
+        local keys="vaultPath watchedFoldersRaw captureVoiceMemosEnabled keepVoiceMemosRunning captureVeldaneEnabled
+            veldaneBaseURL afterTranscriptCommand notifications notifyTranscriptReady notifyTranscriptFailed
+            notifyVoiceMemoSent excludeFilePatterns"
+        if ((COMP_CWORD == 2)); then
+            COMPREPLY=($(compgen -W "list get set unset watch unwatch" -- "$cur"))
+        elif ((COMP_CWORD == 3)); then
+            case ${COMP_WORDS[2]} in
+            list) COMPREPLY=($(compgen -W "--json" -- "$cur")) ;;
+            get | set | unset) COMPREPLY=($(compgen -W "$keys" -- "$cur")) ;;
+            watch | unwatch)
+                compopt -o filenames 2>/dev/null
+                COMPREPLY=($(compgen -d -- "$cur"))
+                ;;
+            esac
+        elif ((COMP_CWORD == 4)) && [[ ${COMP_WORDS[2]} == set ]]; then
+            case ${COMP_WORDS[3]} in
+            vaultPath)
+                compopt -o filenames 2>/dev/null
+                COMPREPLY=($(compgen -d -- "$cur"))
+                ;;
+            capture* | keepVoiceMemosRunning | notif*) COMPREPLY=($(compgen -W "true false" -- "$cur")) ;;
+            esac
+        fi
         ;;
     audit)
         # --since takes a day, YYYY-MM-DD.

@@ -5,6 +5,7 @@
 #include "quillet_capture/platform/System.hpp"
 #include "quillet_capture/runtime/MainLoop.hpp"
 
+#include <algorithm>
 #include <cstdio>
 
 namespace quillet {
@@ -58,7 +59,9 @@ const std::vector<Command>& commandTable()
             .operands = "",
             .maxOperands = 0,
             .summary = "Chooses the vault (the folder of the notes), creates its _inbox folder, writes the settings "
-                       "file and prints a summary of the settings." +
+                       "file and prints a summary of the settings. Run again, it changes only what its options "
+                       "name and says what changed: the vault, upload, the folders watched so far and the rest "
+                       "stay as they are (--watch adds a folder; quillet-capture config changes one setting)." +
                        onSystem("",
                                 " On Linux no folder is watched until you name one with --watch: point it at "
                                 "the folder that your recorder or your phone's recordings sync into."),
@@ -72,6 +75,7 @@ const std::vector<Command>& commandTable()
                      "also watch this folder for new recordings; repeat it for more folders", true},
                     {"--no-upload", Value::none, "", "copy recordings and write their notes, but send nothing to Veldane",
                      false},
+                    {"--upload", Value::none, "", "send recordings to Veldane again after an earlier --no-upload", false},
                     {"--no-keep-voice-memos", Value::none, "",
                      onSystem("do not keep the Voice Memos app running in the background",
                               "do not keep the Voice Memos app running (it exists only on macOS: no effect here)"),
@@ -90,6 +94,33 @@ const std::vector<Command>& commandTable()
             .exitStatus = "0 saved; 1 the inbox could not be created; " + kWrongOption,
             .showsLog = false,
             .run = [](const CommandLine&) { cmdSetup(args); },
+        },
+        {
+            .words = {"config"},
+            .operands = "[list | get KEY | set KEY VALUE | unset KEY | watch FOLDER | unwatch FOLDER]",
+            .maxOperands = 3,
+            .summary = "Shows or changes one setting of the settings file at a time, checked as setup checks it: "
+                       "list shows every key with its value (or its default), get one key, set changes one, unset "
+                       "returns it to its default, watch adds a watched folder and unwatch removes one. The keys "
+                       "and their meaning are in the manual page's SETTINGS section. A value that starts with a "
+                       "dash follows \"--\" (config set afterTranscriptCommand -- '-x').",
+            .options = {{"--json", Value::none, "", "with list: print the settings as one JSON object", false}},
+            .changes = "set, unset, watch and unwatch write the settings file (that key alone) and tell a running "
+                       "agent; watch also notes when the folder was first watched. list and get only read.",
+            .example = "quillet-capture config set captureVeldaneEnabled false",
+            .exitStatus = "0 done (also a folder that is already watched); 2 an unknown key, a value the key does "
+                          "not take, a change before any setup, or " +
+                          kWrongOption.substr(2),
+            .showsLog = false,
+            .run =
+                [](const CommandLine& line) {
+                    std::vector<std::string> words = {"config"};
+                    words.insert(words.end(), line.operands.begin(), line.operands.end());
+                    if (std::find(line.arguments.begin(), line.arguments.end(), "--json") != line.arguments.end()) {
+                        words.push_back("--json");
+                    }
+                    cmdConfig(words);
+                },
         },
         {
             .words = {"pair"},

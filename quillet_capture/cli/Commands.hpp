@@ -38,6 +38,18 @@ void withAgentStopped(const std::function<void()>& body);
 /// the process through `fail` when the inbox cannot be created.
 void cmdSetup(const std::vector<std::string>& arguments);
 
+/// After the settings file was saved: when an agent runs on this state folder, waits up to
+/// three seconds for it to take the new file and says whether it did. Prints nothing when no
+/// agent runs. Main thread.
+void tellRunningAgent();
+
+/// `config list [--json] | get KEY | set KEY VALUE | unset KEY | watch PATH | unwatch PATH`:
+/// shows or changes one setting of the settings file (the keys of `SettingKeys`), checked as
+/// setup checks it and saved atomically, then tells a running agent. `arguments` is the whole
+/// command line. Ends with status 2 and one line on standard error for an unknown key, a bad
+/// value, a change before any setup or an unknown subcommand; the file is then untouched.
+void cmdConfig(const std::vector<std::string>& arguments);
+
 /// Pairs this computer with a Veldane account (device-code sign-in in the browser) and stores
 /// the token; the flow runs as a task while the main thread runs the main loop. Ends the
 /// process: status 0 when paired, through `fail` otherwise.

@@ -52,6 +52,7 @@ Usage:
   quillet-capture uninstall       Remove the LaunchAgent
   quillet-capture status          Show configuration, access and recent log lines
   quillet-capture audit           Account for every recording: captured, waiting or needing you
+  quillet-capture config          Show or change one setting: list, get, set, unset, watch, unwatch
   quillet-capture run             Run capture in the foreground (what the LaunchAgent runs)
   quillet-capture version
   quillet-capture help COMMAND    What a command does, its options and an example
@@ -83,6 +84,7 @@ Usage:
   quillet-capture uninstall       Remove the systemd user unit
   quillet-capture status          Show configuration, access and recent log lines
   quillet-capture audit           Account for every recording: captured, waiting or needing you
+  quillet-capture config          Show or change one setting: list, get, set, unset, watch, unwatch
   quillet-capture run             Run capture in the foreground (what the systemd unit runs)
   quillet-capture version
   quillet-capture help COMMAND    What a command does, its options and an example

@@ -4,11 +4,13 @@
 #include "quillet_capture/capture/FirstWatched.hpp"
 #include "quillet_capture/pipeline/CaptureRetry.hpp"
 #include "quillet_capture/config/AgentSettings.hpp"
+#include "quillet_capture/config/SettingKeys.hpp"
 #include "quillet_capture/config/Settings.hpp"
 #include "quillet_capture/config/WatchedFolder.hpp"
 #include "quillet_capture/platform/AgentLock.hpp"
 #include "quillet_capture/platform/FileSignature.hpp"
 #include "quillet_capture/platform/Paths.hpp"
+#include "quillet_capture/platform/System.hpp"
 #include "quillet_capture/util/AtomicFile.hpp"
 #include "quillet_capture/util/Iso8601.hpp"
 
@@ -29,33 +31,29 @@ bool hasFlag(const std::vector<std::string>& arguments, std::string_view flag)
     return std::find(arguments.begin(), arguments.end(), flag) != arguments.end();
 }
 
-// A relative `folder` made absolute: the agent and later commands run from other working
-// folders. Absolute paths and "~" paths (the home folder wherever the program runs) are kept
-// as typed.
-std::string absoluteFolder(const std::string& folder)
+// The vault named by --vault; absent without the option.
+std::optional<std::string> vaultOption(const std::vector<std::string>& arguments)
 {
-    if (folder.empty() || folder.starts_with('~') || fs::path(folder).is_absolute()) {
-        return folder;
+    auto vault = option("--vault", arguments);
+    if (!vault) {
+        return std::nullopt;
     }
-    auto path = fs::absolute(folder).lexically_normal();
-    if (!path.has_filename() && path != path.root_path()) {
-        path = path.parent_path();
+    // An empty value (an unset shell variable, say) would put the inbox at the root.
+    if (vault->empty()) {
+        fail("--vault needs a folder");
     }
-    return path.string();
+    return absoluteFolder(Paths::expandTilde(*vault));
 }
 
-// The vault named by --vault, or the iCloud Drive folder when the Mac has one (so notes show
-// up in Files on the phone), else the documents folder.
-std::string chooseVault(const std::vector<std::string>& arguments)
+// The vault of a first setup without --vault: on a Mac the iCloud Drive folder when there is
+// one (so notes show up in Files on the phone), else the documents folder.
+std::string defaultVault()
 {
-    if (auto vault = option("--vault", arguments)) {
-        // An empty value (an unset shell variable, say) would put the inbox at the root.
-        if (vault->empty()) {
-            fail("--vault needs a folder");
-        }
-        return absoluteFolder(Paths::expandTilde(*vault));
-    }
     std::error_code ignored;
+    if (!System::hasVoiceMemos()) {
+        out("No --vault given: using ~/Documents/quillet.");
+        return Paths::documentsFolder().string() + "/quillet";
+    }
     if (fs::is_directory(Paths::iCloudDrive(), ignored)) {
         out("No --vault given: using iCloud Drive/quillet (visible in Files on your iPhone).");
         return Paths::iCloudDrive().string() + "/quillet";
@@ -66,18 +64,24 @@ std::string chooseVault(const std::vector<std::string>& arguments)
 
 // Every "--watch <folder>", in order; a second mention of the same folder (by id, so "~/x"
 // and its absolute form are one folder, or by resolved path, so "x/", "x/." and a link to x
-// are too) is dropped, and so is the Voice Memos folder, which is watched anyway.
-std::vector<WatchedFolder> watchOptions(const std::vector<std::string>& arguments)
+// are too) is dropped, and so is the Voice Memos folder, which has its own entry:
+// `namesVoiceMemos` says whether it was named.
+std::vector<WatchedFolder> watchOptions(const std::vector<std::string>& arguments, bool& namesVoiceMemos)
 {
     std::vector<WatchedFolder> folders;
     auto voiceMemos = WatchedFolder::voiceMemos(true).resolvedURL();
+    namesVoiceMemos = false;
     for (size_t i = 0; i + 1 < arguments.size(); ++i) {
         if (arguments[i] != "--watch") {
             continue;
         }
         auto folder = WatchedFolder::generic(absoluteFolder(arguments[++i]));
         auto resolved = folder.resolvedURL();
-        bool known = resolved == voiceMemos || std::any_of(folders.begin(), folders.end(), [&](const auto& f) {
+        if (resolved == voiceMemos) {
+            namesVoiceMemos = true;
+            continue;
+        }
+        bool known = std::any_of(folders.begin(), folders.end(), [&](const auto& f) {
                          return f.id == folder.id || f.resolvedURL() == resolved;
                      });
         if (!known) {
@@ -91,6 +95,8 @@ std::string onOff(bool on)
 {
     return on ? "on" : "off";
 }
+
+} // namespace
 
 // A running agent takes a new settings file soon after it is saved; the person is told
 // whether it has, or a capture could go to a vault they no longer expect.
@@ -124,37 +130,92 @@ void tellRunningAgent()
         " seconds), or restart it to be sure.");
 }
 
+namespace {
+
+// The folders of this system's recorders that are there, as the person would type them.
+std::vector<std::string> recorderFoldersHere()
+{
+    std::vector<std::string> found;
+    for (const auto& folder : System::recorderFolders()) {
+        std::error_code ignored;
+        if (fs::is_directory(Paths::expandTilde(folder), ignored)) {
+            found.push_back(folder);
+        }
+    }
+    return found;
+}
+
 } // namespace
 
 void cmdSetup(const std::vector<std::string>& arguments)
 {
-    std::string vault = chooseVault(arguments);
+    auto& store = Settings::shared();
+    // A second setup changes only what its options name: the person's earlier choices stay.
+    const bool existing = !store.isFirstRun() && !store.unreadable();
+    const AppSettings before = store.settings;
+    const bool hasVoiceMemos = System::hasVoiceMemos();
+
+    auto namedVault = vaultOption(arguments);
+    std::string vault = namedVault ? *namedVault : existing ? before.vaultPath : defaultVault();
 
     std::error_code error;
-    fs::create_directories(vault + "/_inbox", error);
+    fs::create_directories(Paths::expandTilde(vault) + "/_inbox", error);
     if (error) {
         fail("Could not create " + vault + "/_inbox: " + error.message());
     }
 
-    bool upload = !hasFlag(arguments, "--no-upload");
-    bool keepVoiceMemos = !hasFlag(arguments, "--no-keep-voice-memos");
-    // Like --no-upload, each setup says it anew; without the flag the key is left out, which
-    // reads as on, so a settings file of a setup without it stays as it was before the key.
-    bool notifications = !hasFlag(arguments, "--no-notifications");
-    auto extraFolders = watchOptions(arguments);
+    bool namesVoiceMemos = false;
+    auto extraFolders = watchOptions(arguments, namesVoiceMemos);
 
-    auto& store = Settings::shared();
-    AppSettings changed = store.settings;
-    changed.vaultPath = vault;
-    changed.vaultName = WatchedFolder::lastPathComponent(vault);
-    changed.additionalPaths = {};
-    changed.remotesPath = std::nullopt;
-    changed.watchedFoldersRaw = std::vector{WatchedFolder::voiceMemos(true)};
-    changed.watchedFoldersRaw->insert(changed.watchedFoldersRaw->end(), extraFolders.begin(), extraFolders.end());
-    changed.captureVoiceMemosEnabled = true;
-    changed.captureVeldaneEnabled = upload;
-    changed.keepVoiceMemosRunning = keepVoiceMemos;
-    changed.notifications = notifications ? std::nullopt : std::optional(false);
+    AppSettings changed = before;
+    if (!existing) {
+        changed.additionalPaths = {};
+        changed.remotesPath = std::nullopt;
+        // Voice Memos is watched on a Mac; elsewhere only when the person names its folder.
+        const bool watchVoiceMemos = hasVoiceMemos || namesVoiceMemos;
+        changed.watchedFoldersRaw = std::vector{WatchedFolder::voiceMemos(watchVoiceMemos)};
+        changed.captureVoiceMemosEnabled = watchVoiceMemos;
+        changed.captureVeldaneEnabled = true;
+        changed.keepVoiceMemosRunning = watchVoiceMemos;
+        changed.notifications = std::nullopt;
+    } else if (namesVoiceMemos) {
+        AppSettings withVoiceMemos = changed;
+        SettingKeys::set(withVoiceMemos, *SettingKeys::find("captureVoiceMemosEnabled"), "true");
+        changed = withVoiceMemos;
+    }
+    if (vault != before.vaultPath || !existing) {
+        changed.vaultPath = vault;
+        changed.vaultName = WatchedFolder::lastPathComponent(vault);
+    }
+    std::vector<WatchedFolder> added;
+    if (!changed.watchedFoldersRaw) {
+        changed.watchedFoldersRaw = Settings(changed).watchedFolders();
+    }
+    for (const auto& folder : extraFolders) {
+        const auto resolved = folder.resolvedURL();
+        const auto& folders = *changed.watchedFoldersRaw;
+        bool known = std::any_of(folders.begin(), folders.end(), [&](const WatchedFolder& f) {
+            return f.id == folder.id || f.resolvedURL() == resolved;
+        });
+        if (!known) {
+            changed.watchedFoldersRaw->push_back(folder);
+            added.push_back(folder);
+        }
+    }
+    if (hasFlag(arguments, "--no-upload")) {
+        changed.captureVeldaneEnabled = false;
+    } else if (hasFlag(arguments, "--upload")) {
+        changed.captureVeldaneEnabled = true;
+    }
+    if (hasFlag(arguments, "--no-keep-voice-memos")) {
+        changed.keepVoiceMemosRunning = false;
+    } else if (namesVoiceMemos && existing && !Settings(before).captureVoiceMemosEnabled()) {
+        // Asking for the Voice Memos folder asks for what makes its recordings arrive.
+        changed.keepVoiceMemosRunning = true;
+    }
+    if (hasFlag(arguments, "--no-notifications")) {
+        changed.notifications = false;
+    }
     if (auto command = option("--after-transcript", arguments)) {
         auto trimmed = Settings::trimmed(*command);
         changed.afterTranscriptCommand = trimmed.empty() ? std::nullopt : std::optional(trimmed);
@@ -177,17 +238,58 @@ void cmdSetup(const std::vector<std::string>& arguments)
     }
     CaptureRetry::retryWatermark();
 
+    const Settings after(changed);
+    const Settings earlier(before);
+    const bool upload = after.captureVeldaneEnabled();
     out("Saved " + fs::absolute(Settings::fileURL(), error).string());
     out("  vault:              " + vault);
-    out("  Voice Memos folder: " + WatchedFolder::voiceMemos(true).url().string());
-    for (const auto& folder : extraFolders) {
-        out("  watched folder:     " + folder.path);
+    std::string voiceMemosLine = "  Voice Memos folder: " + WatchedFolder::voiceMemos(true).url().string();
+    if (!hasVoiceMemos) {
+        voiceMemosLine += after.captureVoiceMemosEnabled() ? " (watched)" : " (not watched)";
+    }
+    out(voiceMemosLine);
+    for (const auto& folder : after.enabledWatchedFolders()) {
+        if (!folder.isVoiceMemos()) {
+            out("  watched folder:     " + folder.path);
+        }
     }
     out("  upload to Veldane: " + onOff(upload));
-    out("  keep Voice Memos running: " + onOff(keepVoiceMemos));
+    out("  keep Voice Memos running: " + onOff(after.keepVoiceMemosRunning()));
     out("  after a transcript: " + changed.afterTranscriptCommand.value_or("off"));
-    if (!notifications) {
+    if (!after.notifications()) {
         out("  desktop notifications: off");
+    }
+    if (existing) {
+        auto changedLine = [](const std::string& what, const std::string& from, const std::string& to) {
+            if (from != to) {
+                out("Changed: " + what + " " + from + " -> " + to);
+            }
+        };
+        changedLine("vault", before.vaultPath, changed.vaultPath);
+        changedLine("Voice Memos folder", earlier.captureVoiceMemosEnabled() ? "watched" : "not watched",
+                    after.captureVoiceMemosEnabled() ? "watched" : "not watched");
+        for (const auto& folder : added) {
+            out("Changed: watched folder added: " + folder.path);
+        }
+        changedLine("upload to Veldane", onOff(earlier.captureVeldaneEnabled()), onOff(upload));
+        changedLine("keep Voice Memos running", onOff(earlier.keepVoiceMemosRunning()),
+                    onOff(after.keepVoiceMemosRunning()));
+        changedLine("after a transcript", earlier.afterTranscriptCommand().value_or("off"),
+                    after.afterTranscriptCommand().value_or("off"));
+        changedLine("desktop notifications", onOff(earlier.notifications()), onOff(after.notifications()));
+    }
+    if (after.enabledWatchedFolders().empty()) {
+        out();
+        out("Nothing is watched yet. Add a folder with: quillet-capture config watch PATH");
+        out("  (or: quillet-capture setup --watch PATH)");
+        auto found = recorderFoldersHere();
+        if (!found.empty()) {
+            std::string list;
+            for (const auto& folder : found) {
+                list += (list.empty() ? "" : ", ") + folder;
+            }
+            out("  Recorders' folders found here: " + list);
+        }
     }
     tellRunningAgent();
     out();

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 namespace quillet::System {
 
@@ -28,6 +29,14 @@ std::string osVersion();
 /// `$QUILLET_URL_OPENER` names when it is set and not empty (tests, machines without a
 /// desktop). Failures are ignored.
 void openURL(const std::string& url);
+
+/// True where Voice Memos keeps recordings on this computer (macOS): a first setup watches its
+/// folder and keeps it running. False on Linux, where the person names the folders to watch.
+bool hasVoiceMemos();
+
+/// The folders where this system's common sound recorders put their recordings, written with
+/// a leading "~" (none on macOS). Whether they exist is for the caller to check.
+std::vector<std::string> recorderFolders();
 
 /// Writes `message` to the system log (and nothing else).
 void systemLog(const std::string& message);

@@ -37,6 +37,23 @@ std::string osName()
     return uname(&info) == 0 ? info.sysname : "Linux";
 }
 
+bool hasVoiceMemos()
+{
+    return false;
+}
+
+std::vector<std::string> recorderFolders()
+{
+    // GNOME Sound Recorder (older releases in ~/Recordings, newer ones in their data folder,
+    // also under Flatpak), KDE's recorders under Music, and the "Sound Recordings" folder some
+    // recorders make in Documents.
+    return {"~/Recordings",
+            "~/.local/share/org.gnome.SoundRecorder",
+            "~/.var/app/org.gnome.SoundRecorder/data/org.gnome.SoundRecorder",
+            "~/Music/Recordings",
+            "~/Documents/Sound Recordings"};
+}
+
 std::string osVersion()
 {
     utsname info{};

@@ -41,6 +41,16 @@ std::string osName()
     return "macOS";
 }
 
+bool hasVoiceMemos()
+{
+    return true;
+}
+
+std::vector<std::string> recorderFolders()
+{
+    return {};
+}
+
 std::string osVersion()
 {
     char version[64] = {};

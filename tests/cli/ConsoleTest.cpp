@@ -37,6 +37,7 @@ TEST(Usage, TextIsExact)
         "  quillet-capture uninstall       Remove the LaunchAgent\n"
         "  quillet-capture status          Show configuration, access and recent log lines\n"
         "  quillet-capture audit           Account for every recording: captured, waiting or needing you\n"
+        "  quillet-capture config          Show or change one setting: list, get, set, unset, watch, unwatch\n"
         "  quillet-capture run             Run capture in the foreground (what the LaunchAgent runs)\n"
         "  quillet-capture version\n"
         "  quillet-capture help COMMAND    What a command does, its options and an example\n"

@@ -316,7 +316,11 @@ TEST(Reference, BashCompletesCommandsAndTheirOptions)
     auto options = commandOptions();
     const Words common = without(commonWords(), {"-h"});
     for (const auto& [command, taken] : options) {
-        EXPECT_EQ(bashOffers({command, ""}), command == "help" ? plainCommands() : united(taken, common)) << command;
+        // help completes a command; config first its subcommand.
+        const Words expected = command == "help"     ? plainCommands()
+                               : command == "config" ? Words{"list", "get", "set", "unset", "watch", "unwatch"}
+                                                     : united(taken, common);
+        EXPECT_EQ(bashOffers({command, ""}), expected) << command;
     }
     EXPECT_EQ(bashOffers({"setup", "--"}), united(options["setup"], common));
     // An option already given is not offered again, except --watch, which may be repeated.

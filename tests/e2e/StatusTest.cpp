@@ -105,7 +105,9 @@ TEST_F(StatusTest, BeforeSetup)
 
 TEST_F(StatusTest, AfterSetupWithNotesOfEveryStatus)
 {
-    auto setup = run({"setup", "--vault", "~/Vault", "--no-keep-voice-memos", "--watch", "~/Sync/Phone",
+    // The Voice Memos folder is named so that Linux watches it as a Mac does.
+    auto setup = run({"setup", "--vault", "~/Vault", "--no-keep-voice-memos", "--watch", voiceMemos(), "--watch",
+                      "~/Sync/Phone",
                       "--after-transcript", "echo done"});
     ASSERT_EQ(setup.status, 0) << setup.errors;
     ASSERT_TRUE(Keychain::setDeviceToken("abcd1234"));
@@ -268,7 +270,10 @@ TEST_F(StatusTest, TheJsonCarriesTheSameFactsAsTheText)
     EXPECT_FALSE(fs::exists(home.path() / ".config/quillet/settings.json"));
     EXPECT_FALSE(fs::exists(home.path() / ".local/state/quillet"));
 
-    ASSERT_EQ(run({"setup", "--vault", "~/Vault", "--no-keep-voice-memos", "--watch", "~/Sync/Phone"}).status, 0);
+    ASSERT_EQ(run({"setup", "--vault", "~/Vault", "--no-keep-voice-memos", "--watch", voiceMemos(), "--watch",
+                   "~/Sync/Phone"})
+                  .status,
+              0);
     const std::string token = "0123456789abcdef-the-secret-rest";
     ASSERT_TRUE(Keychain::setDeviceToken(token));
     test::writeFile(bin.path() / "active", "");
