@@ -1,7 +1,6 @@
 #include "quillet_capture/platform/AgentManager.hpp"
 
 #include "quillet_capture/config/Log.hpp"
-#include "quillet_capture/platform/SecretStore.hpp"
 #include "quillet_capture/util/AtomicFile.hpp"
 
 #include <fcntl.h>
@@ -168,7 +167,7 @@ void AgentManager::uninstall(const Print& print)
         definitionRemoved();
     }
     rlog("[quillet] capture-cli: " + name() + " removed");
-    print("Removed. Capture no longer starts at login. Settings and " + SecretStore::tokenName() + " are kept.");
+    print("Removed. Capture no longer starts at login. Settings and " + tokenName() + " are kept.");
 }
 
 void AgentManager::withAgentStopped(const std::function<void()>& body, const Print& print)

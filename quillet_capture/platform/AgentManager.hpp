@@ -112,6 +112,9 @@ protected:
 
     /// The text that refuses a location that moves or disappears (a download folder).
     virtual std::string temporaryLocationText() const = 0;
+
+    /// What `uninstall` calls the device token that it leaves where it is.
+    virtual std::string tokenName() const = 0;
 };
 
 /// launchd: a property list in ~/Library/LaunchAgents, loaded with `launchctl` in the
@@ -142,6 +145,7 @@ protected:
     ShellResult load(const std::filesystem::path& definition) override;
     std::string loadFailurePrefix() const override { return "launchctl bootstrap failed: "; }
     std::string temporaryLocationText() const override;
+    std::string tokenName() const override { return "the Keychain token"; }
 
 private:
     bool labelLoaded(const std::string& label);
@@ -172,6 +176,7 @@ protected:
     std::optional<std::string> noSession(const ShellResult& result) const override;
     std::string noSessionText(const std::string& detail) const override;
     std::string temporaryLocationText() const override;
+    std::string tokenName() const override { return "the device token"; }
 
 private:
     ShellResult systemctl(const std::vector<std::string>& arguments) const;

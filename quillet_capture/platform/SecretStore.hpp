@@ -34,10 +34,6 @@ std::string backendName();
 /// is used.
 std::string place();
 
-/// What `uninstall` calls the device token that it leaves in place: "the Keychain token" on
-/// macOS, "the device token" elsewhere.
-std::string tokenName();
-
 /// True when the environment asks for the file back end (`QUILLET_TOKEN_STORE=file`).
 bool fileStoreRequested();
 

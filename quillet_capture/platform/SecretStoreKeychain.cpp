@@ -137,9 +137,4 @@ std::string place()
     return backendName() == "file" ? Paths::credentialsFile().string() : "the Keychain";
 }
 
-std::string tokenName()
-{
-    return "the Keychain token";
-}
-
 } // namespace quillet::SecretStore

@@ -203,9 +203,4 @@ std::string place()
     return backendName() == "file" ? Paths::credentialsFile().string() : "the Secret Service";
 }
 
-std::string tokenName()
-{
-    return "the device token";
-}
-
 } // namespace quillet::SecretStore
