@@ -8,6 +8,7 @@ class QuilletCapture < Formula
   homepage "https://github.com/quillet/quillet-capture"
   url "https://github.com/quillet/quillet-capture/archive/refs/tags/v1.7.3.tar.gz"
   sha256 "619f7fd369bb706776ed8dccda3ca656df6f067f97ae75e3e6bf6c06d6bd4665"
+  license "MIT"
   head "https://github.com/quillet/quillet-capture.git", branch: "main"
 
   # asio and nlohmann-json are headers only; simdjson and yaml-cpp are libraries the program links.
@@ -33,7 +34,8 @@ class QuilletCapture < Formula
 
   # No service block: `quillet-capture install` writes and loads its own LaunchAgent
   # (~/Library/LaunchAgents/se.Brannick.quillet.capture.plist) for the program it is run
-  # from, with its path resolved, which is this version's folder in the Cellar. A
+  # from; run from this version's folder in the Cellar, it records Homebrew's stable
+  # <prefix>/opt/quillet-capture/bin/quillet-capture instead, so the agent runs each upgraded version. A
   # `brew services` agent beside it would be a second agent on the same state, and one
   # instead of it would lose what `install` does (removing the predecessor's agent, the
   # owner-only output file, the checks of where the program lives).
@@ -45,9 +47,8 @@ class QuilletCapture < Formula
         quillet-capture install
       and grant Full Disk Access to the program that `quillet-capture status` names
       (System Settings > Privacy & Security), so that it can read Voice Memos.
-      After every upgrade run `quillet-capture install` again: the agent names the
-      program of one version, and the new program needs Full Disk Access and its
-      Keychain access granted again.
+      The agent runs #{opt_bin}/quillet-capture, which follows every upgrade; after
+      an upgrade grant the new program Full Disk Access and its Keychain access again.
     EOS
   end
 

@@ -7,6 +7,7 @@
 #   P/share/bash-completion/completions/quillet-capture
 #   P/share/zsh/site-functions/_quillet-capture
 #   P/share/fish/vendor_completions.d/quillet-capture.fish
+#   P/share/doc/quillet-capture/copyright            (Linux: the licence, where Debian keeps it)
 # `cpack -G DEB` in a build folder makes a Debian package of the same tree under /usr.
 include(GNUInstallDirs)
 
@@ -24,6 +25,11 @@ install(FILES ${CMAKE_SOURCE_DIR}/completions/_quillet-capture
         DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/site-functions)
 install(FILES ${CMAKE_SOURCE_DIR}/completions/quillet-capture.fish
         DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d)
+if(NOT APPLE)
+  # Homebrew finds LICENSE in the source tree itself; a Debian package names its licence here.
+  install(FILES ${CMAKE_SOURCE_DIR}/LICENSE DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/quillet-capture
+          RENAME copyright)
+endif()
 
 # tests/e2e/InstalledProgramTest.cpp installs this build into a scratch prefix and runs it there.
 if(TARGET quillet_tests)

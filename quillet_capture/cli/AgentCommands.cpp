@@ -1,6 +1,7 @@
 #include "quillet_capture/cli/Commands.hpp"
 
 #include "quillet_capture/cli/Console.hpp"
+#include "quillet_capture/config/Settings.hpp"
 #include "quillet_capture/platform/AgentLock.hpp"
 #include "quillet_capture/platform/AgentManager.hpp"
 #include "quillet_capture/platform/Process.hpp"
@@ -21,6 +22,10 @@ void print(std::string_view line)
 
 void cmdInstall()
 {
+    // An agent without settings would only log "run setup" at every start.
+    if (Settings::shared().isFirstRun()) {
+        fail("Nothing is set up yet. Run quillet-capture setup first.");
+    }
     try {
         AgentManager::current().install(executablePath(), print);
     } catch (const AgentManager::Error& error) {

@@ -462,8 +462,11 @@ void cmdImportExisting(const std::vector<std::string>& arguments)
                                                   removed, mode, progress);
         } catch (const CaptureImport::Failure& failure) {
             out("Cannot read " + failure.path() + ": " + failure.reason() +
-                ". If it says permission, grant Full Disk Access to this Terminal (to run this command) and to "
-                "quillet-capture (for the agent).");
+                (Paths::current() == Platform::macOS
+                     ? ". If it says permission, grant Full Disk Access to this Terminal (to run this command) and "
+                       "to quillet-capture (for the agent)."
+                     : ". If it says permission, give this user read and search permission on the folder (for "
+                       "example chmod u+rx on it)."));
         } catch (const std::exception& error) {
             out(error.what());
         }

@@ -3,6 +3,7 @@
 #include "quillet_capture/cli/Commands.hpp"
 #include "quillet_capture/cli/Console.hpp"
 #include "quillet_capture/config/Keychain.hpp"
+#include "quillet_capture/platform/SecretStore.hpp"
 #include "quillet_capture/config/Settings.hpp"
 #include "quillet_capture/config/Log.hpp"
 #include "quillet_capture/platform/Paths.hpp"
@@ -32,7 +33,7 @@ std::string deviceName()
 {
     std::string host = System::hostName();
     if (host.empty() || host == "?") {
-        host = "Mac";
+        host = Paths::current() == Platform::macOS ? "Mac" : "computer";
     }
     return host + " (quillet-capture)";
 }
@@ -150,11 +151,11 @@ asio::awaitable<void> pairFlow(runtime::Clock& clock)
     auto save = [token = *poll.token] { return Keychain::setDeviceToken(token); };
     bool saved = co_await runtime::blocking(std::move(save));
     if (!saved) {
-        fail("Could not save the token to the Keychain. Run pair again.");
+        fail("Could not save the token to " + SecretStore::place() + ". Run pair again.");
     }
     std::string shown = Utf8::prefix(*poll.token, kTokenPrefix);
     rlog("[quillet] capture-cli: paired (%@)", shown);
-    out("Connected. Token " + shown + "... saved to the Keychain.");
+    out("Connected. Token " + shown + "... saved to " + SecretStore::place() + ".");
     runtime::exitProcess(0);
 }
 

@@ -125,8 +125,9 @@ void cmdRun()
     CaptureRetry::retryWatermark();
 
     if (settings.captureVeldaneEnabled() && !Keychain::hasCredentials()) {
-        rlog("[quillet] capture-cli: upload is on but this Mac is not paired -- run pair. Capturing to the vault "
-             "only until then.");
+        rlog(std::string("[quillet] capture-cli: upload is on but this ") +
+             (Paths::current() == Platform::macOS ? "Mac" : "computer") +
+             " is not paired -- run pair. Capturing to the vault only until then.");
     }
 
     // A capture task must never take the agent down; what escapes one is logged.

@@ -13,6 +13,7 @@
 #include "quillet_capture/pipeline/CapturePipeline.hpp"
 #include "quillet_capture/pipeline/CaptureRecovery.hpp"
 #include "quillet_capture/pipeline/CaptureRetry.hpp"
+#include "quillet_capture/platform/AgentLock.hpp"
 #include "quillet_capture/platform/AgentManager.hpp"
 #include "quillet_capture/platform/Paths.hpp"
 #include "quillet_capture/platform/Process.hpp"
@@ -281,8 +282,12 @@ StatusReport gatherStatus(const StatusSources& sources)
     }
     report.keepVoiceMemosRunning = settings.keepVoiceMemosRunning();
     report.voiceMemosRunning = sources.voiceMemosRunning();
+    report.platform = Paths::current();
+    report.agentName = sources.agent.name();
     report.agentLoaded = sources.agent.agentLoaded();
+    report.agentPid = AgentLock::runningAgent();
     report.inbox = countInboxOf(settings);
+    report.inbox.agentWorking = report.agentPid.has_value();
     report.recovery = sources.recovery.summary();
     // Whatever this process logged (the migration from Pellam, a token file made owner-only)
     // belongs in the file before it is read.

@@ -6,6 +6,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
+
 namespace quillet {
 
 namespace {
@@ -66,7 +68,7 @@ std::string StatusReport::Inbox::text() const
     }
     std::string summary = std::to_string(transcribed) + " transcribed, " + std::to_string(inProgress) +
                           " in progress, " + std::to_string(other) + " other";
-    if (canBeSent >= 1) {
+    if (canBeSent >= 1 && !agentWorking) {
         summary += " -- " + std::to_string(canBeSent) + " can be sent with: quillet-capture retry";
     }
     if (waitingForPairing >= 1) {
@@ -108,9 +110,15 @@ std::string StatusReport::text() const
         line("  paired:      no token readable here -- run pair");
         break;
     }
-    line("  keep Voice Memos running: " + onOff(keepVoiceMemosRunning) +
-         (voiceMemosRunning ? " (running now)" : " (not running now)"));
-    line(std::string("  LaunchAgent: ") + (agentLoaded ? "loaded" : "not loaded -- run install"));
+    // Outside macOS Voice Memos exists only as a folder copied from a Mac: the line is shown
+    // when such a folder is watched.
+    bool voiceMemosWatched = std::any_of(folders.begin(), folders.end(),
+                                         [](const Folder& folder) { return folder.voiceMemos && folder.enabled; });
+    if (platform == Platform::macOS || voiceMemosWatched) {
+        line("  keep Voice Memos running: " + onOff(keepVoiceMemosRunning) +
+             (voiceMemosRunning ? " (running now)" : " (not running now)"));
+    }
+    line(agentLine());
     line("  inbox:       " + inbox.text());
     // Failed captures that the agent tries again by itself, and those that wait for retry.
     if (recovery.waiting > 0 && recovery.next) {
@@ -131,7 +139,9 @@ std::string StatusReport::text() const
              "<id>.transcript.md");
     }
     line();
-    line("Access as seen by the running capture (from the log; this Terminal has its own permissions):");
+    line(platform == Platform::macOS
+             ? "Access as seen by the running capture (from the log; this Terminal has its own permissions):"
+             : "Access as seen by the running capture (from the log):");
     line(log.accessLine ? "  " + *log.accessLine : "  (no access line yet)");
     line();
     line("Last log lines (" + logFile + "):");
@@ -139,6 +149,18 @@ std::string StatusReport::text() const
         line("  " + logLine);
     }
     return text;
+}
+
+std::string StatusReport::agentLine() const
+{
+    if (agentPid && !agentLoaded) {
+        return "  agent:       running (pid " + std::to_string(*agentPid) + ", started by hand)";
+    }
+    std::string label = "  " + agentName + ": ";
+    if (label.size() < 15) {
+        label.resize(15, ' ');
+    }
+    return label + (agentLoaded ? "loaded" : "not loaded -- run install");
 }
 
 nlohmann::ordered_json StatusReport::json() const
@@ -190,7 +212,13 @@ nlohmann::ordered_json StatusReport::json() const
         {"unreadableTokenFile",
          pairing == Pairing::tokenFileUnreadable ? ordered_json(unreadableTokenFile) : ordered_json(nullptr)},
         {"voiceMemos", {{"keepRunning", keepVoiceMemosRunning}, {"running", voiceMemosRunning}}},
-        {"agent", {{"loaded", agentLoaded}}},
+        {"agent",
+         {
+             {"name", agentName},
+             {"loaded", agentLoaded},
+             {"pid", orNull(agentPid)},
+             {"startedByHand", agentPid.has_value() && !agentLoaded},
+         }},
         {"counts",
          {
              {"transcribed", inbox.transcribed},

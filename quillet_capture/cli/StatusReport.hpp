@@ -2,6 +2,7 @@
 
 #include "quillet_capture/pipeline/CaptureAudit.hpp"
 #include "quillet_capture/pipeline/CaptureRecovery.hpp"
+#include "quillet_capture/platform/Paths.hpp"
 
 #include <nlohmann/json_fwd.hpp>
 
@@ -69,9 +70,12 @@ struct StatusReport {
         int other = 0;            // any other, or none
         int canBeSent = 0;        // notes that `retry` would send
         int waitingForPairing = 0; // notes that wait because the service refused the token
+        /// True while an agent is running: it sends those notes itself, so no retry is
+        /// suggested for them.
+        bool agentWorking = false;
 
         /// The inbox line: "<n> transcribed, <n> in progress, <n> other", then
-        /// " -- <n> can be sent with: quillet-capture retry" and " -- <n> wait because
+        /// " -- <n> can be sent with: quillet-capture retry" (unless `agentWorking`) and " -- <n> wait because
         /// Veldane refused this device's token: run quillet-capture pair" when those are not
         /// zero; "no _inbox yet" or "cannot read _inbox (<error>)" when it is not listed.
         std::string text() const;
@@ -93,7 +97,14 @@ struct StatusReport {
     std::string unreadableTokenFile; // `tokenFileUnreadable` only
     bool keepVoiceMemosRunning = false;
     bool voiceMemosRunning = false;
+    /// The system this report was made on: it decides the few texts that differ.
+    Platform platform = Platform::macOS;
+    /// What the agent definition is called on this system ("LaunchAgent", "systemd user unit").
+    std::string agentName = "LaunchAgent";
     bool agentLoaded = false;
+    /// The process id of the agent working on this state folder, however it was started; none
+    /// when no agent is running.
+    std::optional<long> agentPid;
     Inbox inbox;
     CaptureRecovery::Summary recovery;
     std::string logFile; // absolute
@@ -104,6 +115,11 @@ struct StatusReport {
 
     /// The text report: lines ending in a line feed, exactly what `status` prints.
     std::string text() const;
+
+    /// The agent line: "  agent:       running (pid <n>, started by hand)" when an agent runs
+    /// that the service manager does not know, else "  <agentName>: loaded" or
+    /// "  <agentName>: not loaded -- run install".
+    std::string agentLine() const;
 
     /// The same facts as one JSON object with the keys that the manual page lists; dates are
     /// ISO 8601 in UTC; the token is never in it.

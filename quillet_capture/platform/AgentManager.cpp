@@ -31,7 +31,66 @@ void AgentManager::removeOldPellamAgent(const Print& print)
     unload(old);
     fs::remove(old, error);
     definitionRemoved();
-    print("Removed the old pellam-capture LaunchAgent.");
+    print("Removed the old pellam-capture " + name() + ".");
+}
+
+std::optional<std::string> AgentManager::homebrewOptPath(std::string_view executable)
+{
+    static constexpr std::string_view kCellar = "/Cellar/quillet-capture/";
+    static constexpr std::string_view kProgram = "/bin/quillet-capture";
+    auto cellar = executable.rfind(kCellar);
+    if (cellar == std::string_view::npos || cellar == 0 || !executable.ends_with(kProgram)) {
+        return std::nullopt;
+    }
+    auto versionStart = cellar + kCellar.size();
+    auto versionEnd = executable.size() - kProgram.size();
+    if (versionEnd <= versionStart) {
+        return std::nullopt;
+    }
+    std::string_view version = executable.substr(versionStart, versionEnd - versionStart);
+    if (version.find('/') != std::string_view::npos || version == "." || version == "..") {
+        return std::nullopt;
+    }
+    return std::string(executable.substr(0, cellar)) + "/opt/quillet-capture/bin/quillet-capture";
+}
+
+bool AgentManager::inBuildFolder(const fs::path& executable)
+{
+    fs::path folder = executable.parent_path();
+    for (const auto& part : folder) {
+        std::string name = part.string();
+        if (name == "build" || name.starts_with("build-")) {
+            return true;
+        }
+    }
+    std::error_code error;
+    for (fs::path at = folder; !at.empty(); at = at.parent_path()) {
+        if (fs::exists(at / "CMakeCache.txt", error)) {
+            return true;
+        }
+        if (at == at.parent_path()) {
+            break;
+        }
+    }
+    return false;
+}
+
+std::string AgentManager::firstLine(std::string_view output)
+{
+    static constexpr std::string_view kBlank = " \t\r";
+    while (!output.empty()) {
+        auto end = output.find('\n');
+        std::string_view line = output.substr(0, end);
+        auto first = line.find_first_not_of(kBlank);
+        if (first != std::string_view::npos) {
+            return std::string(line.substr(first, line.find_last_not_of(kBlank) + 1 - first));
+        }
+        if (end == std::string_view::npos) {
+            break;
+        }
+        output.remove_prefix(end + 1);
+    }
+    return "";
 }
 
 void AgentManager::install(const std::string& executable, const Print& print)
@@ -42,12 +101,24 @@ void AgentManager::install(const std::string& executable, const Print& print)
     // break at the next login.
     if (executable.find("/AppTranslocation/") != std::string::npos ||
         executable.find("/Downloads/") != std::string::npos) {
-        throw Error("Move the quillet-capture folder somewhere permanent first (for example\n"
-                    "~/Applications/quillet-capture/) and run install from there. The LaunchAgent\n"
-                    "and the Full Disk Access grant both point at this exact path.");
+        throw Error(temporaryLocationText());
     }
 
-    std::string text = definition(executable);
+    // Homebrew replaces the Cellar folder at each upgrade and keeps its `opt` link pointing at
+    // the new one; the link is recorded only when it leads to this very file.
+    std::string program = executable;
+    if (auto opt = homebrewOptPath(executable)) {
+        std::error_code error;
+        if (fs::equivalent(*opt, executable, error) && !error) {
+            program = *opt;
+        }
+    }
+    if (inBuildFolder(executable)) {
+        print("Warning: this program lies in a build folder; the agent will run this very file, which a rebuild "
+              "or a cleaned checkout removes.");
+    }
+
+    std::string text = definition(program);
     Paths::Layout where = layout();
     std::error_code ignored;
     fs::create_directories(where.logFolder, ignored);
@@ -70,13 +141,18 @@ void AgentManager::install(const std::string& executable, const Print& print)
     // Unloading first makes a second install replace a loaded older copy.
     unload(where.agentDefinition);
     ShellResult loaded = load(where.agentDefinition);
+    if (loaded.status != 0 && noSession(loaded)) {
+        // Nothing would ever load it: a definition left behind would only claim an install.
+        fs::remove(where.agentDefinition, ignored);
+        throw Error(noSessionText(firstLine(loaded.output)));
+    }
     if (loaded.status != 0) {
         throw Error(loadFailurePrefix() + loaded.output);
     }
 
-    rlog("[quillet] capture-cli: LaunchAgent installed (%@)", executable);
+    rlog("[quillet] capture-cli: " + name() + " installed (%@)", program);
     print("Installed. quillet-capture now runs at login and restarts if it stops.");
-    print("  program: " + executable);
+    print("  program: " + program);
     print("  agent:   " + where.agentDefinition.string());
     print("");
     print("Check it with: quillet-capture status");
@@ -90,8 +166,8 @@ void AgentManager::uninstall(const Print& print)
     if (fs::remove(file, ignored)) {
         definitionRemoved();
     }
-    rlog("[quillet] capture-cli: LaunchAgent removed");
-    print("Removed. Capture no longer starts at login. Settings and the Keychain token are kept.");
+    rlog("[quillet] capture-cli: " + name() + " removed");
+    print("Removed. Capture no longer starts at login. Settings and " + tokenName() + " are kept.");
 }
 
 void AgentManager::withAgentStopped(const std::function<void()>& body, const Print& print)
@@ -110,7 +186,11 @@ void AgentManager::withAgentStopped(const std::function<void()>& body, const Pri
         }
         ShellResult loaded = load(file);
         if (loaded.status != 0) {
-            print("Could not restart the agent: " + loaded.output + ". Run: quillet-capture install");
+            std::string reason = noSession(loaded).value_or(firstLine(loaded.output));
+            if (reason.empty()) {
+                reason = "exit status " + std::to_string(loaded.status);
+            }
+            print("Could not restart the agent (" + reason + "); start it with: quillet-capture install");
         }
     };
     try {

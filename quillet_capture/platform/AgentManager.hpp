@@ -7,6 +7,7 @@
 #include <chrono>
 #include <filesystem>
 #include <functional>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -38,6 +39,23 @@ public:
     /// The locations of this back end's platform for the environment now.
     virtual Paths::Layout layout() const = 0;
 
+    /// What the person knows the agent definition as: "LaunchAgent" or "systemd user unit".
+    virtual std::string name() const = 0;
+
+    /// The path to record in the agent definition for the program at `executable`: when it
+    /// lies in a Homebrew Cellar (`<prefix>/Cellar/quillet-capture/<version>/bin/quillet-capture`),
+    /// Homebrew's stable link `<prefix>/opt/quillet-capture/bin/quillet-capture`, which an
+    /// upgrade keeps pointing at the new version; none otherwise. Pure: looks at no file.
+    static std::optional<std::string> homebrewOptPath(std::string_view executable);
+
+    /// True when `executable` lies in a build folder, which a rebuild or a cleaned checkout
+    /// empties: a folder on its path is named "build" or starts with "build-", or one of its
+    /// folders holds a CMakeCache.txt.
+    static bool inBuildFolder(const std::filesystem::path& executable);
+
+    /// `output` as one line: its first line that is not blank, without blanks around it.
+    static std::string firstLine(std::string_view output);
+
     /// Where the agent definition lives (`agentPlistURL`).
     std::filesystem::path definitionFile() const { return layout().agentDefinition; }
 
@@ -54,9 +72,11 @@ public:
     void removeOldPellamAgent(const Print& print);
 
     /// The `install` command for the program at `executable`: removes the predecessor's
-    /// agent, refuses a translocated or downloaded location before writing anything, writes
-    /// the definition, reloads the agent, logs and prints the summary. Throws Error with the
-    /// text to show when it cannot.
+    /// agent, refuses a translocated or downloaded location before writing anything, warns
+    /// about a build folder, records Homebrew's stable path for a Cellar copy, writes the
+    /// definition, reloads the agent, logs and prints the summary. Throws Error with the text
+    /// to show when it cannot; when the service manager has no session for this user, the
+    /// definition it wrote is removed again.
     void install(const std::string& executable, const Print& print);
 
     /// The `uninstall` command: unloads the agent, deletes its definition, logs and prints.
@@ -64,7 +84,8 @@ public:
     void uninstall(const Print& print);
 
     /// Runs `body` with the agent stopped and loads it again afterwards when its definition
-    /// existed before; prints a line when it could not be restarted or is not installed.
+    /// existed before; prints one line when it could not be restarted (with the reason in a
+    /// few words) or is not installed.
     /// `body`'s exceptions pass through after the agent was restarted.
     void withAgentStopped(const std::function<void()>& body, const Print& print);
 
@@ -80,6 +101,20 @@ protected:
 
     /// Called after a definition was deleted.
     virtual void definitionRemoved() {}
+
+    /// The reason in a few words when `result` of the service manager says that it has no
+    /// session for this user to talk to; none otherwise.
+    virtual std::optional<std::string> noSession(const ShellResult&) const { return std::nullopt; }
+
+    /// The text that ends `install` when there is no session: what is missing (`detail` being
+    /// the service manager's first line) and the ways forward.
+    virtual std::string noSessionText(const std::string& detail) const { return loadFailurePrefix() + detail; }
+
+    /// The text that refuses a location that moves or disappears (a download folder).
+    virtual std::string temporaryLocationText() const = 0;
+
+    /// What `uninstall` calls the device token that it leaves where it is.
+    virtual std::string tokenName() const = 0;
 };
 
 /// launchd: a property list in ~/Library/LaunchAgents, loaded with `launchctl` in the
@@ -97,6 +132,7 @@ public:
     Paths::Layout layout() const override;
     std::string definition(const std::string& executable) const override;
     bool agentLoaded() override;
+    std::string name() const override { return "LaunchAgent"; }
 
     /// "gui/" followed by the user id of this process.
     static std::string domainTarget();
@@ -108,6 +144,8 @@ protected:
     void unload(const std::filesystem::path& definition) override;
     ShellResult load(const std::filesystem::path& definition) override;
     std::string loadFailurePrefix() const override { return "launchctl bootstrap failed: "; }
+    std::string temporaryLocationText() const override;
+    std::string tokenName() const override { return "the Keychain token"; }
 
 private:
     bool labelLoaded(const std::string& label);
@@ -126,12 +164,19 @@ public:
     Paths::Layout layout() const override;
     std::string definition(const std::string& executable) const override;
     bool agentLoaded() override;
+    std::string name() const override { return "systemd user unit"; }
 
 protected:
     void unload(const std::filesystem::path& definition) override;
     ShellResult load(const std::filesystem::path& definition) override;
     std::string loadFailurePrefix() const override { return "systemctl enable failed: "; }
     void definitionRemoved() override;
+    /// systemctl's own words when it finds no user manager: it cannot reach the user's bus
+    /// (no login session, no lingering), or the environment names none.
+    std::optional<std::string> noSession(const ShellResult& result) const override;
+    std::string noSessionText(const std::string& detail) const override;
+    std::string temporaryLocationText() const override;
+    std::string tokenName() const override { return "the device token"; }
 
 private:
     ShellResult systemctl(const std::vector<std::string>& arguments) const;

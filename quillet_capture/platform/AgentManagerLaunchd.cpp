@@ -145,6 +145,13 @@ void LaunchdAgentManager::unload(const std::filesystem::path& definition)
     }
 }
 
+std::string LaunchdAgentManager::temporaryLocationText() const
+{
+    return "Move the quillet-capture folder somewhere permanent first (for example\n"
+           "~/Applications/quillet-capture/) and run install from there. The LaunchAgent\n"
+           "and the Full Disk Access grant both point at this exact path.";
+}
+
 ShellResult LaunchdAgentManager::load(const std::filesystem::path& definition)
 {
     return shell(launchctl_, {"bootstrap", domainTarget(), definition.string()});

@@ -118,6 +118,31 @@ ShellResult SystemdAgentManager::load(const std::filesystem::path& definition)
     return systemctl({"enable", "--now", definition.filename().string()});
 }
 
+std::optional<std::string> SystemdAgentManager::noSession(const ShellResult& result) const
+{
+    for (std::string_view words : {"Failed to connect to bus", "Failed to connect to user scope bus",
+                                   "$DBUS_SESSION_BUS_ADDRESS and $XDG_RUNTIME_DIR not defined"}) {
+        if (result.output.find(words) != std::string::npos) {
+            return "no systemd user session here";
+        }
+    }
+    return std::nullopt;
+}
+
+std::string SystemdAgentManager::noSessionText(const std::string& detail) const
+{
+    return "There is no systemd user session here (systemctl --user: " + detail +
+           ").\n"
+           "Log in to a desktop or SSH session with a user manager, or run `loginctl enable-linger $USER`\n"
+           "once, then install again; or run `quillet-capture run` under another supervisor.";
+}
+
+std::string SystemdAgentManager::temporaryLocationText() const
+{
+    return "Move quillet-capture somewhere permanent first (for example ~/.local/bin/) and run\n"
+           "install from there. The systemd user unit points at this exact path.";
+}
+
 void SystemdAgentManager::definitionRemoved()
 {
     systemctl({"daemon-reload"});

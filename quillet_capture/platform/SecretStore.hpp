@@ -29,6 +29,11 @@ bool remove(std::string_view service, std::string_view account);
 /// Which back end the calls above use right now: "keychain", "secret-service" or "file".
 std::string backendName();
 
+/// Where a secret written now is kept, in words for the person: "the Keychain" on macOS,
+/// "the Secret Service" on Linux, or the path of the credentials file when the file back end
+/// is used.
+std::string place();
+
 /// True when the environment asks for the file back end (`QUILLET_TOKEN_STORE=file`).
 bool fileStoreRequested();
 

@@ -1,5 +1,7 @@
 #include "quillet_capture/platform/SecretStore.hpp"
 
+#include "quillet_capture/platform/Paths.hpp"
+
 #include <CoreFoundation/CoreFoundation.h>
 #include <Security/Security.h>
 
@@ -128,6 +130,11 @@ bool remove(std::string_view service, std::string_view account)
 std::string backendName()
 {
     return fileStoreRequested() ? "file" : "keychain";
+}
+
+std::string place()
+{
+    return backendName() == "file" ? Paths::credentialsFile().string() : "the Keychain";
 }
 
 } // namespace quillet::SecretStore

@@ -1,5 +1,7 @@
 #include "quillet_capture/platform/SecretStore.hpp"
 
+#include "quillet_capture/platform/Paths.hpp"
+
 #include "quillet_capture/platform/SessionBusLinux.hpp"
 
 #include <libsecret/secret.h>
@@ -194,6 +196,11 @@ std::string backendName()
 {
     bool tried = !fileStoreRequested() && !serviceRecentlySilent() && SessionBus::conceivable();
     return tried ? "secret-service" : "file";
+}
+
+std::string place()
+{
+    return backendName() == "file" ? Paths::credentialsFile().string() : "the Secret Service";
 }
 
 } // namespace quillet::SecretStore

@@ -165,6 +165,26 @@ TEST(StatusReport, TheJsonCarriesEveryFactOfTheText)
             r.voiceMemosRunning = false;
             r.log = {};
         },
+        [](StatusReport& r) {
+            r.agentLoaded = false;
+            r.agentPid = 4242;
+            r.inbox.agentWorking = true;
+        },
+        [](StatusReport& r) {
+            r.agentPid = 4242;
+            r.inbox.agentWorking = true;
+        },
+        [](StatusReport& r) {
+            r.platform = Platform::linux;
+            r.agentName = "systemd user unit";
+        },
+        [](StatusReport& r) {
+            r.platform = Platform::linux;
+            r.agentName = "systemd user unit";
+            r.agentLoaded = false;
+            r.folders[0].enabled = false;
+            r.folders[0].library.reset();
+        },
     };
     for (std::size_t i = 0; i < variations.size(); ++i) {
         SCOPED_TRACE("variation " + std::to_string(i));
@@ -175,6 +195,55 @@ TEST(StatusReport, TheJsonCarriesEveryFactOfTheText)
     }
     SCOPED_TRACE("the empty report");
     test::expectSameFacts(emptyReport().text(), json::parse(emptyReport().jsonText()));
+}
+
+TEST(StatusReport, TheAgentLineAndTheRetryHintFollowTheRunningAgent)
+{
+    StatusReport report = fullReport();
+    report.agentLoaded = false;
+    EXPECT_NE(report.text().find("\n  LaunchAgent: not loaded -- run install\n"), std::string::npos) << report.text();
+    EXPECT_NE(report.text().find(" -- 1 can be sent with: quillet-capture retry"), std::string::npos);
+
+    // Started by hand: named with its pid, and it sends what retry would.
+    report.agentPid = 4242;
+    report.inbox.agentWorking = true;
+    EXPECT_NE(report.text().find("\n  agent:       running (pid 4242, started by hand)\n"), std::string::npos)
+        << report.text();
+    EXPECT_EQ(report.text().find("can be sent with"), std::string::npos) << report.text();
+    EXPECT_EQ(report.text().find("run install"), std::string::npos) << report.text();
+    json facts = json::parse(report.jsonText());
+    EXPECT_EQ(facts["agent"]["pid"], 4242);
+    EXPECT_EQ(facts["agent"]["startedByHand"], true);
+    EXPECT_EQ(facts["counts"]["canBeSentWithRetry"], 1);
+}
+
+TEST(StatusReport, OnLinuxTheTextsSpeakOfWhatIsThere)
+{
+    StatusReport mac = fullReport();
+    mac.folders[0].enabled = false;
+    mac.folders[0].library.reset();
+    StatusReport onLinux = mac;
+    onLinux.platform = Platform::linux;
+    onLinux.agentName = "systemd user unit";
+
+    // macOS: as it always was.
+    EXPECT_NE(mac.text().find("\n  keep Voice Memos running: on (running now)\n  LaunchAgent: loaded\n"),
+              std::string::npos)
+        << mac.text();
+    EXPECT_NE(mac.text().find("(from the log; this Terminal has its own permissions):\n"), std::string::npos);
+
+    // Linux: no Voice Memos line while no Voice Memos folder is watched, the unit by its name,
+    // and no Terminal.
+    std::string text = onLinux.text();
+    EXPECT_EQ(text.find("Voice Memos running"), std::string::npos) << text;
+    EXPECT_NE(text.find("\n  systemd user unit: loaded\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("\nAccess as seen by the running capture (from the log):\n"), std::string::npos) << text;
+    for (const char* macOnly : {"LaunchAgent", "Terminal", "Keychain", "Mac"}) {
+        EXPECT_EQ(text.find(macOnly), std::string::npos) << macOnly << "\n" << text;
+    }
+    // A watched Voice Memos folder (copied from a Mac) brings its line back.
+    onLinux.folders[0].enabled = true;
+    EXPECT_NE(onLinux.text().find("\n  keep Voice Memos running: "), std::string::npos);
 }
 
 TEST(StatusReport, TheJsonHoldsTheGatheredValuesWithUtcDates)

@@ -2,6 +2,7 @@
 
 #include "tests/support/LogLines.hpp"
 #include "tests/support/Scratch.hpp"
+#include "tests/support/SettingsFile.hpp"
 
 #include <gtest/gtest.h>
 
@@ -33,6 +34,8 @@ struct AgentTest : ::testing::Test {
                                                   "  echo \"Failed to $2: boom\"; exit 1\n"
                                                   "fi\n");
         fs::permissions(bin.path() / "systemctl", fs::perms::owner_all);
+        // install needs a setup to run the agent with.
+        test::writeSettings();
     }
 
     std::string path() const
@@ -48,9 +51,16 @@ struct AgentTest : ::testing::Test {
 
     std::vector<std::string> calls() const { return test::readLines(bin.path() / "calls"); }
 
+    // The test program lies in the build folder.
+    static std::string buildFolderWarning()
+    {
+        return "Warning: this program lies in a build folder; the agent will run this very file, which a rebuild or a "
+               "cleaned checkout removes.\n";
+    }
+
     std::string installedText(const std::string& program) const
     {
-        return "Installed. quillet-capture now runs at login and restarts if it stops.\n  program: " + program +
+        return buildFolderWarning() + "Installed. quillet-capture now runs at login and restarts if it stops.\n  program: " + program +
                "\n  agent:   " + unit.string() + "\n\nCheck it with: quillet-capture status\n";
     }
 };
@@ -80,8 +90,8 @@ TEST_F(AgentTest, InstallTwiceReplacesTheUnitAndRestartsItAndUninstallAlwaysSucc
     EXPECT_NE(text.find("StandardError=append:" + outputFile.string() + "\n"), std::string::npos) << text;
     EXPECT_TRUE(fs::is_directory(outputFile.parent_path()));
     EXPECT_EQ(test::logMessages(), (std::vector<std::string>{
-                                       "[quillet] capture-cli: LaunchAgent installed (" + program + ")",
-                                       "[quillet] capture-cli: LaunchAgent installed (" + program + ")",
+                                       "[quillet] capture-cli: systemd user unit installed (" + program + ")",
+                                       "[quillet] capture-cli: systemd user unit installed (" + program + ")",
                                    }));
 
     // Uninstall, and again when nothing is installed.
@@ -89,8 +99,8 @@ TEST_F(AgentTest, InstallTwiceReplacesTheUnitAndRestartsItAndUninstallAlwaysSucc
         fs::remove(bin.path() / "calls");
         auto result = run({"uninstall"});
         EXPECT_EQ(result.status, 0);
-        EXPECT_EQ(result.output, "Removed. Capture no longer starts at login. Settings and the Keychain token are kept.\n");
-        EXPECT_EQ(test::logMessages().back(), "[quillet] capture-cli: LaunchAgent removed");
+        EXPECT_EQ(result.output, "Removed. Capture no longer starts at login. Settings and the device token are kept.\n");
+        EXPECT_EQ(test::logMessages().back(), "[quillet] capture-cli: systemd user unit removed");
         EXPECT_FALSE(fs::exists(unit));
     }
     EXPECT_EQ(calls(), (std::vector<std::string>{"--user disable --now " + name}));
@@ -106,9 +116,8 @@ TEST_F(AgentTest, InstallFailuresEndWithTheirOwnText)
     auto result = run({"install"}, copy.string());
     EXPECT_EQ(result.status, 1);
     EXPECT_EQ(result.output, "");
-    EXPECT_EQ(result.errors, "Move the quillet-capture folder somewhere permanent first (for example\n"
-                             "~/Applications/quillet-capture/) and run install from there. The LaunchAgent\n"
-                             "and the Full Disk Access grant both point at this exact path.\n");
+    EXPECT_EQ(result.errors, "Move quillet-capture somewhere permanent first (for example ~/.local/bin/) and run\n"
+                             "install from there. The systemd user unit points at this exact path.\n");
     EXPECT_FALSE(fs::exists(unit));
     EXPECT_FALSE(fs::exists(home.path() / ".local/state/quillet"));
 
@@ -124,7 +133,7 @@ TEST_F(AgentTest, InstallFailuresEndWithTheirOwnText)
     test::writeFile(bin.path() / "fail", "enable\n");
     result = run({"install"});
     EXPECT_EQ(result.status, 1);
-    EXPECT_EQ(result.output, "");
+    EXPECT_EQ(result.output, buildFolderWarning());
     EXPECT_EQ(result.errors, "systemctl enable failed: Failed to enable: boom\n\n");
     EXPECT_TRUE(test::logMessages().empty());
 
@@ -145,13 +154,65 @@ TEST_F(AgentTest, ThePredecessorsUnitIsRemovedBeforeInstallRuns)
     auto result = run({"install"});
     ASSERT_EQ(result.status, 0) << result.errors;
     // The migration from Pellam, first thing at start, has removed it and logged so.
-    EXPECT_TRUE(result.output.starts_with("Installed. ")) << result.output;
-    EXPECT_EQ(test::countLogLines("[quillet] migration from Pellam: Removed the old pellam-capture LaunchAgent."), 1);
+    EXPECT_TRUE(result.output.starts_with(buildFolderWarning() + "Installed. ")) << result.output;
+    EXPECT_EQ(test::countLogLines("[quillet] migration from Pellam: Removed the old pellam-capture systemd user unit."), 1);
     EXPECT_FALSE(fs::exists(old));
     auto all = calls();
     ASSERT_GE(all.size(), 2u);
     EXPECT_EQ(all[0], "--user disable --now se.kestrin.pellam-capture.service");
     EXPECT_EQ(all[1], "--user daemon-reload");
+}
+
+TEST_F(AgentTest, InstallBeforeSetupIsRefusedAndEnablesNothing)
+{
+    fs::remove(Paths::settingsFile());
+    auto result = run({"install"});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.output, "");
+    EXPECT_EQ(result.errors, "Nothing is set up yet. Run quillet-capture setup first.\n");
+    EXPECT_FALSE(fs::exists(unit));
+    EXPECT_FALSE(fs::exists(outputFile));
+    EXPECT_TRUE(calls().empty());
+}
+
+TEST_F(AgentTest, InstallWithoutAUserSessionExplainsTheWayForwardAndLeavesNoUnit)
+{
+    // systemd's own words when the login has no user manager (su, a container, SSH without
+    // lingering).
+    test::writeFile(bin.path() / "systemctl", "#!/bin/sh\n"
+                                              "printf '%s\\n' \"$*\" >> \"$(dirname \"$0\")/calls\"\n"
+                                              "echo 'Failed to connect to bus: No medium found' >&2\n"
+                                              "exit 1\n");
+    auto result = run({"install"});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.output, buildFolderWarning());
+    EXPECT_EQ(result.errors,
+              "There is no systemd user session here (systemctl --user: Failed to connect to bus: No medium found).\n"
+              "Log in to a desktop or SSH session with a user manager, or run `loginctl enable-linger $USER`\n"
+              "once, then install again; or run `quillet-capture run` under another supervisor.\n");
+    EXPECT_FALSE(fs::exists(unit));
+    EXPECT_TRUE(fs::is_empty(unit.parent_path()));
+}
+
+TEST_F(AgentTest, InstallWarnsOnlyWhenTheProgramLiesInABuildFolder)
+{
+    // Copies of the program: one installed, one in a build folder by name, one beside a
+    // CMakeCache.txt. Each is installed, with the warning only for the two build folders.
+    fs::path root = fs::canonical(home.path());
+    fs::path installed = root / ".local/bin/quillet-capture";
+    fs::path named = root / "src/quillet/build-debug/quillet-capture";
+    fs::path cached = root / "src/quillet/out/bin/quillet-capture";
+    test::writeFile(root / "src/quillet/out/CMakeCache.txt", "");
+    for (const auto& copy : {installed, named, cached}) {
+        fs::create_directories(copy.parent_path());
+        fs::copy_file(test::programPath(), copy);
+        fs::permissions(copy, fs::perms::owner_all);
+        auto result = run({"install"}, copy.string());
+        EXPECT_EQ(result.status, 0) << copy << result.errors;
+        std::string plain = installedText(copy.string()).substr(buildFolderWarning().size());
+        EXPECT_EQ(result.output, copy == installed ? plain : buildFolderWarning() + plain) << copy;
+        EXPECT_NE(test::readFile(unit).find("ExecStart=" + copy.string() + " run\n"), std::string::npos);
+    }
 }
 
 } // namespace

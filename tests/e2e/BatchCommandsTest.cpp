@@ -199,8 +199,8 @@ TEST_F(BatchCommandsTest, ImportRefusesBadInputBeforeTouchingTheAgentAndExplains
     auto result = run({"import-existing"});
     EXPECT_EQ(result.status, 1);
     EXPECT_EQ(result.output, "Cannot read " + voiceMemos.string() +
-                                 ": No such file or directory. If it says permission, grant Full Disk Access to this "
-                                 "Terminal (to run this command) and to quillet-capture (for the agent).\n");
+                                 ": No such file or directory. If it says permission, give this user read and search "
+                                 "permission on the folder (for example chmod u+rx on it).\n");
     EXPECT_EQ(calls(), stoppedAndRestarted());
     EXPECT_EQ(test::countLogLines("capture import:"), 0);
 
@@ -409,6 +409,29 @@ TEST_F(BatchCommandsTest, RetryUploadsPendingCapturesOneAtATime)
         EXPECT_GE(std::chrono::duration<double>(uploads[i].arrived - uploads[i - 1].arrived).count(), 1.9);
     }
     EXPECT_EQ(InboxWriter::readFrontmatter(inbox / (second + ".md")).vdJobStatus, "upload_failed");
+}
+
+TEST_F(BatchCommandsTest, RetryWhoseAgentCannotBeRestartedSaysSoInOneLineAndKeepsItsResult)
+{
+    // A login without a user manager: every systemctl --user call fails as systemd's own does.
+    test::writeFile(bin.path() / "systemctl", "#!/bin/sh\n"
+                                              "printf '%s\\n' \"$*\" >> \"$(dirname \"$0\")/calls\"\n"
+                                              "echo 'Failed to connect to bus: No medium found' >&2\n"
+                                              "exit 1\n");
+    install();
+    UserDefaults::setDate(CaptureRetry::watermarkKey, at(1577836800));
+    capture("261101-090000", "upload_failed");
+    fake.enqueue("POST", "sources", Answer::json(R"({"status":"ok","cache_key":"ck-1"})"));
+    auto result = run({"retry"});
+    EXPECT_EQ(result.status, 0) << result.errors;
+    EXPECT_EQ(result.output, "Uploading 1 capture...\n"
+                             "  1/1  261101-090000\n"
+                             "Uploaded 1, skipped 0, failed 0.\n"
+                             "Could not restart the agent (no systemd user session here); start it with: "
+                             "quillet-capture install\n"
+                             "The capture agent polls them to their transcripts. Follow progress with: "
+                             "quillet-capture status\n");
+    EXPECT_EQ(InboxWriter::readFrontmatter(inbox / "261101-090000.md").externalId, "ck-1");
 }
 
 TEST_F(BatchCommandsTest, RetryAndSyncNeedSetupAndAToken)

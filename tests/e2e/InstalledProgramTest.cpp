@@ -1,6 +1,7 @@
 #include "quillet_capture/platform/Paths.hpp"
 
 #include "tests/support/Scratch.hpp"
+#include "tests/support/SettingsFile.hpp"
 
 #include <gtest/gtest.h>
 
@@ -70,6 +71,10 @@ TEST_F(InstalledProgram, LaysOutTheProgramTheManualAndTheCompletionsAndSaysItsPa
               test::readFile(source + "/completions/_quillet-capture"));
     EXPECT_EQ(test::readFile(prefix / "share/fish/vendor_completions.d/quillet-capture.fish"),
               test::readFile(source + "/completions/quillet-capture.fish"));
+    // A Debian package names its licence in the file the Debian tools look for.
+    if (Paths::current() == Platform::linux) {
+        EXPECT_EQ(test::readFile(prefix / "share/doc/quillet-capture/copyright"), test::readFile(source + "/LICENSE"));
+    }
 
     // The version the program prints is the one the package and the formula are named after.
     auto version = test::runProcess(linkInHome(), {"version"});
@@ -88,6 +93,7 @@ TEST_F(InstalledProgram, InstallPointsTheAgentAtTheInstalledProgram)
     const char* system = std::getenv("PATH");
     std::string path = bin.path().string() + ":" + (system ? system : "/usr/bin:/bin");
 
+    test::writeSettings();
     // Started through a link, as from PATH: the unit names the installed file itself.
     auto result = test::runProcess(linkInHome(), {"install"}, {{"PATH", path}});
     ASSERT_EQ(result.status, 0) << result.errors;

@@ -95,7 +95,7 @@ TEST_F(PairTest, ApprovalStoresTheTokenAndShowsOnlyItsStart)
     auto result = pair();
     EXPECT_EQ(result.status, 0) << result.errors;
     EXPECT_EQ(result.output, intro("https://veldane.test/device", "15") +
-                                 "Connected. Token tok_abcdefgh... saved to the Keychain.\n");
+                                 "Connected. Token tok_abcdefgh... saved to " + Paths::credentialsFile().string() + ".\n");
     EXPECT_EQ(stored(), kToken);
     // An interval of 0 waits one second before each poll.
     EXPECT_EQ(polls(), 2u);
@@ -224,7 +224,7 @@ TEST_F(PairTest, WhereTheTokenIsSaved)
     poll(json{{"status", "approved"}, {"token", kToken}}.dump());
     auto result = pair();
     EXPECT_EQ(result.status, 1);
-    EXPECT_EQ(result.errors, "Could not save the token to the Keychain. Run pair again.\n");
+    EXPECT_EQ(result.errors, "Could not save the token to " + Paths::credentialsFile().string() + ". Run pair again.\n");
     EXPECT_EQ(test::readFile(Paths::logFile()).find("paired"), std::string::npos);
     fs::remove(Paths::credentialsFile());
 

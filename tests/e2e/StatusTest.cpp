@@ -1,5 +1,6 @@
 #include "quillet_capture/config/Keychain.hpp"
 #include "quillet_capture/config/WatchedFolder.hpp"
+#include "quillet_capture/platform/AgentLock.hpp"
 #include "quillet_capture/platform/Paths.hpp"
 #include "quillet_capture/vault/InboxWriter.hpp"
 
@@ -9,6 +10,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 
@@ -59,8 +61,7 @@ struct StatusTest : ::testing::Test {
     static std::string logSection(const std::string& access, const std::string& file,
                                   const std::vector<std::string>& tail)
     {
-        std::string text = "\nAccess as seen by the running capture (from the log; this Terminal has its own "
-                           "permissions):\n  " +
+        std::string text = "\nAccess as seen by the running capture (from the log):\n  " +
                            access + "\n\nLast log lines (" + file + "):\n";
         for (const auto& line : tail) {
             text += "  " + line + "\n";
@@ -94,8 +95,7 @@ TEST_F(StatusTest, BeforeSetup)
               "  upload:      off\n"
               "  after a transcript: off\n"
               "  paired:      no token readable here -- run pair\n"
-              "  keep Voice Memos running: off (not running now)\n"
-              "  LaunchAgent: not loaded -- run install\n"
+              "  systemd user unit: not loaded -- run install\n"
               "  inbox:       no _inbox yet\n" +
                   logSection("(no access line yet)", logFile.string(), {}));
     // It only reads: no settings file, no log file, no state appear.
@@ -163,7 +163,7 @@ TEST_F(StatusTest, AfterSetupWithNotesOfEveryStatus)
               "  after a transcript: echo done\n"
               "  paired:      yes (abcd1234...)\n"
               "  keep Voice Memos running: off (not running now)\n"
-              "  LaunchAgent: loaded\n"
+              "  systemd user unit: loaded\n"
               "  inbox:       1 transcribed, 7 in progress, 5 other -- 2 can be sent with: quillet-capture retry\n" +
                   logSection("2026-03-14T09:00:30Z [quillet] capture: Voice Memos access -> ok (3 files)",
                              logFile.string(), tail));
@@ -255,6 +255,55 @@ TEST_F(StatusTest, HugeOrUnreadableLogsStillGiveTheReport)
 
 // `status --json` against `status` of the same home, before and after setup: the same facts,
 // never the token, and only reads.
+TEST_F(StatusTest, AnAgentStartedByHandIsNamedWithItsPidAndLeftToRetryItsCaptures)
+{
+    ASSERT_EQ(run({"setup", "--vault", "~/Vault", "--no-upload", "--no-keep-voice-memos", "--watch", "~/Sync/Phone"})
+                  .status,
+              0);
+    test::writeFile(home.path() / ".local/state/quillet/defaults.json",
+                    R"({"quillet.captureRetry.watermark": "2020-01-01T00:00:00Z"})");
+    note(home.path() / "Vault", "250103-090000", "upload_failed", std::nullopt, true);
+    const std::string hint = " -- 1 can be sent with: quillet-capture retry";
+
+    const char* system = std::getenv("PATH");
+    test::ChildProcess agent(test::programPath(), {"run"},
+                             {{"PATH", bin.path().string() + ":" + (system ? system : "/usr/bin:/bin")}});
+    ASSERT_TRUE(test::eventually([&] { return AgentLock::runningAgent() == agent.pid(); }, 20));
+
+    // Unknown to the service manager: started by hand, and the agent sends the capture itself.
+    auto text = status();
+    ASSERT_EQ(text.status, 0) << text.errors;
+    EXPECT_NE(text.output.find("\n  agent:       running (pid " + std::to_string(agent.pid()) + ", started by hand)\n"),
+              std::string::npos)
+        << text.output;
+    EXPECT_EQ(text.output.find("run install"), std::string::npos) << text.output;
+    EXPECT_EQ(text.output.find("retry"), std::string::npos) << text.output;
+    auto json = run({"status", "--json"});
+    auto facts = nlohmann::json::parse(json.output);
+    test::expectSameFacts(text.output, facts);
+    EXPECT_EQ(facts["agent"]["pid"], agent.pid());
+    EXPECT_EQ(facts["agent"]["startedByHand"], true);
+    EXPECT_EQ(facts["counts"]["canBeSentWithRetry"], 1);
+
+    // Known to the service manager: loaded, and still no retry suggested.
+    test::writeFile(bin.path() / "active", "");
+    text = status();
+    EXPECT_NE(text.output.find("\n  systemd user unit: loaded\n"), std::string::npos) << text.output;
+    EXPECT_EQ(text.output.find("retry"), std::string::npos) << text.output;
+    fs::remove(bin.path() / "active");
+
+    // Once it has stopped, nothing sends the capture: retry is suggested again.
+    agent.signal(SIGTERM);
+    EXPECT_EQ(agent.wait().status, 0);
+    text = status();
+    EXPECT_NE(text.output.find("\n  systemd user unit: not loaded -- run install\n"), std::string::npos)
+        << text.output;
+    EXPECT_NE(text.output.find(hint + "\n"), std::string::npos) << text.output;
+    facts = nlohmann::json::parse(run({"status", "--json"}).output);
+    test::expectSameFacts(text.output, facts);
+    EXPECT_EQ(facts["agent"]["pid"], nullptr);
+}
+
 TEST_F(StatusTest, TheJsonCarriesTheSameFactsAsTheText)
 {
     auto text = status();

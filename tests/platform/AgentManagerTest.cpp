@@ -355,7 +355,7 @@ TEST_F(LaunchdTest, WithAgentStoppedStopsRunsTheBodyAndStartsWhatIsInstalled)
     launchctl.failVerb("bootstrap");
     manager.withAgentStopped([] {}, printed.print());
     EXPECT_EQ(printed.lines,
-              Lines{"Could not restart the agent: Failed to bootstrap: boom\n. Run: quillet-capture install"});
+              Lines{"Could not restart the agent (Failed to bootstrap: boom); start it with: quillet-capture install"});
 }
 
 TEST_F(LaunchdTest, BootstrapWaitsUntilLaunchdHasLetGoOfTheLabel)
@@ -469,6 +469,86 @@ TEST_F(SystemdTest, FailedReloadOrEnableEndsInstall)
             EXPECT_EQ(std::string(error.what()), std::string("systemctl enable failed: Failed to ") + verb + ": boom\n");
         }
     }
+}
+
+// --- where the agent finds the program --------------------------------------------------
+
+TEST(AgentProgramPath, AHomebrewCellarCopyIsNamedByItsOptLink)
+{
+    for (const std::string prefix : {"/opt/homebrew", "/usr/local", "/home/linuxbrew/.linuxbrew"}) {
+        EXPECT_EQ(AgentManager::homebrewOptPath(prefix + "/Cellar/quillet-capture/1.7.3/bin/quillet-capture"),
+                  prefix + "/opt/quillet-capture/bin/quillet-capture");
+        EXPECT_EQ(AgentManager::homebrewOptPath(prefix + "/Cellar/quillet-capture/1.7.3_1/bin/quillet-capture"),
+                  prefix + "/opt/quillet-capture/bin/quillet-capture");
+    }
+    // Not a Cellar copy of this program: recorded as it is.
+    for (const std::string other : {"/usr/bin/quillet-capture", "/opt/homebrew/bin/quillet-capture",
+                                    "/opt/homebrew/Cellar/other-tool/1.0/bin/quillet-capture",
+                                    "/opt/homebrew/Cellar/quillet-capture/1.7.3/libexec/bin/quillet-capture",
+                                    "/opt/homebrew/Cellar/quillet-capture//bin/quillet-capture",
+                                    "/opt/homebrew/Cellar/quillet-capture/1.7.3/bin/quillet-capture-old",
+                                    "/Cellar/quillet-capture/1.7.3/bin/quillet-capture"}) {
+        EXPECT_EQ(AgentManager::homebrewOptPath(other), std::nullopt) << other;
+    }
+}
+
+TEST(AgentProgramPath, BuildFoldersAreRecognisedByNameOrByTheirCMakeCache)
+{
+    test::ScratchDir dir;
+    fs::path root = fs::canonical(dir.path());
+    EXPECT_TRUE(AgentManager::inBuildFolder(root / "src/build/quillet-capture"));
+    EXPECT_TRUE(AgentManager::inBuildFolder(root / "src/build-release/bin/quillet-capture"));
+    EXPECT_FALSE(AgentManager::inBuildFolder(root / "src/builder/quillet-capture"));
+    EXPECT_FALSE(AgentManager::inBuildFolder(root / "bin/quillet-capture"));
+    test::writeFile(root / "out/CMakeCache.txt", "");
+    EXPECT_TRUE(AgentManager::inBuildFolder(root / "out/bin/quillet-capture"));
+    EXPECT_FALSE(AgentManager::inBuildFolder(root / "installed/bin/quillet-capture"));
+}
+
+TEST_F(SystemdTest, AHomebrewCopyIsRecordedByItsOptLinkOnlyWhenThatLeadsToIt)
+{
+    fs::path brew = fs::canonical(home.path()) / "linuxbrew";
+    fs::path cellar = brew / "Cellar/quillet-capture/1.7.3/bin/quillet-capture";
+    test::writeFile(cellar, "#!/bin/sh\n");
+    test::writeFile(brew / "Cellar/quillet-capture/1.7.2/bin/quillet-capture", "#!/bin/sh\n");
+    fs::create_directories(brew / "opt");
+    std::string opt = (brew / "opt/quillet-capture/bin/quillet-capture").string();
+
+    // No link yet: the Cellar path.
+    manager.install(cellar.string(), printed.print());
+    EXPECT_NE(test::readFile(unit).find("ExecStart=" + cellar.string() + " run\n"), std::string::npos);
+
+    // The link leads to another version: still the Cellar path, the file that runs now.
+    fs::create_directory_symlink("../Cellar/quillet-capture/1.7.2", brew / "opt/quillet-capture");
+    manager.install(cellar.string(), printed.print());
+    EXPECT_NE(test::readFile(unit).find("ExecStart=" + cellar.string() + " run\n"), std::string::npos);
+
+    // The link leads to this version: the link, which `brew upgrade` moves on to the next.
+    fs::remove(brew / "opt/quillet-capture");
+    fs::create_directory_symlink("../Cellar/quillet-capture/1.7.3", brew / "opt/quillet-capture");
+    printed.lines.clear();
+    manager.install(cellar.string(), printed.print());
+    EXPECT_NE(test::readFile(unit).find("ExecStart=" + opt + " run\n"), std::string::npos) << test::readFile(unit);
+    EXPECT_NE(std::find(printed.lines.begin(), printed.lines.end(), "  program: " + opt), printed.lines.end());
+}
+
+TEST_F(SystemdTest, NoUserSessionEndsInstallWithTheWayForwardAndLeavesNoUnit)
+{
+    FakeManager noBus{2};
+    test::writeFile(noBus.program, "#!/bin/sh\necho 'Failed to connect to bus: No medium found'\nexit 1\n");
+    SystemdAgentManager without{noBus.program.string()};
+    try {
+        without.install("/opt/q/quillet-capture", printed.print());
+        ADD_FAILURE() << "install succeeded";
+    } catch (const AgentManager::Error& error) {
+        EXPECT_EQ(std::string(error.what()),
+                  "There is no systemd user session here (systemctl --user: Failed to connect to bus: No medium "
+                  "found).\n"
+                  "Log in to a desktop or SSH session with a user manager, or run `loginctl enable-linger $USER`\n"
+                  "once, then install again; or run `quillet-capture run` under another supervisor.");
+    }
+    EXPECT_FALSE(fs::exists(unit));
+    EXPECT_TRUE(test::logMessages().empty());
 }
 
 TEST_F(SystemdTest, WithAgentStoppedAroundAnActiveUnitOrWithoutOne)
