@@ -578,11 +578,16 @@ std::vector<FolderWatcher::NewCapture> FolderWatcher::poll(const CaptureAccess::
 
     // 2. The guards look at all of them together: one stability wait serves a burst.
     std::vector<CaptureGuards::Verdict> verdicts(candidates.size(), CaptureGuards::Verdict::proceed());
+    // What each file was before it was judged: a file skipped as too short is kept as it was
+    // when measured, so that bytes written while it was measured (or before its skip is
+    // recorded) count as a change and it is judged again.
+    std::vector<std::optional<std::string>> judged(candidates.size());
     if (runGuards_) {
         std::vector<fs::path> files;
         files.reserve(candidates.size());
-        for (const auto& candidate : candidates) {
-            files.push_back(candidate.file);
+        for (std::size_t index = 0; index < candidates.size(); ++index) {
+            files.push_back(candidates[index].file);
+            judged[index] = fileIdentity(candidates[index].file);
         }
         auto probes = probes_;
         if (usableLibrary() != nullptr) {
@@ -629,8 +634,7 @@ std::vector<FolderWatcher::NewCapture> FolderWatcher::poll(const CaptureAccess::
         if (verdict.kind == CaptureGuards::Verdict::Kind::skip) {
             rlog("[quillet] capture: [%@] skipping %@ (%@)", folder_.displayName, name, verdict.reason);
             // Too short as it is now; kept as it is, to be judged again once it changes.
-            seen.push_back({name, "", "",
-                            CaptureGuards::skipsForLength(verdict) ? fileIdentity(file).value_or("") : ""});
+            seen.push_back({name, "", "", CaptureGuards::skipsForLength(verdict) ? judged[index].value_or("") : ""});
             continue;
         }
         if (!captured && recording == nullptr && editOf.empty()) {

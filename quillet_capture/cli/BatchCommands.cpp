@@ -429,6 +429,10 @@ void cmdImportExisting(const std::vector<std::string>& arguments)
         }
         folders = {*folder};
     }
+    if (folders.empty()) {
+        out("No folder is watched, so there is nothing to bring in. Add one with: quillet-capture config watch FOLDER");
+        runtime::exitProcess(0);
+    }
 
     // What the person removed from the vault, asked per folder.
     std::map<std::string, CaptureImport::RemovedByPerson> removedIn;

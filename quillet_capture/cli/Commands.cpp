@@ -78,7 +78,7 @@ const std::vector<Command>& commandTable()
                     {"--upload", Value::none, "", "send recordings to Veldane again after an earlier --no-upload", false},
                     {"--no-keep-voice-memos", Value::none, "",
                      onSystem("do not keep the Voice Memos app running in the background",
-                              "do not keep the Voice Memos app running (it exists only on macOS: no effect here)"),
+                              "do not keep the Voice Memos app running (there is none on Linux: no effect here)"),
                      false},
                     {"--after-transcript", Value::text, "'<command>'",
                      "run this shell command in the vault after each transcript (QUILLET_ID, QUILLET_FILE and "

@@ -150,13 +150,13 @@ std::string formatLog(std::string_view format, std::initializer_list<LogArg> arg
     return result;
 }
 
-void rlogMessage(const std::string& message)
+void rlogMessage(const std::string& message, Echo echo)
 {
     // One line of UTF-8 whatever the message holds: a file name with a line break cannot
     // forge a line, and one that is not UTF-8 cannot keep status from showing the log.
     const std::string safe = Utf8::escapedLine(message);
     System::systemLog(safe);
-    if (QuilletLog::echoesToStandardError()) {
+    if (echo == Echo::always || QuilletLog::echoesToStandardError()) {
         std::string line = safe + "\n";
         std::fwrite(line.data(), 1, line.size(), stderr);
     }

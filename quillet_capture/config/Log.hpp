@@ -38,9 +38,14 @@ struct LogArg {
 /// inserted once and never re-read as formats.
 std::string formatLog(std::string_view format, std::initializer_list<LogArg> args);
 
-/// Sends a finished message to the system log (and standard error, see
-/// `QuilletLog::echoToStandardError`) and to the log file.
-void rlogMessage(const std::string& message);
+/// Where a log line goes besides the system log and the log file.
+enum class Echo {
+    asSet,  ///< to standard error when `QuilletLog::echoToStandardError` is on
+    always, ///< to standard error whatever the command: news of the person's own files
+};
+
+/// Sends a finished message to the system log, the log file and (see `Echo`) standard error.
+void rlogMessage(const std::string& message, Echo echo = Echo::asSet);
 
 /// The one logging call: formats the message, writes it to the system log and standard error,
 /// and queues its append to the log file. Returns at once; never fails. Any thread.
@@ -48,6 +53,14 @@ template <typename... Args>
 void rlog(std::string_view format, const Args&... args)
 {
     rlogMessage(formatLog(format, {LogArg(args)...}));
+}
+
+/// `rlog` for what the person must hear of even from a one-shot command that keeps its log
+/// lines off the terminal: a settings file that cannot be used, a token file made private.
+template <typename... Args>
+void rlogNotice(std::string_view format, const Args&... args)
+{
+    rlogMessage(formatLog(format, {LogArg(args)...}), Echo::always);
 }
 
 /// The log file shared with the menu-bar app.

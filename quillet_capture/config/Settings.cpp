@@ -82,7 +82,7 @@ void Settings::load()
         problem = fs::is_regular_file(file, error) ? "it cannot be read" : "it is not a regular file";
     }
     if (problem && problem != unreadable_) {
-        rlog("[quillet] capture-cli: settings file %@ cannot be used (%@); using the defaults", file.string(),
+        rlogNotice("[quillet] capture-cli: settings file %@ cannot be used (%@); using the defaults", file.string(),
              *problem);
     }
     unreadable_ = std::move(problem);

@@ -29,7 +29,7 @@ json load(const std::filesystem::path& file)
     struct stat info {};
     if (::stat(file.c_str(), &info) == 0 && S_ISREG(info.st_mode) && (info.st_mode & 077) != 0 &&
         ::chmod(file.c_str(), 0600) == 0) {
-        rlog("[quillet] token store: %@ was readable by others; made it owner-only (0600)", file.string());
+        rlogNotice("[quillet] token store: %@ was readable by others; made it owner-only (0600)", file.string());
     }
     auto text = readWholeFile(file);
     if (!text) {

@@ -75,6 +75,7 @@ struct BatchCommandsTest : ::testing::Test {
             s.vaultPath = vault.string();
             s.veldaneBaseURL = fake.baseURL();
             s.captureVeldaneEnabled = true;
+            s.captureVoiceMemosEnabled = true;
         });
         setenv("QUILLET_TOKEN_STORE", "file", 1);
         EXPECT_TRUE(Keychain::setDeviceToken(std::string(kToken)));
@@ -172,8 +173,7 @@ TEST_F(BatchCommandsTest, ImportWithoutADateTakesEverythingAndWarnsWhenNotPaired
     recordings({"20240131 235959.m4a", "Interview.m4a"});
     ASSERT_TRUE(Keychain::setDeviceToken(std::nullopt));
 
-    // "--since" without a value sets no limit.
-    auto result = run({"import-existing", "--since"});
+    auto result = run({"import-existing"});
     EXPECT_EQ(result.status, 0) << result.errors;
     EXPECT_EQ(result.output, notInstalled() + "Queued 2 recordings from " + voiceMemos.string() +
                                  ".\n"
@@ -208,9 +208,10 @@ TEST_F(BatchCommandsTest, ImportRefusesBadInputBeforeTouchingTheAgentAndExplains
     recordings({"20240131 235959.m4a"});
     for (const char* since : {"2026-13-40", "yesterday", "2026-02-30"}) {
         result = run({"import-existing", "--since", since});
-        EXPECT_EQ(result.status, 1) << since;
+        EXPECT_EQ(result.status, 2) << since;
         EXPECT_EQ(result.output, "");
-        EXPECT_EQ(result.errors, "--since wants a date like 2026-09-01\n");
+        EXPECT_EQ(result.errors, std::string("import-existing: --since wants a date like 2026-09-01, not \"") + since +
+                                     "\" (see quillet-capture import-existing --help)\n");
     }
     fs::remove(Paths::settingsFile());
     result = run({"import-existing"});

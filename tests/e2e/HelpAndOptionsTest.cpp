@@ -31,6 +31,7 @@ struct HelpAndOptionsTest : ::testing::Test {
 
     HelpAndOptionsTest()
     {
+        toolVersion = "1.7.3";
         fs::create_directories(vault / "_inbox");
         fs::create_directories(watched);
         test::writeWav(watched / "before.wav", 8000, 16000);

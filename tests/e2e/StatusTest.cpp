@@ -277,7 +277,7 @@ TEST_F(StatusTest, AnAgentStartedByHandIsNamedWithItsPidAndLeftToRetryItsCapture
               std::string::npos)
         << text.output;
     EXPECT_EQ(text.output.find("run install"), std::string::npos) << text.output;
-    EXPECT_EQ(text.output.find("retry"), std::string::npos) << text.output;
+    EXPECT_EQ(text.output.find("quillet-capture retry"), std::string::npos) << text.output;
     auto json = run({"status", "--json"});
     auto facts = nlohmann::json::parse(json.output);
     test::expectSameFacts(text.output, facts);
@@ -289,7 +289,7 @@ TEST_F(StatusTest, AnAgentStartedByHandIsNamedWithItsPidAndLeftToRetryItsCapture
     test::writeFile(bin.path() / "active", "");
     text = status();
     EXPECT_NE(text.output.find("\n  systemd user unit: loaded\n"), std::string::npos) << text.output;
-    EXPECT_EQ(text.output.find("retry"), std::string::npos) << text.output;
+    EXPECT_EQ(text.output.find("quillet-capture retry"), std::string::npos) << text.output;
     fs::remove(bin.path() / "active");
 
     // Once it has stopped, nothing sends the capture: retry is suggested again.

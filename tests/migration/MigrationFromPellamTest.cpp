@@ -165,7 +165,8 @@ TEST_P(MigrationTest, EveryItemMovesOnceAndASecondRunDoesNothing)
     EXPECT_EQ(namesContaining("pellam-old"), 0);
     EXPECT_FALSE(MigrationFromPellam::hasLeftovers(pellam()));
 
-    EXPECT_TRUE(logged("Removed the old pellam-capture LaunchAgent."));
+    EXPECT_TRUE(logged(std::string("Removed the old pellam-capture ") +
+                       (GetParam() == Platform::macOS ? "LaunchAgent" : "systemd user unit") + "."));
     EXPECT_TRUE(logged("capture no longer starts at login. Run: quillet-capture install"));
     EXPECT_TRUE(logged("moved " + pellam().settingsFile.string() + " to " + layout.settingsFile.string()));
     EXPECT_TRUE(logged("moved the device token from se.kestrin.pellam.mac to se.Brannick.quillet.mac"));
