@@ -30,19 +30,6 @@ constexpr std::size_t kTitleWidth = 36;
     runtime::exitProcess(2);
 }
 
-std::string localMinute(const std::optional<std::chrono::system_clock::time_point>& time)
-{
-    if (!time) {
-        return "";
-    }
-    std::time_t seconds = std::chrono::system_clock::to_time_t(*time);
-    std::tm local{};
-    localtime_r(&seconds, &local);
-    char text[32];
-    std::strftime(text, sizeof text, "%Y-%m-%d %H:%M", &local);
-    return text;
-}
-
 std::size_t width(const std::string& text)
 {
     return Utf8::codePoints(text).size();
@@ -127,7 +114,7 @@ void printText(const std::vector<Item>& items, bool all, bool verified)
         }
         out(CaptureAudit::words(state) + " (" + std::to_string(group.size()) + ")");
         for (const auto* item : group) {
-            std::string line = "  " + padded(localMinute(item->date), 16) + "  " + padded(label(*item), titleColumn);
+            std::string line = "  " + padded(item->date ? localMinute(*item->date) : "", 16) + "  " + padded(label(*item), titleColumn);
             if (!item->id.empty() && item->id != item->title) {
                 line += "  " + item->id;
             }

@@ -305,20 +305,6 @@ void cmdRetry(const std::vector<std::string>& arguments)
 namespace {
 
 // "2024-02-01 09:30" in the local time zone; "unknown date" without one.
-std::string localMinute(std::optional<std::chrono::system_clock::time_point> time)
-{
-    if (!time) {
-        return "unknown date";
-    }
-    tzset();
-    std::time_t seconds = std::chrono::system_clock::to_time_t(*time);
-    std::tm local{};
-    localtime_r(&seconds, &local);
-    char text[64];
-    std::strftime(text, sizeof text, "%Y-%m-%d %H:%M", &local);
-    return text;
-}
-
 // The watched folder that `path` names (a leading "~" expanded, a relative path taken from the
 // working folder, links resolved), among `folders`.
 std::optional<WatchedFolder> watchedFolderAt(const std::string& path, const std::vector<WatchedFolder>& folders)
@@ -366,7 +352,7 @@ void printImportSummary(const std::vector<CaptureImport::Result>& results, Captu
     for (const auto& result : results) {
         if (dryRun) {
             for (const auto& recording : result.recordings) {
-                out(result.folderPath + "  " + recording.name + "  " + localMinute(recording.date));
+                out(result.folderPath + "  " + recording.name + "  " + (recording.date ? localMinute(*recording.date) : "unknown date"));
             }
             continue;
         }

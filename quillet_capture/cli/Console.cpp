@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <ctime>
 
 namespace quillet {
 
@@ -104,6 +105,18 @@ void usage()
 {
     out(usageText());
     runtime::exitProcess(0);
+}
+
+std::string localMinute(std::chrono::system_clock::time_point time)
+{
+    // The zone may have changed since the process started (a test's TZ, a laptop that travelled).
+    tzset();
+    std::time_t seconds = std::chrono::system_clock::to_time_t(time);
+    std::tm local{};
+    localtime_r(&seconds, &local);
+    char text[32];
+    std::strftime(text, sizeof text, "%Y-%m-%d %H:%M", &local);
+    return text;
 }
 
 std::string plural(int count, const std::string& word)

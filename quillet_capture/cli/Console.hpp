@@ -2,6 +2,7 @@
 
 #include "quillet_capture/platform/System.hpp"
 
+#include <chrono>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -29,6 +30,10 @@ std::string plural(int count, const std::string& word);
 /// The element right after the first one equal to `name`; absent when `name` is missing or
 /// last. A value that starts with "--" is returned as it is.
 std::optional<std::string> option(std::string_view name, const std::vector<std::string>& arguments);
+
+/// `time` as the person's clock shows it, to the minute: "2026-11-26 09:05" in the current
+/// time zone.
+std::string localMinute(std::chrono::system_clock::time_point time);
 
 /// The usage text of `platform`, without the final line feed. The Linux text names Linux's
 /// own things (the systemd user unit, the shell that runs the after-transcript command).
